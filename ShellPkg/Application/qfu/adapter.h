@@ -1,0 +1,66 @@
+// The supported adapters and their discovery on PCI.
+#pragma once
+
+#include "flash_slot.h"
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+struct QFU_CONTEXT;
+
+/// A detect routine: fills the slots of a new adapter.
+using QFU_DETECT = std::uint32_t (*)(QFU_ADAPTER&);
+
+/// One kind of adapter that the program serves.
+struct QFU_DEVICE_ENTRY {
+    std::uint16_t vendor_id;
+    std::uint16_t device_id;
+    std::uint8_t flash_if; ///< QFU_FLASH_IF_*
+    std::uint8_t generation;
+    std::uint8_t port_count; ///< SATA ports
+    QFU_DETECT detect;       ///< may be null
+};
+
+/// One adapter found on PCI. Lives in the context, for the whole run.
+struct QFU_ADAPTER {
+    QFU_CONTEXT* context;
+    platform::RootBridge* root_bridge;
+    std::uint16_t vendor_id;
+    std::uint16_t device_id;
+    std::uint16_t subsystem_id;
+    std::uint16_t subsystem_vendor_id;
+    std::uint16_t bus;
+    std::uint16_t dev;
+    std::uint16_t func; ///< always 0
+    std::uint8_t flash_if;
+    std::uint8_t generation;
+    std::uint8_t port_count;
+    std::uint8_t index;               ///< position in the adapter list
+    std::uint32_t class_rev;          ///< revision in bits 0 to 7, class code in bits 8 to 31
+    std::uint64_t pci_address;        ///< bus in bits 24 to 31, device in bits 16 to 23
+    std::array<std::uint32_t, 6> bar; ///< low four bits cleared
+    std::uint32_t reg_base; ///< base of the flash controller's registers; set by detection
+    std::uint32_t aux_base; ///< base of the NOR window; set by detection
+    QFU_DETECT detect;
+    QFU_FLASH_SLOT* current_slot; ///< the selected slot; null when detection found no chip
+    std::array<QFU_FLASH_SLOT, 2> slot;
+};
+
+/// Adapters that one run serves at most.
+inline constexpr std::size_t QFU_MAX_ADAPTERS = 6;
+
+/// The supported adapters, in the order in which they are searched and listed.
+std::span<const QFU_DEVICE_ENTRY> qfu_supported_adapters();
+
+/// Reads one 16-bit configuration register; `address` carries the register in its low byte.
+/// @returns the value, or 0x5A5A when the firmware reports a failure
+std::uint16_t qfu_pci_read16(platform::RootBridge* bridge, std::uint64_t address);
+
+/// Searches PCI for the adapters of one row and appends them to the context's list.
+/// @returns EFI_SUCCESS, also when the user breaks the scan; EFI_UNSUPPORTED without a root bridge
+EFI_STATUS qfu_scan_pci(const QFU_DEVICE_ENTRY& row, QFU_CONTEXT& context);
+
+/// Fills the context's adapter list with the adapters of `table` that the request's vendor and
+/// device filters let through, row by row.
+void qfu_discover(std::span<const QFU_DEVICE_ENTRY> table, QFU_CONTEXT& context);

@@ -1,0 +1,152 @@
+#include "flash_slot.h"
+
+#include "adapter.h"
+#include "console.h"
+#include "context.h"
+#include "spi_flash.h"
+
+namespace {
+
+constexpr std::uint32_t READ_FAILED = 0x5A5A5A5A;
+
+constexpr std::uint32_t DATA_REGISTER = QFU_INDEX_REGISTER + 4;
+constexpr std::uint32_t INDEX_SPI_SPACE = 0x06000000; ///< the SPI controller behind the index
+constexpr std::uint8_t GENERATION_BARE_INDEX = 2;     ///< has nothing else behind the index
+
+/// Register windows of kinds 2 and 4.
+constexpr std::uint32_t BAR2_SPI_WINDOW = 0xC800;
+constexpr std::uint32_t BAR0_SPI_WINDOW = 0x1C800;
+
+void select_indexed(QFU_ADAPTER& adapter, std::uint32_t reg) {
+    const std::uint32_t space = adapter.generation == GENERATION_BARE_INDEX ? 0 : INDEX_SPI_SPACE;
+    qfu_mem_write32(adapter.root_bridge, adapter.reg_base + QFU_INDEX_REGISTER, reg | space);
+}
+
+/// How the registers of one interface kind are reached.
+struct Access {
+    std::uint8_t flash_if;
+    std::uint32_t (*read)(QFU_ADAPTER&, std::uint32_t);
+    void (*write)(QFU_ADAPTER&, std::uint32_t, std::uint32_t);
+    std::uint8_t reg_bar;
+    bool has_aux; ///< BAR 0 is the NOR window
+};
+
+constexpr Access ACCESS[] = {
+    {QFU_FLASH_IF_INDEXED, qfu_spireg_read_indexed, qfu_spireg_write_indexed, 5, false},
+    {QFU_FLASH_IF_BAR2,    qfu_spireg_read_bar2,    qfu_spireg_write_bar2,    2, true },
+    {QFU_FLASH_IF_BAR0,    qfu_spireg_read_bar0,    qfu_spireg_write_bar0,    0, false},
+};
+
+const Access* find_access(std::uint8_t flash_if) {
+    for (const Access& access : ACCESS) {
+        if (access.flash_if == flash_if) {
+            return &access;
+        }
+    }
+    return nullptr;
+}
+
+/// An interface kind that nothing serves: no operations, no registers.
+std::uint32_t reject(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot) {
+    const void* chip = slot.chip;
+    const std::uintptr_t chip_type = slot.chip_type;
+    slot = {};
+    slot.chip = chip;
+    slot.chip_type = chip_type;
+    adapter.reg_base = 0;
+    adapter.aux_base = 0;
+    return QFU_FAILED;
+}
+
+/// Identifies the chip behind `slot`; the selection stays on it only when there is one.
+void probe(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot, const char* missing, std::uint32_t number) {
+    adapter.current_slot = &slot;
+    if (slot.probe != nullptr) {
+        slot.probe(adapter);
+    }
+    if (slot.chip == nullptr) {
+        qfu_print(missing, number);
+        adapter.current_slot = nullptr;
+    }
+}
+
+} // namespace
+
+std::uint32_t qfu_mem_read32(platform::RootBridge* bridge, std::uint32_t address) {
+    std::uint32_t value = 0;
+    return platform::memory_read32(bridge, address, value) == EFI_SUCCESS ? value : READ_FAILED;
+}
+
+EFI_STATUS qfu_mem_write32(platform::RootBridge* bridge, std::uint32_t address,
+                           std::uint32_t value) {
+    return platform::memory_write32(bridge, address, value);
+}
+
+std::uint32_t qfu_spireg_read_indexed(QFU_ADAPTER& adapter, std::uint32_t reg) {
+    select_indexed(adapter, reg);
+    return qfu_mem_read32(adapter.root_bridge, adapter.reg_base + DATA_REGISTER);
+}
+
+void qfu_spireg_write_indexed(QFU_ADAPTER& adapter, std::uint32_t reg, std::uint32_t value) {
+    select_indexed(adapter, reg);
+    qfu_mem_write32(adapter.root_bridge, adapter.reg_base + DATA_REGISTER, value);
+}
+
+std::uint32_t qfu_spireg_read_bar2(QFU_ADAPTER& adapter, std::uint32_t reg) {
+    return qfu_mem_read32(adapter.root_bridge, adapter.reg_base + BAR2_SPI_WINDOW + reg);
+}
+
+void qfu_spireg_write_bar2(QFU_ADAPTER& adapter, std::uint32_t reg, std::uint32_t value) {
+    qfu_mem_write32(adapter.root_bridge, adapter.reg_base + BAR2_SPI_WINDOW + reg, value);
+}
+
+std::uint32_t qfu_spireg_read_bar0(QFU_ADAPTER& adapter, std::uint32_t reg) {
+    return qfu_mem_read32(adapter.root_bridge, adapter.reg_base + BAR0_SPI_WINDOW + reg);
+}
+
+void qfu_spireg_write_bar0(QFU_ADAPTER& adapter, std::uint32_t reg, std::uint32_t value) {
+    qfu_mem_write32(adapter.root_bridge, adapter.reg_base + BAR0_SPI_WINDOW + reg, value);
+}
+
+std::uint32_t qfu_spi_detect(QFU_ADAPTER& adapter) {
+    QFU_FLASH_SLOT& slot = adapter.slot[1];
+    const Access* access = find_access(adapter.flash_if);
+    if (access == nullptr) {
+        return reject(adapter, slot);
+    }
+    slot.reg_read = access->read;
+    slot.reg_write = access->write;
+    adapter.reg_base = adapter.bar[access->reg_bar];
+    adapter.aux_base = access->has_aux ? adapter.bar[0] : 0;
+    qfu_spiflash_install(slot);
+    probe(adapter, slot, "\nNo found any SPI Flash dev...%d\n", 1327);
+    return 0;
+}
+
+std::uint32_t qfu_nor_detect(QFU_ADAPTER& adapter) {
+    QFU_FLASH_SLOT& slot = adapter.slot[0];
+    if (adapter.flash_if != QFU_FLASH_IF_BAR2) {
+        return reject(adapter, slot);
+    }
+    qfu_spi_detect(adapter);
+    probe(adapter, slot, "\nNo found any NOR Flash dev...%d\n", 950);
+    return 0;
+}
+
+QFU_FLASH_SLOT* qfu_current_slot(QFU_ADAPTER& adapter) {
+    if (adapter.current_slot == nullptr) {
+        adapter.current_slot = &adapter.slot[adapter.flash_if == QFU_FLASH_IF_BAR2 ? 0 : 1];
+    }
+    if (adapter.context->has(QFU_REQ_CHIP_SELECT)) {
+        adapter.current_slot = &adapter.slot[adapter.context->chip_select];
+    }
+    return adapter.current_slot;
+}
+
+std::uint32_t qfu_flash_size(QFU_ADAPTER& adapter) {
+    const QFU_FLASH_SLOT* slot = qfu_current_slot(adapter);
+    if (slot->chip == nullptr || slot->chip_type != QFU_CHIP_SPI) {
+        return 0;
+    }
+    return static_cast<const QFU_CHIP_ENTRY*>(slot->chip)->whole_size;
+}

@@ -1,0 +1,11 @@
+#include "clock.h"
+
+#include "system.h"
+
+namespace platform {
+
+void stall(std::size_t microseconds) {
+    system().boot->Stall(microseconds);
+}
+
+} // namespace platform

@@ -1,0 +1,24 @@
+// What the shell that started the program tells it: its arguments and the user's break.
+#pragma once
+
+#include "efi.h"
+
+#include <cstddef>
+
+namespace platform {
+
+/// The shell's argument vector; the strings belong to the shell and end with a zero character.
+struct Arguments {
+    std::size_t count;
+    CHAR16** values;
+};
+
+/// Asks the image's shell parameters for the arguments, or the older shell's interface.
+/// @returns false when the image was not started by a shell
+bool arguments(Arguments& out);
+
+/// True once the user has broken the running command (Ctrl-C), and from then on to the end of the
+/// run: the shell's event forgets a break as soon as it has been read.
+bool break_requested();
+
+} // namespace platform
