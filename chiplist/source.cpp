@@ -1,0 +1,115 @@
+#include "source.h"
+
+#include "support/table_reader.h"
+
+#include <cctype>
+#include <charconv>
+#include <optional>
+#include <string_view>
+
+namespace chiplist {
+namespace {
+
+using support::TableReader;
+
+/// A number of bytes: digits, then perhaps K or M.
+std::optional<std::uint32_t> parse_size(std::string_view text) {
+    std::uint64_t scale = 1;
+    if (text.ends_with('K') || text.ends_with('M')) {
+        scale = text.back() == 'K' ? 1024 : 1024 * 1024;
+        text.remove_suffix(1);
+    }
+    std::uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number * scale > UINT32_MAX) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(number * scale);
+}
+
+std::uint32_t read_size(TableReader& reader, std::string_view key,
+                        std::optional<std::uint32_t> otherwise) {
+    if (otherwise && !reader.has(key)) {
+        return *otherwise;
+    }
+    const auto size = parse_size(reader.text(key));
+    if (!size) {
+        reader.fail(key, "must be a size like \"4K\" or \"2M\"");
+    }
+    return *size;
+}
+
+std::uint8_t read_opcode(TableReader& reader, std::string_view key, std::uint8_t otherwise) {
+    return static_cast<std::uint8_t>(reader.number(key, 0, 0xFF, otherwise));
+}
+
+/// Fields that chips share unless an entry says otherwise; in a source's common table all are
+/// given.
+void read_shared_fields(TableReader& reader, QFU_CHIP_ENTRY& entry) {
+    entry.op_write_enable = read_opcode(reader, "write_enable", entry.op_write_enable);
+    entry.op_read_status = read_opcode(reader, "read_status", entry.op_read_status);
+    entry.op_write_status = read_opcode(reader, "write_status", entry.op_write_status);
+    entry.op_read = read_opcode(reader, "read", entry.op_read);
+    entry.op_program = read_opcode(reader, "program", entry.op_program);
+    entry.op_sector_erase = read_opcode(reader, "sector_erase", entry.op_sector_erase);
+    entry.op_block_erase = read_opcode(reader, "block_erase", entry.op_block_erase);
+    entry.op_chip_erase = read_opcode(reader, "chip_erase", entry.op_chip_erase);
+    entry.sector_size = read_size(reader, "sector", entry.sector_size);
+    entry.block_size = read_size(reader, "block", entry.block_size);
+}
+
+/// Pairs of hexadecimal digits with or without spaces between them.
+void read_id(TableReader& reader, QFU_CHIP_ENTRY& entry) {
+    std::string digits;
+    for (const char c : reader.text("id")) {
+        if (c != ' ') {
+            digits.push_back(c);
+        }
+    }
+    const bool hex = digits.find_first_not_of("0123456789ABCDEFabcdef") == std::string::npos;
+    if (!hex || digits.size() % 2 != 0 || digits.size() / 2 > entry.id_bytes.size()) {
+        reader.fail("id", "must be bytes in hexadecimal like \"EF 40 16\"");
+    }
+    entry.id_len = static_cast<std::uint8_t>(digits.size() / 2);
+    for (std::size_t i = 0; i < entry.id_len; ++i) {
+        std::from_chars(&digits[2 * i], &digits[2 * i] + 2, entry.id_bytes[i], 16);
+    }
+}
+
+Chip read_chip(const toml::table& table, const std::filesystem::path& file,
+               const QFU_CHIP_ENTRY& common) {
+    TableReader reader(table, file);
+    Chip chip{common, reader.texts("parts"), reader.text("note", "")};
+    if (chip.parts.empty()) {
+        reader.fail("parts", "must name at least one part");
+    }
+    read_id(reader, chip.entry);
+    chip.entry.whole_size = read_size(reader, "size", std::nullopt);
+    read_shared_fields(reader, chip.entry);
+    reader.finish();
+    return chip;
+}
+
+} // namespace
+
+ChipList read_source(const std::filesystem::path& file) {
+    const toml::table root = support::parse_toml(file);
+    TableReader reader(root, file);
+    ChipList list{1, 1, {}, {}};
+    for (const std::int64_t opcode : reader.numbers("id_opcodes", 1, 0xFF)) {
+        list.id_opcodes.push_back(static_cast<std::uint32_t>(opcode));
+    }
+    QFU_CHIP_ENTRY common{};
+    if (const toml::table* table = reader.table("common")) {
+        TableReader common_reader(*table, file);
+        read_shared_fields(common_reader, common);
+        common_reader.finish();
+    }
+    for (const toml::table* chip : reader.tables("chip")) {
+        list.chips.push_back(read_chip(*chip, file, common));
+    }
+    reader.finish();
+    return list;
+}
+
+} // namespace chiplist

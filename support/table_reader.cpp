@@ -1,0 +1,133 @@
+#include "support/table_reader.h"
+
+#include <utility>
+
+namespace support {
+namespace {
+
+template <class Value>
+const Value& as_array_element(const toml::node& element, const TableReader& reader,
+                              std::string_view key, const std::string& what) {
+    const auto* value = element.as<Value>();
+    if (value == nullptr) {
+        reader.fail(key, "must hold nothing but " + what);
+    }
+    return value->get();
+}
+
+std::string range(std::int64_t least, std::int64_t most) {
+    return "from " + std::to_string(least) + " to " + std::to_string(most);
+}
+
+} // namespace
+
+toml::table parse_toml(const std::filesystem::path& file) {
+    try {
+        return toml::parse_file(file.string());
+    } catch (const toml::parse_error& error) {
+        throw InputError(file.string() + ":" + std::to_string(error.source().begin.line) + ": " +
+                         std::string(error.description()));
+    }
+}
+
+TableReader::TableReader(const toml::table& table, std::filesystem::path file)
+    : table_(table), file_(std::move(file)) {}
+
+void TableReader::fail(std::string_view key, const std::string& what) const {
+    const toml::node* node = table_.get(key);
+    const auto& source = node != nullptr ? node->source() : table_.source();
+    throw InputError(file_.string() + ":" + std::to_string(source.begin.line) + ": " +
+                     std::string(key) + ": " + what);
+}
+
+std::int64_t TableReader::number(std::string_view key, std::int64_t least, std::int64_t most,
+                                 std::optional<std::int64_t> otherwise) {
+    const toml::node* node = take(key);
+    if (node == nullptr) {
+        return otherwise ? *otherwise : (fail(key, "is missing"), 0);
+    }
+    const auto value = node->value_exact<std::int64_t>();
+    if (!value || *value < least || *value > most) {
+        fail(key, "must be a number " + range(least, most));
+    }
+    return *value;
+}
+
+std::string TableReader::text(std::string_view key, std::optional<std::string> otherwise) {
+    const toml::node* node = take(key);
+    if (node == nullptr) {
+        return otherwise ? *otherwise : (fail(key, "is missing"), "");
+    }
+    const auto value = node->value_exact<std::string>();
+    if (!value) {
+        fail(key, "must be a text");
+    }
+    return *value;
+}
+
+std::vector<std::int64_t> TableReader::numbers(std::string_view key, std::int64_t least,
+                                               std::int64_t most) {
+    std::vector<std::int64_t> result;
+    if (const toml::node* node = take(key)) {
+        if (!node->is_array()) {
+            fail(key, "must be a list of numbers");
+        }
+        for (const toml::node& element : *node->as_array()) {
+            const auto value = as_array_element<std::int64_t>(element, *this, key, "numbers");
+            if (value < least || value > most) {
+                fail(key, "must hold numbers " + range(least, most));
+            }
+            result.push_back(value);
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> TableReader::texts(std::string_view key) {
+    std::vector<std::string> result;
+    if (const toml::node* node = take(key)) {
+        if (!node->is_array()) {
+            fail(key, "must be a list of texts");
+        }
+        for (const toml::node& element : *node->as_array()) {
+            result.push_back(as_array_element<std::string>(element, *this, key, "texts"));
+        }
+    }
+    return result;
+}
+
+std::vector<const toml::table*> TableReader::tables(std::string_view key) {
+    std::vector<const toml::table*> result;
+    if (const toml::node* node = take(key)) {
+        if (!node->is_array_of_tables()) {
+            fail(key, "must be an array of tables");
+        }
+        for (const toml::node& element : *node->as_array()) {
+            result.push_back(element.as_table());
+        }
+    }
+    return result;
+}
+
+const toml::table* TableReader::table(std::string_view key) {
+    const toml::node* node = take(key);
+    if (node != nullptr && !node->is_table()) {
+        fail(key, "must be a table");
+    }
+    return node == nullptr ? nullptr : node->as_table();
+}
+
+void TableReader::finish() const {
+    for (const auto& [key, node] : table_) {
+        if (!asked_.contains(key.str())) {
+            fail(key.str(), "is no key that is known here");
+        }
+    }
+}
+
+const toml::node* TableReader::take(std::string_view key) {
+    asked_.emplace(key);
+    return table_.get(key);
+}
+
+} // namespace support
