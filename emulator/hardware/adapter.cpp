@@ -1,0 +1,187 @@
+#include "hardware/adapter.h"
+
+#include <array>
+#include <utility>
+
+namespace emulator {
+namespace {
+
+constexpr std::array<AdapterModel, 23> kModels = {
+    {
+     {0x1F7E, 0xC701, Interface::kBar2, 4, 8}, {0x1F7E, 0xC702, Interface::kIndexed, 3, 2},
+     {0x1E5D, 0xC703, Interface::kBar2, 4, 8}, {0x1E5D, 0xC704, Interface::kBar2, 4, 4},
+     {0x1E5D, 0xC705, Interface::kBar0, 5, 8}, {0x1E5D, 0xC706, Interface::kBar0, 5, 8},
+     {0x1E5D, 0xC707, Interface::kBar0, 5, 16}, {0x1E5D, 0xC708, Interface::kBar0, 5, 16},
+     {0x1E5D, 0xC709, Interface::kIndexed, 3, 2}, {0x1E5D, 0xC70A, Interface::kIndexed, 3, 4},
+     {0x1E5D, 0xC70B, Interface::kIndexed, 3, 4}, {0x1E5D, 0xC70C, Interface::kIndexed, 3, 2},
+     {0x1E5D, 0xC70D, Interface::kIndexed, 3, 4}, {0x1E5D, 0xC70E, Interface::kIndexed, 3, 4},
+     {0x1E5D, 0xC70F, Interface::kIndexed, 2, 2}, {0x1E5D, 0xC710, Interface::kIndexed, 2, 2},
+     {0x1E5D, 0xC711, Interface::kIndexed, 2, 2}, {0x1E5D, 0xC712, Interface::kIndexed, 2, 2},
+     {0x1E5D, 0xC713, Interface::kIndexed, 2, 2}, {0x1E5D, 0xC714, Interface::kIndexed, 2, 2},
+     {0x1E5D, 0xC715, Interface::kIndexed, 2, 2}, {0x1E5D, 0xC716, Interface::kIndexed, 2, 2},
+     {0x1E5D, 0xC717, Interface::kIndexed, 1, 2},
+     }
+};
+
+/// The registers in BAR 5 of indexed adapters.
+constexpr std::uint32_t kIndex = 0xA8;
+constexpr std::uint32_t kData = 0xAC;
+/// What the index register selects besides the register number, by its top byte.
+constexpr std::uint32_t kSpiSpace = 0x06000000;
+constexpr std::uint32_t kSetUpIndex = 0x02000070;
+constexpr std::uint32_t kSpiCommand = 0;
+constexpr std::uint32_t kSpiSetUp = 20;
+
+constexpr std::uint32_t kSpiWindowSize = 0x20;
+
+constexpr std::uint32_t kKiB = 1024;
+
+PciBars bars(Interface interface) {
+    constexpr std::uint32_t kPrefetchable = 0x8;
+    PciBars bars{};
+    switch (interface) {
+    case Interface::kIndexed:
+        bars[5].size = 4 * kKiB;
+        break;
+    case Interface::kBar2:
+        bars[0] = {8 * kKiB, kPrefetchable}; // the flash window
+        bars[2].size = 128 * kKiB;
+        break;
+    case Interface::kBar0:
+        bars[0].size = 128 * kKiB;
+        break;
+    }
+    return bars;
+}
+
+/// Where the SPI controller's own registers lie; the indexed one has none.
+RegisterWindow spi_window(Interface interface) {
+    switch (interface) {
+    case Interface::kBar2:
+        return {2, 0xC800, kSpiWindowSize};
+    case Interface::kBar0:
+        return {0, 0x1C800, kSpiWindowSize};
+    case Interface::kIndexed:
+        break;
+    }
+    return {-1, 0, 0};
+}
+
+PciIdentity identity(const AdapterModel& model, std::uint8_t revision) {
+    constexpr std::uint32_t kRaidController = 0x010400;
+    return {model.vendor, model.device, model.vendor, model.device, revision, kRaidController};
+}
+
+SpiLayout layout(Interface interface) {
+    return interface == Interface::kIndexed ? SpiLayout::kIndexed : SpiLayout::kWindow;
+}
+
+} // namespace
+
+const AdapterModel* find_adapter_model(std::uint16_t vendor, std::uint16_t device) {
+    for (const AdapterModel& model : kModels) {
+        if (model.vendor == vendor && model.device == device) {
+            return &model;
+        }
+    }
+    return nullptr;
+}
+
+Adapter::Adapter(const AdapterModel& model, PciAddress address, std::uint8_t revision,
+                 std::string name, Journal& journal)
+    : model_(&model), address_(address), name_(std::move(name)), journal_(&journal),
+      pci_(identity(model, revision), bars(model.interface)),
+      spi_(layout(model.interface), name_ + ".cs1", journal),
+      spi_window_(spi_window(model.interface)),
+      set_up_(model.generation == 2 ? SetUp::kDone : SetUp::kNone) {}
+
+std::uint32_t Adapter::read(PciFunction::Location at, int width) {
+    ++accesses_;
+    std::uint32_t value = 0;
+    if (width != 4 || at.offset % 4 != 0) {
+        complain("read of " + std::to_string(width) + " bytes", at);
+    } else {
+        value = read_register(at);
+    }
+    if (journal_->wants_registers()) {
+        log('>', at, value, width);
+    }
+    return value;
+}
+
+void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
+    ++accesses_;
+    if (journal_->wants_registers()) {
+        log('<', at, value, width);
+    }
+    if (width != 4 || at.offset % 4 != 0) {
+        complain("write of " + std::to_string(width) + " bytes", at);
+        return;
+    }
+    write_register(at, value);
+}
+
+std::uint32_t Adapter::read_register(PciFunction::Location at) {
+    if (spi_window_.contains(at)) {
+        return spi_.read(at.offset % kSpiWindowSize);
+    }
+    if (model_->interface == Interface::kIndexed && at.offset == kIndex) {
+        return index_;
+    }
+    if (model_->interface == Interface::kIndexed && at.offset == kData) {
+        return spi_.read(indexed_register("read"));
+    }
+    complain("read of a register that is not there", at);
+    return 0;
+}
+
+void Adapter::write_register(PciFunction::Location at, std::uint32_t value) {
+    if (spi_window_.contains(at)) {
+        spi_.write(at.offset % kSpiWindowSize, value);
+    } else if (model_->interface == Interface::kIndexed && at.offset == kIndex) {
+        write_index(value);
+    } else if (model_->interface == Interface::kIndexed && at.offset == kData) {
+        write_behind_index(value);
+    } else {
+        complain("write to a register that is not there", at);
+    }
+}
+
+void Adapter::write_index(std::uint32_t value) {
+    index_ = value;
+    if (value == kSetUpIndex) {
+        set_up_ = SetUp::kSelected;
+    } else if (value == 0 && set_up_ == SetUp::kSelected) {
+        set_up_ = SetUp::kReleased;
+    }
+}
+
+void Adapter::write_behind_index(std::uint32_t value) {
+    const std::uint32_t reg = indexed_register("write");
+    if (reg == kSpiSetUp && set_up_ == SetUp::kReleased) {
+        set_up_ = SetUp::kDone;
+    } else if (reg == kSpiCommand && set_up_ != SetUp::kDone) {
+        journal_->misuse(name_ + ": SPI cycle before the controller was set up");
+    }
+    spi_.write(reg, value);
+}
+
+std::uint32_t Adapter::indexed_register(std::string_view what) {
+    const std::uint32_t space = model_->generation == 2 ? 0 : kSpiSpace;
+    if ((index_ & 0xFFFFFF00) != space) {
+        journal_->misuse(name_ + ": " + std::string(what) + " behind index word " + hex(index_, 8));
+    }
+    return index_ & 0xFF;
+}
+
+void Adapter::log(char direction, PciFunction::Location at, std::uint32_t value, int width) {
+    journal_->register_access(name_ + "  BAR" + std::to_string(at.bar) + "+" + hex(at.offset, 5) +
+                              ' ' + direction + ' ' + hex(value, 2 * width));
+}
+
+void Adapter::complain(std::string_view what, PciFunction::Location at) {
+    journal_->misuse(name_ + ": " + std::string(what) + " at BAR" + std::to_string(at.bar) + "+" +
+                     hex(at.offset, 5));
+}
+
+} // namespace emulator

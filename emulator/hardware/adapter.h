@@ -1,0 +1,101 @@
+// An adapter: a PCI function with flash controllers behind its BARs.
+#pragma once
+
+#include "hardware/clock.h"
+#include "hardware/journal.h"
+#include "hardware/pci_function.h"
+#include "hardware/spi_controller.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace emulator {
+
+/// How an adapter model's flash is reached.
+enum class Interface : std::uint8_t {
+    kIndexed, ///< index/data pair in BAR 5
+    kBar2,    ///< window in BAR 2, beside the NOR controller
+    kBar0,    ///< window in BAR 0
+};
+
+/// What sets one adapter model apart.
+struct AdapterModel {
+    std::uint16_t vendor;
+    std::uint16_t device;
+    Interface interface;
+    std::uint8_t generation;
+    std::uint8_t ports;
+};
+
+/// The model with these IDs, or null.
+const AdapterModel* find_adapter_model(std::uint16_t vendor, std::uint16_t device);
+
+/// Where an adapter sits.
+struct PciAddress {
+    std::uint8_t bus;
+    std::uint8_t device;
+    std::uint8_t function;
+
+    bool operator==(const PciAddress&) const = default;
+};
+
+/// A range of registers in a BAR.
+struct RegisterWindow {
+    int bar;
+    std::uint32_t first;
+    std::uint32_t size; ///< bytes
+
+    bool contains(PciFunction::Location at) const {
+        return at.bar == bar && at.offset - first < size;
+    }
+};
+
+/// One adapter. Its registers are 32 bits wide; anything else is misuse.
+class Adapter {
+  public:
+    /// @param name  short name in logs and misuse
+    Adapter(const AdapterModel& model, PciAddress address, std::uint8_t revision, std::string name,
+            Journal& journal);
+
+    PciFunction& pci() { return pci_; }
+    const AdapterModel& model() const { return *model_; }
+    PciAddress address() const { return address_; }
+    const std::string& name() const { return name_; }
+    SpiController& spi() { return spi_; }
+
+    /// Reads or writes `width` bytes at an offset into a BAR.
+    std::uint32_t read(PciFunction::Location at, int width);
+    void write(PciFunction::Location at, std::uint32_t value, int width);
+
+    /// Register accesses so far.
+    std::uint64_t accesses() const { return accesses_; }
+
+  private:
+    std::uint32_t read_register(PciFunction::Location at);
+    void write_register(PciFunction::Location at, std::uint32_t value);
+    void write_index(std::uint32_t value);
+    void write_behind_index(std::uint32_t value);
+    std::uint32_t indexed_register(std::string_view what);
+    [[gnu::cold]] void log(char direction, PciFunction::Location at, std::uint32_t value,
+                           int width);
+    [[gnu::cold]] void complain(std::string_view what, PciFunction::Location at);
+
+    const AdapterModel* model_;
+    PciAddress address_;
+    std::string name_;
+    Journal* journal_;
+    PciFunction pci_;
+    SpiController spi_;
+    RegisterWindow spi_window_;
+
+    /// The steps that bring the indexed controller up; generation 2 needs none.
+    enum class SetUp : std::uint8_t { kNone, kSelected, kReleased, kDone };
+
+    SetUp set_up_;
+    std::uint32_t index_ = 0;
+    std::uint64_t accesses_ = 0;
+};
+
+} // namespace emulator

@@ -1,0 +1,85 @@
+// Faults of hardware as data: what goes wrong, on which operation, where and how often.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace emulator {
+
+/// What a chip is asked to do.
+enum class Operation : std::uint8_t {
+    kUnknown,
+    kReadId,
+    kWriteEnable,
+    kWriteDisable,
+    kReadStatus,
+    kWriteStatus,
+    kRead,
+    kProgram,
+    kSectorErase,
+    kBlockErase,
+    kChipErase,
+    kQueryProtection,
+    kProtectSector,
+    kUnprotectSector,
+};
+
+/// The operation's name in machine files and logs, or of the operation with that name.
+std::string_view operation_name(Operation operation);
+std::optional<Operation> operation_named(std::string_view name);
+
+/// What goes wrong.
+enum class FaultKind : std::uint8_t {
+    kControllerBusy, ///< the controller never ends the cycle
+    kNeverReady,     ///< the chip stays busy after the operation
+    kIgnored,        ///< the chip does not see the operation
+    kNotStored,      ///< the chip accepts the operation and stores nothing
+    kStuckBits,      ///< bits under the mask do not change when programmed or erased
+    kWrongData,      ///< bits under the mask come back inverted
+    kNoAnswer,       ///< the chip's output stays idle
+};
+
+std::string_view fault_kind_name(FaultKind kind);
+std::optional<FaultKind> fault_kind_named(std::string_view name);
+
+/// One fault. It strikes operations `on` (any when absent) that touch `address` (any when absent),
+/// from the `nth` of them on (the first is 1), `times` times (0: for ever).
+struct Fault {
+    FaultKind kind = FaultKind::kIgnored;
+    std::optional<Operation> on;
+    std::optional<std::uint32_t> address;
+    std::uint64_t nth = 1;
+    std::uint64_t times = 0;
+    std::uint8_t mask = 0xFF;
+};
+
+/// The faults of one chip and how often each was met.
+class Faults {
+  public:
+    void add(const Fault& fault) { faults_.push_back({fault, 0}); }
+    void clear() { faults_.clear(); }
+    bool empty() const { return faults_.empty(); }
+
+    /// Notes an operation that starts and finds out which faults strike it. `address` and `length`
+    /// are the bytes that it touches; a length of 0 means that it touches none in particular.
+    void begin(Operation operation, std::uint32_t address, std::uint64_t length);
+
+    /// The mask of the fault of that kind that strikes the running operation; absent without one.
+    std::optional<std::uint8_t> striking(FaultKind kind) const {
+        return faults_.empty() ? std::nullopt : search(kind);
+    }
+
+  private:
+    struct Counted {
+        Fault fault;
+        std::uint64_t met;
+        bool strikes = false;
+    };
+    std::optional<std::uint8_t> search(FaultKind kind) const;
+
+    std::vector<Counted> faults_;
+};
+
+} // namespace emulator

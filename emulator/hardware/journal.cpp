@@ -1,0 +1,29 @@
+#include "hardware/journal.h"
+
+#include <array>
+#include <cstdio>
+#include <utility>
+
+namespace emulator {
+
+void Journal::misuse(std::string what) {
+    constexpr std::size_t kKept = 500;
+    ++misuse_count_;
+    if (misuses_.size() < kKept) {
+        misuses_.push_back(std::move(what));
+    }
+}
+
+std::vector<std::string> Journal::take_misuses() {
+    misuse_count_ = 0;
+    return std::exchange(misuses_, {});
+}
+
+std::string hex(std::uint64_t value, int digits) {
+    std::array<char, 17> text{};
+    std::snprintf(text.data(), text.size(), "%0*llX", digits,
+                  static_cast<unsigned long long>(value));
+    return text.data();
+}
+
+} // namespace emulator

@@ -1,0 +1,44 @@
+// What hardware has to tell about its treatment.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace emulator {
+
+/// Collects misuse (accesses that silicon would ignore or answer with nonsense) and, for those who
+/// listen, the cycle log and the register accesses, one line each.
+class Journal {
+  public:
+    using Listener = std::function<void(std::string_view line)>;
+
+    [[gnu::cold]] void misuse(std::string what);
+
+    /// Misuse so far; only the first few hundred are kept as text.
+    const std::vector<std::string>& misuses() const { return misuses_; }
+    std::uint64_t misuse_count() const { return misuse_count_; }
+
+    /// Forgets the misuse so far and returns it.
+    std::vector<std::string> take_misuses();
+
+    void listen_to_cycles(Listener listener) { cycles_ = std::move(listener); }
+    void listen_to_registers(Listener listener) { registers_ = std::move(listener); }
+    bool wants_cycles() const { return static_cast<bool>(cycles_); }
+    bool wants_registers() const { return static_cast<bool>(registers_); }
+    void cycle(std::string_view line) const { cycles_(line); }
+    void register_access(std::string_view line) const { registers_(line); }
+
+  private:
+    std::vector<std::string> misuses_;
+    std::uint64_t misuse_count_ = 0;
+    Listener cycles_;
+    Listener registers_;
+};
+
+/// Text of a number in capital hexadecimal digits, `digits` of them at least.
+std::string hex(std::uint64_t value, int digits);
+
+} // namespace emulator

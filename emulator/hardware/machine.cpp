@@ -1,0 +1,73 @@
+#include "hardware/machine.h"
+
+#include <string>
+
+namespace emulator {
+namespace {
+
+constexpr std::uint64_t kWindowBase = 0xC0000000;
+constexpr std::uint64_t kWindowEnd = 0xFC000000;
+
+} // namespace
+
+Adapter& Machine::add(const AdapterModel& model, PciAddress address, std::uint8_t revision) {
+    adapters_.push_back(std::make_unique<Adapter>(model, address, revision,
+                                                  std::to_string(adapters_.size()), journal_));
+    return *adapters_.back();
+}
+
+SpiChip& Machine::add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes times) {
+    adapter.spi().attach(
+        std::make_unique<SpiChip>(part, adapter.name() + ".cs1", *clock_, journal_, times));
+    return *adapter.spi().chip();
+}
+
+void Machine::assign_bars() {
+    constexpr std::uint32_t kMemoryDecoding = 0x2;
+    std::uint32_t next = kWindowBase;
+    for (const auto& adapter : adapters_) {
+        PciFunction& pci = adapter->pci();
+        for (int bar = 0; bar < 6; ++bar) {
+            const std::uint32_t size = pci.bar_size(bar);
+            if (size != 0) {
+                next = (next + size - 1) & ~(size - 1);
+                pci.write(static_cast<std::uint32_t>(0x10 + 4 * bar), next, 4);
+                next += size;
+            }
+        }
+        pci.write(0x04, kMemoryDecoding, 2);
+    }
+}
+
+std::uint32_t Machine::config_read(PciAddress address, std::uint32_t offset, int width) const {
+    for (const auto& adapter : adapters_) {
+        if (adapter->address() == address) {
+            return adapter->pci().read(offset, width);
+        }
+    }
+    return all_ones(width);
+}
+
+bool Machine::in_memory_window(std::uint64_t address) {
+    return address >= kWindowBase && address < kWindowEnd;
+}
+
+std::uint64_t Machine::accesses() const {
+    std::uint64_t sum = 0;
+    for (const auto& adapter : adapters_) {
+        sum += adapter->accesses();
+    }
+    return sum;
+}
+
+Machine::Target Machine::search(std::uint64_t address) {
+    for (const auto& adapter : adapters_) {
+        if (const auto at = adapter->pci().locate(address)) {
+            last_ = adapter.get();
+            return {last_, at};
+        }
+    }
+    return {nullptr, {}};
+}
+
+} // namespace emulator

@@ -1,0 +1,82 @@
+// A machine's PCI hardware: adapters on buses, and the cycles that reach them.
+#pragma once
+
+#include "hardware/adapter.h"
+#include "hardware/clock.h"
+#include "hardware/journal.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace emulator {
+
+/// Adapters behind one root bridge.
+class Machine {
+  public:
+    explicit Machine(const Clock& clock) : clock_(&clock) {}
+
+    /// Puts an adapter on the bus. Its name is its position.
+    Adapter& add(const AdapterModel& model, PciAddress address, std::uint8_t revision);
+
+    /// Puts a chip behind the adapter's chip select 1.
+    SpiChip& add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes times);
+
+    std::span<const std::unique_ptr<Adapter>> adapters() const { return adapters_; }
+    Adapter& adapter(std::size_t i) const { return *adapters_[i]; }
+    Journal& journal() { return journal_; }
+
+    /// Gives every BAR an address and turns memory decoding on, as firmware does at start.
+    void assign_bars();
+
+    /// Configuration cycles. Where there is no function, a read gives all ones.
+    std::uint32_t config_read(PciAddress address, std::uint32_t offset, int width) const;
+
+    /// True when the address lies in the window that the root bridge hands to PCI memory.
+    static bool in_memory_window(std::uint64_t address);
+
+    /// Memory cycles. Where no function decodes the address, a read gives all ones.
+    std::uint32_t memory_read(std::uint64_t address, int width) {
+        const Target target = find(address);
+        return target.adapter == nullptr ? all_ones(width) : target.adapter->read(target.at, width);
+    }
+    void memory_write(std::uint64_t address, std::uint32_t value, int width) {
+        const Target target = find(address);
+        if (target.adapter != nullptr) {
+            target.adapter->write(target.at, value, width);
+        }
+    }
+
+    /// Register accesses of all adapters so far.
+    std::uint64_t accesses() const;
+
+  private:
+    /// The adapter that decodes an address, and where it lies there; null when none does.
+    struct Target {
+        Adapter* adapter;
+        PciFunction::Location at;
+    };
+    Target find(std::uint64_t address) {
+        // The next cycle nearly always goes where the last one went.
+        if (last_ != nullptr) {
+            if (const auto at = last_->pci().locate(address)) {
+                return {last_, at};
+            }
+        }
+        return search(address);
+    }
+    Target search(std::uint64_t address);
+
+    static std::uint32_t all_ones(int width) {
+        return width == 4 ? 0xFFFFFFFFU : (1U << (8 * width)) - 1;
+    }
+
+    const Clock* clock_;
+    Journal journal_;
+    std::vector<std::unique_ptr<Adapter>> adapters_;
+    Adapter* last_ =
+        nullptr; ///< the adapter of the last memory cycle: the next one's, nearly always
+};
+
+} // namespace emulator

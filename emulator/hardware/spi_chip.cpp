@@ -1,0 +1,343 @@
+#include "hardware/spi_chip.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace emulator {
+namespace {
+
+constexpr std::uint8_t kBusy = 0x01;
+constexpr std::uint8_t kWriteEnabled = 0x02;
+constexpr std::uint8_t kBlockProtection = 0x3C;
+/// Bits that a status write can change.
+constexpr std::uint8_t kStatusWritable = 0xBC;
+
+constexpr std::array<std::pair<std::uint8_t, Operation>, 6> kCommonCommands = {
+    {
+     {0x06, Operation::kWriteEnable},
+     {0x04, Operation::kWriteDisable},
+     {0x05, Operation::kReadStatus},
+     {0x01, Operation::kWriteStatus},
+     {0x03, Operation::kRead},
+     {0x02, Operation::kProgram},
+     }
+};
+
+/// First bytes of the protection sectors of parts with a register for each.
+constexpr std::array<std::uint32_t, 11> kProtectionSectors = {
+    0,          64 * 1024,  128 * 1024, 192 * 1024, 256 * 1024, 320 * 1024,
+    384 * 1024, 448 * 1024, 480 * 1024, 488 * 1024, 496 * 1024};
+
+std::size_t protection_sector(std::uint32_t address) {
+    const auto* above = std::ranges::upper_bound(kProtectionSectors, address);
+    return static_cast<std::size_t>(above - kProtectionSectors.begin()) - 1;
+}
+
+bool takes_address(Operation operation) {
+    switch (operation) {
+    case Operation::kRead:
+    case Operation::kProgram:
+    case Operation::kSectorErase:
+    case Operation::kBlockErase:
+    case Operation::kQueryProtection:
+    case Operation::kProtectSector:
+    case Operation::kUnprotectSector:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool takes_no_data(Operation operation) {
+    switch (operation) {
+    case Operation::kWriteEnable:
+    case Operation::kWriteDisable:
+    case Operation::kSectorErase:
+    case Operation::kBlockErase:
+    case Operation::kChipErase:
+    case Operation::kUnprotectSector:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+SpiChip::SpiChip(const SpiPart& part, std::string place, const Clock& clock, Journal& journal,
+                 BusyTimes times)
+    : part_(&part), place_(std::move(place)), clock_(&clock), journal_(&journal), times_(times),
+      contents_(part.size, 0xFF) {
+    for (const auto& [opcode, operation] : kCommonCommands) {
+        know(opcode, operation);
+    }
+    know(part.id_opcode, Operation::kReadId);
+    for (const EraseCommand& erase : part.erases->units) {
+        if (erase.unit != 0) {
+            const bool smallest = &erase == part.erases->units.data();
+            know(erase.opcode, smallest ? Operation::kSectorErase : Operation::kBlockErase,
+                 erase.unit);
+        }
+    }
+    for (const std::uint8_t opcode : part.erases->whole_chip) {
+        if (opcode != 0) {
+            know(opcode, Operation::kChipErase, part.size);
+        }
+    }
+    if (part.protection == Protection::kBlockBitsSet) {
+        status_ = kBlockProtection;
+    }
+    if (part.protection == Protection::kSectorRegisters) {
+        know(0x36, Operation::kProtectSector);
+        know(0x39, Operation::kUnprotectSector);
+        know(0x3C, Operation::kQueryProtection);
+        sector_protected_.assign(kProtectionSectors.size(), true);
+    }
+}
+
+void SpiChip::know(std::uint8_t opcode, Operation operation, std::uint32_t unit) {
+    commands_[opcode] = {operation, takes_address(operation), takes_no_data(operation), unit};
+}
+
+Operation SpiChip::transfer(const SpiTransfer& transfer) {
+    const Command& command = commands_[transfer.opcode];
+    const Operation operation = command.operation;
+    ++counts_[static_cast<std::size_t>(operation)];
+    if (!faults_.empty()) {
+        faults_.begin(operation, transfer.has_address ? transfer.address : 0,
+                      command.takes_no_data ? command.unit : transfer.miso.size());
+    }
+    holds_controller_ = faults_.striking(FaultKind::kControllerBusy).has_value();
+    if (operation == Operation::kUnknown) {
+        complain("opcode " + hex(transfer.opcode, 2) + " is none that the chip knows");
+    } else if (transfer.has_address != command.takes_address) {
+        complain(std::string(operation_name(operation)) +
+                 (transfer.has_address ? " with an address" : " without an address"));
+    } else if (command.takes_no_data && !transfer.mosi.empty()) {
+        complain(std::string(operation_name(operation)) + " with data behind it");
+    } else if (operation != Operation::kReadStatus && (status() & kBusy) != 0) {
+        complain(std::string(operation_name(operation)) + " while the chip is busy");
+    } else if (!faults_.striking(FaultKind::kIgnored)) {
+        carry_out(command, transfer);
+        stuck_busy_ = stuck_busy_ || faults_.striking(FaultKind::kNeverReady).has_value();
+    }
+    return operation;
+}
+
+std::uint8_t SpiChip::status() {
+    if (stuck_busy_) {
+        return static_cast<std::uint8_t>(status_ | kBusy);
+    }
+    if (busy_until_ns_ != 0 && clock_->now_ns() >= busy_until_ns_) {
+        busy_until_ns_ = 0;
+        status_ = static_cast<std::uint8_t>(status_ & ~(kBusy | kWriteEnabled));
+    }
+    return status_;
+}
+
+void SpiChip::carry_out(const Command& command, const SpiTransfer& transfer) {
+    switch (command.operation) {
+    case Operation::kReadId:
+        answer(transfer, std::span(part_->id).first(part_->id_length));
+        break;
+    case Operation::kWriteEnable:
+        status_ |= kWriteEnabled;
+        break;
+    case Operation::kWriteDisable:
+        status_ = static_cast<std::uint8_t>(status_ & ~kWriteEnabled);
+        break;
+    case Operation::kReadStatus: {
+        const std::array<std::uint8_t, 1> status_byte = {status()};
+        answer(transfer, status_byte);
+        break;
+    }
+    case Operation::kWriteStatus:
+        write_status(transfer);
+        break;
+    case Operation::kRead:
+        read(transfer);
+        break;
+    case Operation::kProgram:
+        program(transfer);
+        break;
+    case Operation::kSectorErase:
+    case Operation::kBlockErase:
+        erase(offset(transfer.address, operation_name(command.operation)) & ~(command.unit - 1),
+              command.unit, operation_name(command.operation));
+        break;
+    case Operation::kChipErase:
+        erase(0, command.unit, operation_name(command.operation));
+        break;
+    case Operation::kQueryProtection:
+        query_protection(transfer);
+        break;
+    case Operation::kProtectSector:
+    case Operation::kUnprotectSector:
+        protect_sector(transfer.address, command.operation == Operation::kProtectSector);
+        break;
+    case Operation::kUnknown:
+        break;
+    }
+}
+
+bool SpiChip::write_enabled(std::string_view what) {
+    if ((status_ & kWriteEnabled) == 0) {
+        complain(std::string(what) + " without write enable");
+        return false;
+    }
+    return true;
+}
+
+bool SpiChip::is_protected(std::uint32_t address, std::uint32_t length) const {
+    // Which blocks the bits name differs from part to part; any of them set protects all here.
+    if ((status_ & kBlockProtection) != 0) {
+        return true;
+    }
+    if (sector_protected_.empty()) {
+        return false;
+    }
+    const std::size_t last = protection_sector(address + length - 1);
+    for (std::size_t s = protection_sector(address); s <= last; ++s) {
+        if (sector_protected_[s]) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void SpiChip::be_busy(std::uint64_t microseconds) {
+    if (microseconds == 0) {
+        status_ = static_cast<std::uint8_t>(status_ & ~kWriteEnabled);
+        return;
+    }
+    status_ |= kBusy;
+    busy_until_ns_ = clock_->now_ns() + microseconds * 1000;
+}
+
+void SpiChip::answer(const SpiTransfer& transfer, std::span<const std::uint8_t> bytes) const {
+    if (faults_.striking(FaultKind::kNoAnswer)) {
+        return;
+    }
+    const std::uint8_t wrong = faults_.striking(FaultKind::kWrongData).value_or(0);
+    std::size_t next = 0;
+    for (std::uint8_t& byte : transfer.miso) {
+        byte = static_cast<std::uint8_t>(bytes[next] ^ wrong);
+        next = next + 1 < bytes.size() ? next + 1 : 0;
+    }
+}
+
+void SpiChip::read(const SpiTransfer& transfer) {
+    const std::uint32_t start = offset(transfer.address, "read");
+    const std::size_t before_end = contents_.size() - start;
+    const std::size_t count = transfer.miso.size();
+    if (count <= before_end) {
+        answer(transfer, std::span(contents_).subspan(start, std::max<std::size_t>(count, 1)));
+        return;
+    }
+    // Reading goes on at the start of the chip.
+    std::vector<std::uint8_t> bytes(contents_.end() - static_cast<std::ptrdiff_t>(before_end),
+                                    contents_.end());
+    bytes.insert(bytes.end(), contents_.begin(), contents_.end());
+    answer(transfer, bytes);
+}
+
+void SpiChip::program(const SpiTransfer& transfer) {
+    constexpr std::uint32_t kPage = 256;
+    if (!write_enabled("program")) {
+        return;
+    }
+    const std::uint32_t start = offset(transfer.address, "program");
+    if (transfer.mosi.empty()) {
+        complain("program without data");
+        return;
+    }
+    if (is_protected(start, static_cast<std::uint32_t>(transfer.mosi.size()))) {
+        complain("program at " + hex(start, 6) + ", which is protected");
+        be_busy(0);
+        return;
+    }
+    const bool stored = !faults_.striking(FaultKind::kNotStored);
+    const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
+    for (std::size_t i = 0; stored && i < transfer.mosi.size(); ++i) {
+        // The address wraps inside its page.
+        const std::size_t at = start / kPage * kPage + (start + i) % kPage;
+        const std::uint8_t old = contents_[at];
+        if ((transfer.mosi[i] & ~old) != 0) {
+            complain("program of " + hex(transfer.mosi[i], 2) + " over " + hex(old, 2) + " at " +
+                     hex(at, 6) + " sets bits");
+        }
+        const auto programmed = static_cast<std::uint8_t>(old & transfer.mosi[i]);
+        contents_[at] = static_cast<std::uint8_t>((programmed & ~stuck) | (old & stuck));
+    }
+    be_busy(times_.program_us);
+}
+
+void SpiChip::erase(std::uint32_t address, std::uint32_t unit, std::string_view what) {
+    if (!write_enabled(what)) {
+        return;
+    }
+    if (is_protected(address, unit)) {
+        complain(std::string(what) + " at " + hex(address, 6) + ", which is protected");
+        be_busy(0);
+        return;
+    }
+    if (!faults_.striking(FaultKind::kNotStored)) {
+        const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
+        for (std::uint32_t at = address; at < address + unit; ++at) {
+            contents_[at] = static_cast<std::uint8_t>(contents_[at] | ~stuck);
+        }
+    }
+    be_busy(times_.erase_us_per_4k * std::max<std::uint64_t>(10, unit / 4096));
+}
+
+void SpiChip::write_status(const SpiTransfer& transfer) {
+    if (!write_enabled("write status")) {
+        return;
+    }
+    if (transfer.mosi.empty()) {
+        complain("write status without data");
+        return;
+    }
+    if (!faults_.striking(FaultKind::kNotStored)) {
+        const std::uint8_t value = transfer.mosi[0];
+        if (sector_protected_.empty()) {
+            status_ =
+                static_cast<std::uint8_t>((status_ & ~kStatusWritable) | (value & kStatusWritable));
+        } else if ((value & kBlockProtection) == 0) {
+            sector_protected_.assign(sector_protected_.size(), false);
+        } else if ((value & kBlockProtection) == kBlockProtection) {
+            sector_protected_.assign(sector_protected_.size(), true);
+        }
+    }
+    be_busy(times_.write_status_us);
+}
+
+void SpiChip::query_protection(const SpiTransfer& transfer) {
+    const std::array<std::uint8_t, 1> set = {0xFF};
+    const std::array<std::uint8_t, 1> clear = {0x00};
+    const bool is_set = sector_protected_[protection_sector(transfer.address)];
+    answer(transfer, is_set ? set : clear);
+}
+
+void SpiChip::protect_sector(std::uint32_t address, bool protect) {
+    if (!write_enabled(protect ? "protect sector" : "unprotect sector")) {
+        return;
+    }
+    if (!faults_.striking(FaultKind::kNotStored)) {
+        sector_protected_[protection_sector(address)] = protect;
+    }
+    be_busy(0);
+}
+
+std::uint32_t SpiChip::offset(std::uint32_t address, std::string_view what) {
+    if (address >= part_->size) {
+        complain(std::string(what) + " at " + hex(address, 6) + ", past the end of the chip");
+    }
+    return address & (part_->size - 1); // sizes are powers of two; address bits above are ignored
+}
+
+void SpiChip::complain(std::string_view what) {
+    journal_->misuse(place_ + ": " + std::string(what));
+}
+
+} // namespace emulator

@@ -1,0 +1,99 @@
+// A serial flash chip: what silicon does with each chip-select period.
+#pragma once
+
+#include "hardware/clock.h"
+#include "hardware/fault.h"
+#include "hardware/journal.h"
+#include "hardware/spi_part.h"
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace emulator {
+
+/// One chip-select period as the controller clocks it. Data goes both ways at once: the byte that
+/// leaves the controller with a clock comes before the byte that arrives with it.
+struct SpiTransfer {
+    std::uint8_t opcode;
+    bool has_address;
+    std::uint32_t address;              ///< 24 bits
+    std::span<const std::uint8_t> mosi; ///< to the chip, one byte for each data byte of the cycle
+    std::span<std::uint8_t> miso;       ///< from the chip; an idle line leaves 0
+};
+
+/// How long a chip of ordinary speed is busy.
+struct BusyTimes {
+    std::uint64_t program_us = 10;
+    std::uint64_t write_status_us = 5'000;
+    std::uint64_t erase_us_per_4k = 3'000; ///< and never less than ten of these for one erase
+};
+inline constexpr BusyTimes kNeverBusy{0, 0, 0};
+
+/// A chip of a given part. Contents live as long as the chip; a chip starts erased.
+class SpiChip {
+  public:
+    SpiChip(const SpiPart& part, std::string place, const Clock& clock, Journal& journal,
+            BusyTimes times);
+
+    /// Carries out one chip-select period.
+    /// @returns what the chip took it for
+    Operation transfer(const SpiTransfer& transfer);
+
+    /// True while the fault that keeps the controller busy strikes the last transfer.
+    bool holds_controller() const { return holds_controller_; }
+
+    const SpiPart& part() const { return *part_; }
+    std::vector<std::uint8_t>& contents() { return contents_; }
+    Faults& faults() { return faults_; }
+    std::uint8_t status();
+    void set_status(std::uint8_t status) { status_ = status; }
+    void protect_all_sectors() { sector_protected_.assign(sector_protected_.size(), true); }
+
+    /// How often each operation was carried out.
+    std::uint64_t count(Operation operation) const {
+        return counts_[static_cast<std::size_t>(operation)];
+    }
+
+  private:
+    /// What an opcode stands for and what must come with it.
+    struct Command {
+        Operation operation = Operation::kUnknown;
+        bool takes_address = false;
+        bool takes_no_data = false; ///< executed only when chip select rises right behind it
+        std::uint32_t unit = 0;     ///< bytes that an erase clears
+    };
+    void know(std::uint8_t opcode, Operation operation, std::uint32_t unit = 0);
+    void carry_out(const Command& command, const SpiTransfer& transfer);
+    bool write_enabled(std::string_view what);
+    bool is_protected(std::uint32_t address, std::uint32_t length) const;
+    void be_busy(std::uint64_t microseconds);
+    void answer(const SpiTransfer& transfer, std::span<const std::uint8_t> bytes) const;
+    void read(const SpiTransfer& transfer);
+    void program(const SpiTransfer& transfer);
+    void erase(std::uint32_t address, std::uint32_t unit, std::string_view what);
+    void write_status(const SpiTransfer& transfer);
+    void query_protection(const SpiTransfer& transfer);
+    void protect_sector(std::uint32_t address, bool protect);
+    std::uint32_t offset(std::uint32_t address, std::string_view what);
+    [[gnu::cold]] void complain(std::string_view what);
+
+    const SpiPart* part_;
+    std::string place_;
+    const Clock* clock_;
+    Journal* journal_;
+    BusyTimes times_;
+    std::vector<std::uint8_t> contents_;
+    std::array<Command, 256> commands_{}; ///< by opcode
+    std::array<std::uint64_t, 16> counts_{};
+    Faults faults_;
+    std::uint8_t status_ = 0;
+    std::vector<bool> sector_protected_; ///< by protection sector; empty without such registers
+    std::uint64_t busy_until_ns_ = 0;
+    bool stuck_busy_ = false;
+    bool holds_controller_ = false;
+};
+
+} // namespace emulator

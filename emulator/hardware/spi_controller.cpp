@@ -1,0 +1,154 @@
+#include "hardware/spi_controller.h"
+
+#include <array>
+#include <bit>
+#include <span>
+#include <utility>
+
+namespace emulator {
+namespace {
+
+constexpr std::uint32_t kCommand = 0;
+constexpr std::uint32_t kAddress = 4;
+constexpr std::uint32_t kDataOut = 8;
+constexpr std::uint32_t kDataIn = 12;
+constexpr std::uint32_t kSetUp = 20;
+
+/// The bytes of a data register, the first on the wire in bits 0 to 7.
+constexpr std::uint8_t kDataBytes = 4;
+using Data = std::array<std::uint8_t, kDataBytes>;
+static_assert(std::endian::native == std::endian::little);
+
+} // namespace
+
+SpiController::SpiController(SpiLayout layout, std::string place, Journal& journal)
+    : layout_(layout), place_(std::move(place)), journal_(&journal) {}
+
+std::uint32_t SpiController::read(std::uint32_t reg) {
+    switch (reg) {
+    case kCommand:
+        if (running_ && (chip_ == nullptr || !chip_->holds_controller())) {
+            running_ = false;
+        }
+        return running_ ? command_ | busy_bit() : command_ & ~busy_bit();
+    case kAddress:
+        return address_;
+    case kDataOut:
+        if (layout_ == SpiLayout::kWindow) {
+            return data_out_;
+        }
+        break;
+    case kDataIn:
+        if (layout_ == SpiLayout::kIndexed) {
+            complain("read of register 12");
+            return 0;
+        }
+        break;
+    default:
+        complain("read of register " + std::to_string(reg));
+        return 0;
+    }
+    if (running_) {
+        complain("received data read before the cycle has ended");
+    }
+    return data_in_;
+}
+
+void SpiController::write(std::uint32_t reg, std::uint32_t value) {
+    if (running_) {
+        complain("register " + std::to_string(reg) + " written while a cycle runs");
+        // A controller that hangs is given up by its driver; the next command replaces the old one.
+        running_ = false;
+    }
+    switch (reg) {
+    case kCommand:
+        start(value);
+        return;
+    case kAddress:
+        if (value > 0xFFFFFF) {
+            complain("address " + hex(value, 8) + " has more than 24 bits");
+        }
+        address_ = value & 0xFFFFFF;
+        return;
+    case kDataOut:
+        data_out_ = value;
+        // The indexed controller has one register for both directions.
+        data_in_ = layout_ == SpiLayout::kIndexed ? value : data_in_;
+        return;
+    case kSetUp:
+        if (layout_ == SpiLayout::kIndexed && value == 0) {
+            return;
+        }
+        break;
+    default:
+        break;
+    }
+    complain("register " + std::to_string(reg) + " written with " + hex(value, 8));
+}
+
+SpiController::Cycle SpiController::decode(std::uint32_t command) {
+    if (layout_ == SpiLayout::kIndexed) {
+        if ((command & 0xFF0000FF) != 0x00000030 || (command & 0x0000C000) != 0) {
+            complain("command word " + hex(command, 8));
+        }
+        return {static_cast<std::uint8_t>(command >> 16), (command & 0x1000) != 0,
+                (command & 0x2000) != 0, static_cast<std::uint8_t>((command >> 8) & 0xF)};
+    }
+    if ((command & 0xFFFF0009) != 0x09130001) {
+        complain("command word " + hex(command, 8));
+    }
+    return {static_cast<std::uint8_t>(command >> 8), (command & 0x2) != 0, (command & 0x4) != 0,
+            static_cast<std::uint8_t>((command >> 4) & 0xF)};
+}
+
+void SpiController::start(std::uint32_t command) {
+    command_ = command;
+    running_ = true;
+    Cycle cycle = decode(command);
+    if (cycle.bytes > kDataBytes) {
+        complain("cycle of " + std::to_string(cycle.bytes) + " data bytes");
+        cycle.bytes = kDataBytes;
+    }
+    // The shift register goes both ways: a window controller clocks its data-out register to the
+    // chip while it receives; the indexed one has handed its only register to the receiver.
+    const bool drives = !cycle.receive || layout_ == SpiLayout::kWindow;
+    const auto out = std::bit_cast<Data>(drives ? data_out_ : 0);
+    Data in{};
+    Operation operation = Operation::kUnknown;
+    if (chip_ != nullptr) {
+        operation =
+            chip_->transfer({cycle.opcode, cycle.address, address_,
+                             std::span(out).first(cycle.bytes), std::span(in).first(cycle.bytes)});
+    }
+    const auto received = std::bit_cast<std::uint32_t>(in);
+    if (cycle.receive) {
+        data_in_ = received;
+        data_out_ = layout_ == SpiLayout::kIndexed ? received : data_out_;
+    }
+    if (journal_->wants_cycles()) {
+        log(cycle, operation, data_out_, received);
+    }
+}
+
+void SpiController::log(const Cycle& cycle, Operation operation, std::uint32_t sent,
+                        std::uint32_t received) {
+    const bool sends = !cycle.receive || operation == Operation::kWriteStatus;
+    std::string line = place_ + "  " + hex(cycle.opcode, 2);
+    line.append(cycle.address ? " @" : "  ");
+    line.append(cycle.address ? hex(address_, 6) : std::string(6, ' '));
+    line.append(cycle.bytes == 0 ? "  " : sends ? " >" : " <");
+    for (std::uint8_t i = 0; i < kDataBytes; ++i) {
+        const auto byte = static_cast<std::uint8_t>((sends ? sent : received) >> (8 * i));
+        line.append(" ");
+        line.append(i < cycle.bytes ? hex(byte, 2) : "  ");
+    }
+    line.append("  ");
+    line.append(operation_name(operation));
+    journal_->cycle(line);
+}
+
+void SpiController::complain(std::string_view what) {
+    journal_->misuse(place_ + ": " + std::string(what));
+}
+
+} // namespace emulator

@@ -1,0 +1,48 @@
+// What data sheets say about serial flash parts.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace emulator {
+
+/// How a part keeps its contents from being changed. Every part has block protection bits in its
+/// status register besides; most power up with them clear.
+enum class Protection : std::uint8_t {
+    kOpenAtPowerUp,   ///< block protection bits, clear
+    kBlockBitsSet,    ///< block protection bits, set
+    kSectorRegisters, ///< a protection register a sector, set
+};
+
+/// An erase command and the size of the aligned unit that it erases.
+struct EraseCommand {
+    std::uint8_t opcode;
+    std::uint32_t unit; ///< bytes
+};
+
+/// The erase commands of a family of parts.
+struct EraseSet {
+    std::array<EraseCommand, 3> units;      ///< smallest first; a unit of 0: no such command
+    std::array<std::uint8_t, 2> whole_chip; ///< 0: no second opcode
+};
+
+/// One part number. Commands that all parts share (06, 05, 01, 03, 02, 04) are not listed.
+struct SpiPart {
+    std::string_view name;
+    std::uint8_t id_opcode;
+    std::uint8_t id_length;
+    std::array<std::uint8_t, 3>
+        id;             ///< in the order in which the part sends it, then from the start
+    std::uint32_t size; ///< bytes
+    const EraseSet* erases;
+    Protection protection;
+};
+
+std::span<const SpiPart> spi_parts();
+
+/// The part of that name, or null.
+const SpiPart* find_spi_part(std::string_view name);
+
+} // namespace emulator

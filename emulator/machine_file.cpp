@@ -1,0 +1,168 @@
+#include "machine_file.h"
+
+#include "support/table_reader.h"
+#include "uefi/call_faults.h"
+
+#include <algorithm>
+#include <fstream>
+
+namespace emulator {
+namespace {
+
+using support::TableReader;
+
+Fault read_fault(const toml::table& table, const std::filesystem::path& file) {
+    TableReader reader(table, file);
+    Fault fault;
+    const auto kind = fault_kind_named(reader.text("kind"));
+    if (!kind) {
+        reader.fail("kind", "is no kind of fault that is known");
+    }
+    fault.kind = *kind;
+    if (reader.has("on")) {
+        fault.on = operation_named(reader.text("on"));
+        if (!fault.on) {
+            reader.fail("on", "is no operation that is known");
+        }
+    }
+    if (reader.has("address")) {
+        fault.address = static_cast<std::uint32_t>(reader.number("address", 0, 0xFFFFFF));
+    }
+    fault.nth = static_cast<std::uint64_t>(reader.number("nth", 1, INT64_MAX, 1));
+    fault.times = static_cast<std::uint64_t>(reader.number("times", 0, INT64_MAX, 0));
+    fault.mask = static_cast<std::uint8_t>(reader.number("mask", 0, 0xFF, 0xFF));
+    reader.finish();
+    return fault;
+}
+
+SpiChipDescription read_spi(const toml::table& table, const std::filesystem::path& file) {
+    TableReader reader(table, file);
+    SpiChipDescription chip{};
+    chip.part = find_spi_part(reader.text("part"));
+    if (chip.part == nullptr) {
+        reader.fail("part", "is no part that the emulator knows");
+    }
+    chip.image = reader.text("image", "");
+    if (reader.has("status")) {
+        chip.status = static_cast<std::uint8_t>(reader.number("status", 0, 0xFF));
+    }
+    for (const toml::table* fault : reader.tables("fault")) {
+        chip.faults.push_back(read_fault(*fault, file));
+    }
+    reader.finish();
+    return chip;
+}
+
+AdapterDescription read_adapter(const toml::table& table, const std::filesystem::path& file) {
+    constexpr std::int64_t kUsualVendor = 0x1E5D;
+    TableReader reader(table, file);
+    AdapterDescription adapter{};
+    const auto vendor =
+        static_cast<std::uint16_t>(reader.number("vendor", 0, 0xFFFF, kUsualVendor));
+    const auto device = static_cast<std::uint16_t>(reader.number("device", 0, 0xFFFF));
+    adapter.model = find_adapter_model(vendor, device);
+    if (adapter.model == nullptr) {
+        reader.fail("device", "is no adapter that the emulator knows");
+    }
+    adapter.address = {static_cast<std::uint8_t>(reader.number("bus", 0, 255, 0)),
+                       static_cast<std::uint8_t>(reader.number("slot", 0, 31)),
+                       static_cast<std::uint8_t>(reader.number("function", 0, 7, 0))};
+    adapter.revision = static_cast<std::uint8_t>(reader.number("revision", 0, 0xFF, 0));
+    if (const toml::table* spi = reader.table("spi")) {
+        adapter.spi = read_spi(*spi, file);
+    }
+    reader.finish();
+    return adapter;
+}
+
+FirmwareFaultDescription read_firmware_fault(const toml::table& table,
+                                             const std::filesystem::path& file) {
+    TableReader reader(table, file);
+    FirmwareFaultDescription fault{
+        reader.text("call"), static_cast<std::uint64_t>(reader.number("nth", 1, INT64_MAX, 1)),
+        static_cast<std::uint64_t>(reader.number("times", 0, INT64_MAX, 1))};
+    if (std::ranges::none_of(kNamedCalls,
+                             [&](const NamedCall& call) { return call.name == fault.call; })) {
+        reader.fail("call", "is no firmware call that is known");
+    }
+    reader.finish();
+    return fault;
+}
+
+BusyTimes read_times(TableReader& reader) {
+    const std::string times = reader.text("time", "typical");
+    if (times == "typical") {
+        return {};
+    }
+    if (times != "none") {
+        reader.fail("time", "must be \"typical\" or \"none\"");
+    }
+    return kNeverBusy;
+}
+
+void fill(SpiChip& chip, const std::filesystem::path& image) {
+    if (image.empty() || !std::filesystem::exists(image)) {
+        return;
+    }
+    auto& contents = chip.contents();
+    std::ifstream in(image, std::ios::binary);
+    if (std::filesystem::file_size(image) != contents.size() ||
+        !in.read(reinterpret_cast<char*>(contents.data()),
+                 static_cast<std::streamsize>(contents.size()))) {
+        throw support::InputError(image.string() + ": must hold the " +
+                                  std::to_string(contents.size()) + " bytes of a " +
+                                  std::string(chip.part().name));
+    }
+}
+
+} // namespace
+
+MachineDescription load_machine_file(const std::filesystem::path& file) {
+    const toml::table root = support::parse_toml(file);
+    TableReader reader(root, file);
+    MachineDescription machine{read_times(reader), {}, {}};
+    for (const toml::table* fault : reader.tables("firmware_fault")) {
+        machine.firmware_faults.push_back(read_firmware_fault(*fault, file));
+    }
+    for (const toml::table* adapter : reader.tables("adapter")) {
+        machine.adapters.push_back(read_adapter(*adapter, file));
+    }
+    reader.finish();
+    return machine;
+}
+
+std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock) {
+    auto machine = std::make_unique<Machine>(clock);
+    for (const AdapterDescription& a : description.adapters) {
+        Adapter& adapter = machine->add(*a.model, a.address, a.revision);
+        if (a.spi) {
+            SpiChip& chip = machine->add_spi_chip(adapter, *a.spi->part, description.times);
+            fill(chip, a.spi->image);
+            if (a.spi->status) {
+                chip.set_status(*a.spi->status);
+            }
+            for (const Fault& fault : a.spi->faults) {
+                chip.faults().add(fault);
+            }
+        }
+    }
+    return machine;
+}
+
+void save_images(const MachineDescription& description, const Machine& machine) {
+    for (std::size_t i = 0; i < description.adapters.size(); ++i) {
+        const auto& spi = description.adapters[i].spi;
+        if (!spi || spi->image.empty()) {
+            continue;
+        }
+        const auto& contents = machine.adapter(i).spi().chip()->contents();
+        std::ofstream out(spi->image, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(contents.data()),
+                  static_cast<std::streamsize>(contents.size()));
+        if (!out.flush()) {
+            throw support::InputError(spi->image.string() + ": cannot be written");
+        }
+    }
+}
+
+} // namespace emulator
