@@ -1,0 +1,261 @@
+#include "cmdline.h"
+
+#include "context.h"
+#include "lab.h"
+
+#include <gtest/gtest.h>
+#include <random>
+
+namespace {
+
+using lab::Lab;
+
+/// One parse, by itself.
+struct Parse {
+    explicit Parse(const std::string& line) : Parse(lab::words("qfu " + line)) {}
+
+    explicit Parse(const std::vector<std::string>& arguments) {
+        lab.attach();
+        std::vector<const char*> argv;
+        argv.reserve(50);
+        for (const std::string& argument : arguments) {
+            argv.push_back(argument.c_str());
+        }
+        argv.resize(50);
+        status = qfu_parse_command_line(&context, static_cast<std::uint32_t>(arguments.size()),
+                                        argv.data());
+        printed = lab.printed();
+    }
+    ~Parse() { lab.attach(); } // another parse may have come between; the context gives back here
+
+    Lab lab;
+    QFU_CONTEXT context{};
+    EFI_STATUS status;
+    std::string printed;
+};
+
+TEST(Parser, FailsWithoutAContext) {
+    EXPECT_EQ(qfu_parse_command_line(nullptr, 1, nullptr), EFI_ABORTED);
+}
+
+TEST(Parser, TurnsOptionsIntoFlagsAndFields) {
+    const Parse p("-l -y -se -phytest -lback -erctn -adid 3 -cvid 0x1E5D -cdid c709 -csid 0X1 "
+                  "-addr 0x00080000 -sz 080000 -p 2 -r 1 -n mftp -t 0x10");
+    EXPECT_EQ(p.status, EFI_SUCCESS);
+    EXPECT_EQ(p.printed, "");
+    EXPECT_EQ(p.context.flags, QFU_REQ_LIST | QFU_REQ_YES | QFU_REQ_SECTOR_ERASE | QFU_REQ_PHYTEST |
+                                   QFU_REQ_PHY_LOOPBACK | QFU_REQ_PHY_ERCTN | QFU_REQ_ADAPTER |
+                                   QFU_REQ_VENDOR | QFU_REQ_DEVICE | QFU_REQ_CHIP_SELECT |
+                                   QFU_REQ_ADDRESS | QFU_REQ_SIZE | QFU_REQ_PHY_PORT |
+                                   QFU_REQ_PHY_RATE | QFU_REQ_PHY_PATTERN | QFU_REQ_PHY_TIME);
+    EXPECT_EQ(p.context.argc, 27U);
+    EXPECT_EQ(p.context.adapter_id, 3);
+    EXPECT_EQ(p.context.vendor_filter, 0x1E5D);
+    EXPECT_EQ(p.context.device_filter, 0xC709);
+    EXPECT_EQ(p.context.chip_select, 1);
+    EXPECT_EQ(p.context.address, 524288U);
+    EXPECT_EQ(p.context.size, 80000U);
+    EXPECT_EQ(p.context.phy_port, 2);
+    EXPECT_EQ(p.context.phy_rate, 1);
+    EXPECT_EQ(p.context.phy_pattern, 6);
+    EXPECT_EQ(p.context.phy_time, 16);
+}
+
+TEST(Parser, AllStandsForEveryAdapterAndPort) {
+    const Parse p("-adid ALL -p ALL");
+    EXPECT_EQ(p.context.flags,
+              QFU_REQ_ADAPTER | QFU_REQ_ADAPTER_ALL | QFU_REQ_PHY_PORT | QFU_REQ_PHY_PORT_ALL);
+}
+
+TEST(Parser, WipeWinsOverSectorErase) {
+    EXPECT_EQ(Parse("-se -wpa").context.flags, QFU_REQ_WIPE);
+}
+
+TEST(Parser, IgnoresWhatItDoesNotKnowAndTakesTheFirstOfTwo) {
+    const Parse p("-Y -addr 1 -addr 2 word");
+    EXPECT_EQ(p.status, EFI_SUCCESS);
+    EXPECT_EQ(p.context.flags, QFU_REQ_ADDRESS);
+    EXPECT_EQ(p.context.address, 1U);
+}
+
+TEST(Parser, KeepsTheLowBitsOfNumbersThatAreTooLarge) {
+    EXPECT_EQ(Parse("-adid 65537").context.adapter_id, 1);
+    EXPECT_EQ(Parse("-addr 0x123456789").context.address, 0x23456789U);
+    EXPECT_EQ(Parse("-sz 4294967297").context.size, 1U);
+    const Parse slot("-csid 0x10000");
+    EXPECT_EQ(slot.status, EFI_SUCCESS);
+    EXPECT_EQ(slot.context.chip_select, 0);
+    EXPECT_EQ(Parse("-t 65537").context.phy_time, 1);
+}
+
+TEST(Parser, EmptyValuesCountAsZero) {
+    const Parse p(
+        std::vector<std::string>{"qfu", "-adid", "", "-cvid", "0x", "-addr", "", "-t", "0x"});
+    EXPECT_EQ(p.status, EFI_SUCCESS);
+    EXPECT_EQ(p.context.flags,
+              QFU_REQ_ADAPTER | QFU_REQ_VENDOR | QFU_REQ_ADDRESS | QFU_REQ_PHY_TIME);
+    EXPECT_EQ(p.context.vendor_filter, 0);
+}
+
+struct Refusal {
+    const char* line;
+    const char* message;
+};
+
+class Refused : public testing::TestWithParam<Refusal> {};
+
+TEST_P(Refused, WithTheOptionsOwnMessage) {
+    const Parse p(GetParam().line);
+    EXPECT_EQ(p.status, EFI_INVALID_PARAMETER);
+    EXPECT_EQ(p.printed, std::string(GetParam().message) + "\r\n");
+}
+
+constexpr char kDigits24[] = "000000000000000000000001";
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, Refused,
+    testing::Values(
+        Refusal{"-p all", "The Port ID isn't a Dec(all)."},
+        Refusal{"-r 0x1", "The phy rate isn't a Dec(0x1)."},
+        Refusal{
+            "-n PRBS7",
+            "Invalid pattern select, should be jitp0, jitp1, jitp2, jitp3, jitp4, prbs7, prbs9, "
+            "prbs15, prbs23, prbs31, lfsr, ltdp, htdp, lfscp, ssop, nlbp, nccp, lftp, mftp, hftp, "
+            "lbp."},
+        Refusal{"-t 0x1G", "The time isn't a Hex(0x1G)."},
+        Refusal{"-t 1s", "The time isn't a Dec(1s)."},
+        Refusal{"-adid all", "The Adapter ID isn't a Dec(all)."},
+        Refusal{"-adid ALLX", "The Adapter ID isn't a Dec(ALLX)."},
+        Refusal{"-cvid 0xG", "The Vendor ID isn't a Hex(0xG)."},
+        Refusal{"-cvid G", "*The Vendor ID isn't a Hex(G)."},
+        Refusal{"-cdid 0XZ", "The Device ID isn't a Hex(0XZ)."},
+        Refusal{"-cdid x1", "*The Device ID isn't a Hex(x1)."},
+        Refusal{"-csid 0x-1", "The CS ID isn't a Hex(0x-1)."},
+        Refusal{"-csid -", "*The CS ID isn't a Hex(-)."},
+        Refusal{"-csid 2", "No supported this ID(2) at -csid item."},
+        Refusal{"-addr 0x1 -sz 4k", "The size value isn't a Dec(4k)."},
+        Refusal{"-sz 0x4k", "The size value isn't a Hex(0x4k)."},
+        Refusal{"-addr 12AB", "The address value isn't a Dec(12AB)."},
+        Refusal{"-addr 0x12AX", "The address value isn't a Hex(0x12AX)."},
+        // Only the first error in the order of evaluation counts.
+        Refusal{"-sz x -addr x -adid x -t x", "The time isn't a Dec(x)."}));
+
+INSTANTIATE_TEST_SUITE_P(MissingValues, Refused,
+                         testing::Values(Refusal{"-p", "The Port ID isn't a Dec(<NULL>)."},
+                                         Refusal{"-adid", "The Adapter ID isn't a Dec(<NULL>)."},
+                                         Refusal{"-cvid", "*The Vendor ID isn't a Hex(<NULL>)."},
+                                         Refusal{"-addr", "The address value isn't a Dec(<NULL>)."},
+                                         Refusal{"-wbf", "-if:The <NULL> file can't open."},
+                                         Refusal{"-rfb", ">>The <NULL> file can't open."}));
+
+TEST(Parser, RefusesValuesThatAreLongerThan23Characters) {
+    EXPECT_EQ(Parse(std::string("-addr ") + (kDigits24 + 1)).context.address, 1U);
+    EXPECT_EQ(Parse(std::string("-addr ") + kDigits24).printed,
+              std::string("The address value isn't a Dec(") + kDigits24 + ").\r\n");
+    EXPECT_EQ(Parse("-cvid 0x1111111111222222222233").printed,
+              "The Vendor ID isn't a Hex(0x1111111111222222222233).\r\n");
+}
+
+TEST(Parser, NeverReadsBehindTheLastArgument) {
+    std::vector<std::string> arguments(50, "x");
+    arguments[49] = "-addr";
+    EXPECT_EQ(Parse(arguments).printed, "The address value isn't a Dec(<NULL>).\r\n");
+}
+
+TEST(Parser, OpensTheFirstOfTheFilesThatItIsGiven) {
+    Lab lab;
+    lab.kind(1);
+    lab.write_file("image.bin", std::string(300, 'x'));
+    const auto run = lab.run("-rfb dump.bin -wbf image.bin -addr 0x80000 -getparm p.nsh");
+    EXPECT_EQ(run.text().substr(0, 51), ">>The file name is image.bin and its size is 300.\nA");
+    EXPECT_FALSE(lab.exists("dump.bin"));
+    EXPECT_FALSE(lab.exists("p.nsh"));
+}
+
+TEST(Parser, NamesFilesThatDoNotOpen) {
+    Lab lab;
+    EXPECT_EQ(lab.run("-wbf none.bin").text(),
+              "Error line 1605. The file none.bin did not open.\n"
+              "-if:The none.bin file can't open.\nprocess_file_fun() has warning!!(2)\n");
+    EXPECT_EQ(lab.run("-getparm no/dir").text(),
+              "Error line 1613. The file no/dir can't be created.\n"
+              ">>The no/dir file can't open.\nprocess_file_fun() has warning!!(2)\n");
+}
+
+TEST(Parser, ClosesTheImageWhenTheChipListIsMissing) {
+    Lab lab;
+    lab.remove_chip_list();
+    lab.write_file("image.bin", "12");
+    EXPECT_EQ(lab.run("-wbf image.bin").text(),
+              ">>The file name is image.bin and its size is 2.\n"
+              "Error line 1605. The file spilist.bin did not open.\n"
+              "The spilist.bin file can't open.\nprocess_file_fun() has warning!!(2)\n");
+}
+
+TEST(FindOption, StopsAtTheFirstAbsentArgument) {
+    const char* argv[] = {"-y", "-yes", "-y", nullptr, "-l"};
+    EXPECT_EQ(qfu_find_option(5, argv, "-y"), 2U);
+    EXPECT_EQ(qfu_find_option(5, argv, "-l"), 0U);
+    EXPECT_EQ(qfu_find_option(1, argv, "-y"), 0U);
+}
+
+TEST(Digits, AreReadUpToTheFirstOtherCharacter) {
+    EXPECT_EQ(qfu_parse_hex("1aFg9"), 0x1AFU);
+    EXPECT_EQ(qfu_parse_hex(""), 0U);
+    EXPECT_TRUE(qfu_is_hex(""));
+    EXPECT_FALSE(qfu_is_hex("0x1"));
+    EXPECT_FALSE(qfu_is_decimal("1 "));
+}
+
+TEST(Parser, SurvivesRandomCommandLines) {
+    const std::vector<std::string> words = {"-cmds",
+                                            "-bp",
+                                            "-help",
+                                            "-h",
+                                            "-phytest",
+                                            "-p",
+                                            "-r",
+                                            "-n",
+                                            "-t",
+                                            "-l",
+                                            "-y",
+                                            "-wpa",
+                                            "-se",
+                                            "-adid",
+                                            "-wbf",
+                                            "-rfb",
+                                            "-getparm",
+                                            "-csid",
+                                            "-cvid",
+                                            "-cdid",
+                                            "-addr",
+                                            "-sz",
+                                            "ALL",
+                                            "0",
+                                            "1",
+                                            "0x",
+                                            "0x10000000",
+                                            "",
+                                            "image.bin",
+                                            "new.bin",
+                                            "99999999999999999999999",
+                                            "prbs7",
+                                            "%s%n%d",
+                                            ".",
+                                            "*",
+                                            "spilist.bin"};
+    std::mt19937 random(11);
+    for (int round = 0; round < 150; ++round) {
+        Lab lab;
+        lab.kind(round % 2 == 0 ? 1 : 4);
+        lab.write_file("image.bin", lab::pattern(40));
+        std::vector<std::string> line = {"-cdid", round % 2 == 0 ? "c709" : "c705"};
+        for (std::size_t n = random() % 12; n > 0; --n) {
+            line.push_back(words[random() % words.size()]);
+        }
+        const auto run = lab.run(line, "                ");
+        EXPECT_TRUE(run.status == EFI_SUCCESS || run.status == EFI_UNSUPPORTED);
+    }
+}
+
+} // namespace

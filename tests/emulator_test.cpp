@@ -1,0 +1,108 @@
+// The firmware's and the machine files' own promises, where the program's tests do not show them.
+#include "lab.h"
+#include "machine_file.h"
+#include "support/input_error.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace emulator;
+using lab::Lab;
+
+/// The complaint about a machine file with these lines.
+std::string complaint(const std::string& text) {
+    Lab lab;
+    lab.write_file("machine.toml", text);
+    try {
+        load_machine_file(lab.folder() / "machine.toml");
+    } catch (const support::InputError& error) {
+        const std::string message = error.what();
+        return message.substr(message.find("machine.toml"));
+    }
+    return "none";
+}
+
+TEST(MachineFile, NamesTheLineAndTheKeyOfAMistake) {
+    EXPECT_EQ(complaint("tim = 1\n"), "machine.toml:1: tim: is no key that is known here");
+    EXPECT_EQ(complaint("time = \"slow\"\n"),
+              "machine.toml:1: time: must be \"typical\" or \"none\"");
+    EXPECT_EQ(complaint("[[adapter]]\nslot = 2\n"), "machine.toml:1: device: is missing");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0x1234\nslot = 2\n"),
+              "machine.toml:2: device: is no adapter that the emulator knows");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC709\nslot = 32\n"),
+              "machine.toml:3: slot: must be a number from 0 to 31");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC709\nslot = 2\nspi = 3\n"),
+              "machine.toml:4: spi: must be a table");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC709\nslot = 2\n[adapter.spi]\npart = \"W25\"\n"),
+              "machine.toml:5: part: is no part that the emulator knows");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC709\nslot = 2\n[adapter.spi]\n"
+                        "part = \"W25X40\"\n[[adapter.spi.fault]]\nkind = \"bad luck\"\n"),
+              "machine.toml:7: kind: is no kind of fault that is known");
+    EXPECT_EQ(complaint("[[firmware_fault]]\ncall = \"luck\"\n"),
+              "machine.toml:2: call: is no firmware call that is known");
+    EXPECT_NE(complaint("[[adapter]\n").find("machine.toml:1: "), std::string::npos);
+}
+
+TEST(MachineFile, DescribesAdaptersChipsAndFaults) {
+    Lab lab;
+    lab.write_file("chip.bin", lab::pattern(0x80000));
+    lab.write_file("machine.toml", "time = \"none\"\n"
+                                   "[[adapter]]\nvendor = 0x1F7E\ndevice = 0xC702\nbus = 1\n"
+                                   "slot = 4\nrevision = 0x10\n"
+                                   "[adapter.spi]\npart = \"W25X40\"\nstatus = 0x1C\nimage = \"" +
+                                       (lab.folder() / "chip.bin").string() +
+                                       "\"\n[[adapter.spi.fault]]\nkind = \"not stored\"\n"
+                                       "on = \"program\"\naddress = 7\nnth = 2\ntimes = 1\n");
+    const auto description = load_machine_file(lab.folder() / "machine.toml");
+    VirtualClock clock;
+    const auto machine = build_machine(description, clock);
+    EXPECT_EQ(machine->config_read({1, 4, 0}, 8, 1), 0x10U);
+    SpiChip& chip = *machine->adapter(0).spi().chip();
+    EXPECT_EQ(chip.contents(), lab::pattern(0x80000));
+    EXPECT_EQ(chip.status(), 0x1C);
+    EXPECT_FALSE(chip.faults().empty());
+    chip.contents()[0] = 0x77;
+    save_images(description, *machine);
+    EXPECT_EQ(lab.read_file("chip.bin")[0], 0x77);
+    std::filesystem::resize_file(lab.folder() / "chip.bin", 5);
+    EXPECT_THROW(build_machine(description, clock), support::InputError);
+}
+
+TEST(MachineFile, EveryShippedMachineLoads) {
+    for (const auto& file :
+         std::filesystem::directory_iterator(QFU_SOURCE_DIR "/emulator/machines")) {
+        EXPECT_NO_THROW(load_machine_file(file.path())) << file.path();
+    }
+}
+
+TEST(Pool, NotesWhatIsFreedTwice) {
+    Lab lab;
+    emulator::MemoryPool& pool = lab.firmware().pool();
+    void* memory = pool.allocate(10);
+    EXPECT_EQ(static_cast<std::uint8_t*>(memory)[9], 0xAF) << "never zero by chance";
+    EXPECT_TRUE(pool.free(memory));
+    EXPECT_FALSE(pool.free(memory)); // NOLINT(clang-analyzer-unix.Malloc)
+    EXPECT_EQ(lab.take_misuses().size(), 1U);
+}
+
+TEST(ShellPaths, AreTidiedAsTheShellDoes) {
+    Lab lab;
+    std::filesystem::create_directories(lab.folder() / "a" / "b");
+    lab.write_file("top.bin", "1");
+    lab.write_file("a/b/deep.bin", "2");
+    lab.kind(1);
+    for (const char* name : {"top.bin", "TOP.BIN", ".\\top.bin", "\\top.bin", "fs0:\\top.bin",
+                             "a/b/deep.bin", "a\\b\\..\\b\\deep.bin", "a\\.\\b\\deep.bin"}) {
+        EXPECT_NE(lab.run(std::string("-l -wbf ") + name).text().find("its size is 1."),
+                  std::string::npos)
+            << name;
+    }
+    lab.firmware().files().change_directory("\\a");
+    std::filesystem::copy_file(lab.folder() / "spilist.bin", lab.folder() / "a" / "spilist.bin");
+    EXPECT_EQ(lab.run("-l -wbf b\\deep.bin").status, EFI_SUCCESS);
+    EXPECT_EQ(lab.run("-l -wbf top.bin").status, EFI_UNSUPPORTED);
+    EXPECT_EQ(lab.run("-l -wbf fs1:\\top.bin").status, EFI_UNSUPPORTED);
+}
+
+} // namespace

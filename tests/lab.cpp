@@ -1,0 +1,207 @@
+#include "lab.h"
+
+#include "console.h"
+#include "image.h"
+#include "platform/system.h"
+#include "source.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <random>
+#include <utility>
+
+namespace lab {
+
+using namespace emulator;
+
+Bytes pattern(std::size_t count, std::uint32_t seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(count);
+    std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
+    return bytes;
+}
+
+std::vector<std::string> words(std::string_view line) {
+    std::vector<std::string> result;
+    std::string word;
+    for (const char c : line) {
+        if (c != ' ') {
+            word.push_back(c);
+        } else if (!word.empty()) {
+            result.push_back(std::exchange(word, {}));
+        }
+    }
+    if (!word.empty()) {
+        result.push_back(word);
+    }
+    return result;
+}
+
+std::string Outcome::text() const {
+    std::string result;
+    bool listing = true;
+    std::string line;
+    const auto flush = [&] {
+        listing = listing && line.starts_with('[');
+        if (!listing) {
+            result += line;
+        }
+        line.clear();
+    };
+    for (std::size_t i = 0; i < console.size(); ++i) {
+        if (console[i] == '\r' && i + 1 < console.size() && console[i + 1] == '\n') {
+            continue;
+        }
+        line.push_back(console[i]);
+        if (console[i] == '\n') {
+            flush();
+        }
+    }
+    flush();
+    return result;
+}
+
+Lab::Lab() {
+    std::string name = (std::filesystem::temp_directory_path() / "qfu-test-XXXXXX").string();
+    folder_ = mkdtemp(name.data());
+    machine_ = std::make_unique<Machine>(clock_);
+    firmware_ = std::make_unique<Firmware>(*machine_, clock_, folder_);
+    machine_->journal().listen_to_cycles([this](std::string_view line) {
+        cycles_ += line;
+        cycles_ += '\n';
+    });
+    write_file("spilist.bin", shipped_chip_list());
+}
+
+Lab::~Lab() {
+    EXPECT_EQ(machine_->journal().misuses(), std::vector<std::string>{});
+    EXPECT_EQ(firmware_->resources(), Resources{}) << "something was not given back";
+    EXPECT_TRUE(starvation_expected_ || !firmware_->terminal().starved())
+        << "the program waited for a key that nobody pressed";
+    std::error_code error;
+    std::filesystem::remove_all(folder_, error);
+}
+
+Adapter& Lab::adapter(std::uint16_t device, std::uint16_t vendor) {
+    return adapter_at({0, next_device_++, 0}, device, vendor);
+}
+
+Adapter& Lab::adapter_at(PciAddress address, std::uint16_t device, std::uint16_t vendor,
+                         std::uint8_t revision) {
+    Adapter& adapter = machine_->add(*find_adapter_model(vendor, device), address, revision);
+    machine_->assign_bars();
+    return adapter;
+}
+
+SpiChip& Lab::chip(Adapter& adapter, std::string_view part, BusyTimes times) {
+    return machine_->add_spi_chip(adapter, *find_spi_part(part), times);
+}
+
+SpiChip& Lab::kind(int flash_if, std::string_view part, BusyTimes times) {
+    const std::uint16_t device = flash_if == 1 ? 0xC709 : flash_if == 2 ? 0xC703 : 0xC705;
+    return chip(adapter(device), part, times);
+}
+
+void Lab::write_file(const std::string& name, std::span<const std::uint8_t> bytes) {
+    std::ofstream out(folder_ / name, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+}
+
+void Lab::write_file(const std::string& name, std::string_view text) {
+    std::ofstream(folder_ / name, std::ios::binary) << text;
+}
+
+Bytes Lab::read_file(const std::string& name) const {
+    const std::string text = read_text(name);
+    return {text.begin(), text.end()};
+}
+
+std::string Lab::read_text(const std::string& name) const {
+    std::ifstream in(folder_ / name, std::ios::binary);
+    EXPECT_TRUE(in) << name << " is missing";
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool Lab::exists(const std::string& name) const {
+    return std::filesystem::exists(folder_ / name);
+}
+
+void Lab::remove_chip_list() {
+    std::filesystem::remove(folder_ / "spilist.bin");
+}
+
+Outcome Lab::run(std::string_view arguments, std::string_view keys) {
+    return run(words(arguments), keys);
+}
+
+Outcome Lab::run(const std::vector<std::string>& arguments, std::string_view keys) {
+    printed();
+    firmware_->terminal().press(keys);
+    std::vector<std::string> line = {kCommandName};
+    line.insert(line.end(), arguments.begin(), arguments.end());
+    const EFI_STATUS status = run_program(*firmware_, shell_, line);
+    return {status, printed()};
+}
+
+void Lab::attach() {
+    firmware_->activate(shell_, {kCommandName});
+    platform::attach(firmware_->image(), firmware_->table());
+    qfu_page_mode = false;
+    qfu_page_lines = 0;
+}
+
+std::string Lab::printed() {
+    const std::string& transcript = firmware_->terminal().transcript();
+    return transcript.substr(std::exchange(seen_, transcript.size()));
+}
+
+std::string Lab::cycles() {
+    return std::exchange(cycles_, {});
+}
+
+std::string Lab::registers() {
+    machine_->journal().listen_to_registers([this](std::string_view line) {
+        registers_ += line;
+        registers_ += '\n';
+    });
+    return std::exchange(registers_, {});
+}
+
+void Lab::stop_listening() {
+    machine_->journal().listen_to_cycles(nullptr);
+    machine_->journal().listen_to_registers(nullptr);
+}
+
+std::vector<std::string> Lab::take_misuses() {
+    return machine_->journal().take_misuses();
+}
+
+Probed::Probed(int flash_if, std::string_view part, BusyTimes times)
+    : chip(lab.kind(flash_if, part, times)) {}
+
+Probed::Probed(std::uint16_t device, std::string_view part)
+    : chip(lab.chip(lab.adapter(device), part, kNeverBusy)) {}
+
+Probed::~Probed() {
+    // The context gives its memory back behind this.
+    lab.attach();
+}
+
+QFU_ADAPTER& Probed::discover() {
+    lab.attach();
+    qfu_chiplist_load(context);
+    qfu_discover(qfu_supported_adapters(), context);
+    EXPECT_EQ(context.adapter_count, 1);
+    return context.adapters[0];
+}
+
+const Bytes& shipped_chip_list() {
+    static const Bytes list =
+        chiplist::encode(chiplist::read_source(QFU_SOURCE_DIR "/chiplist/chips.toml"));
+    return list;
+}
+
+} // namespace lab
