@@ -1,0 +1,238 @@
+#include "guest.h"
+
+#include "qemu_bridge.h"
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace firmware {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds kTimeLimit{120};
+constexpr char kImage[] = "volume.img";
+
+/// A folder that goes with its owner.
+class ScratchFolder {
+  public:
+    ScratchFolder() {
+        std::string name = (fs::temp_directory_path() / "qfu-guest-XXXXXX").string();
+        path_ = mkdtemp(name.data());
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    ~ScratchFolder() {
+        std::error_code error;
+        fs::remove_all(path_, error);
+    }
+    const fs::path& path() const { return path_; }
+
+  private:
+    fs::path path_;
+};
+
+void shell(const fs::path& folder, const std::string& command) {
+    const std::string line = "cd '" + folder.string() + "' && " + command + " >/dev/null";
+    if (std::system(line.c_str()) != 0) {
+        throw std::runtime_error("failed: " + command);
+    }
+}
+
+std::vector<std::uint8_t> read_bytes(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void make_volume(const fs::path& folder, const Volume& volume) {
+    shell(folder, std::string("truncate -s 64M ") + kImage + " && mkfs.vfat -F 32 " + kImage);
+    fs::create_directory(folder / "in");
+    for (const auto& [name, file] : volume) {
+        if (file.folder) {
+            fs::create_directories(folder / "in" / name);
+            continue;
+        }
+        std::ofstream out(folder / "in" / name, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(file.bytes.data()),
+                  static_cast<std::streamsize>(file.bytes.size()));
+    }
+    shell(folder, std::string("mcopy -s -i ") + kImage + " in/* ::/");
+    for (const auto& [name, file] : volume) {
+        if (file.read_only) {
+            shell(folder, std::string("mattrib -i ") + kImage + " +r '::/" + name + "'");
+        }
+    }
+}
+
+Volume read_volume(const fs::path& folder) {
+    fs::create_directory(folder / "out");
+    shell(folder, std::string("mcopy -s -n -i ") + kImage + " '::/*' out/");
+    Volume volume;
+    for (const auto& entry : fs::recursive_directory_iterator(folder / "out")) {
+        const std::string name = fs::relative(entry.path(), folder / "out").string();
+        volume[name] = {entry.is_directory() ? std::vector<std::uint8_t>{}
+                                             : read_bytes(entry.path()),
+                        false, entry.is_directory()};
+    }
+    return volume;
+}
+
+/// QEMU with its serial console on a pair of pipes.
+class Qemu {
+  public:
+    Qemu(const fs::path& folder, const std::vector<std::string>& devices) {
+        fs::copy_file("/usr/share/OVMF/OVMF_VARS_4M.fd", folder / "vars.fd");
+        std::vector<std::string> command = {
+            "qemu-system-x86_64",
+            "-accel",
+            "tcg",
+            "-machine",
+            "q35,memory-backend=m0",
+            "-m",
+            "256",
+            "-object",
+            "memory-backend-memfd,id=m0,size=256M,share=on",
+            "-nodefaults",
+            "-vga",
+            "none",
+            "-display",
+            "none",
+            "-net",
+            "none",
+            "-monitor",
+            "none",
+            "-serial",
+            "stdio",
+            "-no-reboot",
+            "-drive",
+            "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
+            "-drive",
+            "if=pflash,format=raw,file=" + (folder / "vars.fd").string(),
+            "-drive",
+            "format=raw,file=" + (folder / kImage).string()};
+        command.insert(command.end(), devices.begin(), devices.end());
+        start(command);
+    }
+    Qemu(const Qemu&) = delete;
+    Qemu& operator=(const Qemu&) = delete;
+    ~Qemu() {
+        kill(process_, SIGKILL);
+        waitpid(process_, nullptr, 0);
+        close(to_);
+        close(from_);
+    }
+
+    /// Passes the console's lines to its operator until QEMU ends.
+    std::string watch(const Operator& at_console) {
+        const auto end = std::chrono::steady_clock::now() + kTimeLimit;
+        std::string serial;
+        std::size_t line = 0;
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                end - std::chrono::steady_clock::now());
+            pollfd output{from_, POLLIN, 0};
+            if (left.count() <= 0 || poll(&output, 1, static_cast<int>(left.count())) == 0) {
+                throw std::runtime_error("the guest did not power off in time:\n" + serial);
+            }
+            std::array<char, 4096> buffer{};
+            const ssize_t got = read(from_, buffer.data(), buffer.size());
+            if (got <= 0) {
+                return serial;
+            }
+            serial.append(buffer.data(), static_cast<std::size_t>(got));
+            if (!started_ && serial.find("any other key to continue") != serial.npos) {
+                started_ = true;
+                press(" "); // spares the shell's count-down before its start-up script
+            }
+            for (std::size_t lf = 0; (lf = serial.find('\n', line)) != serial.npos; line = lf + 1) {
+                press(at_console(serial.substr(line, lf - line)));
+            }
+        }
+    }
+
+  private:
+    void start(const std::vector<std::string>& command) {
+        std::array<int, 2> input{};
+        std::array<int, 2> output{};
+        if (pipe(input.data()) != 0 || pipe(output.data()) != 0) {
+            throw std::runtime_error("no pipes for QEMU");
+        }
+        std::vector<char*> arguments;
+        arguments.reserve(command.size() + 1);
+        for (const std::string& word : command) {
+            arguments.push_back(const_cast<char*>(word.c_str()));
+        }
+        arguments.push_back(nullptr);
+        process_ = fork();
+        if (process_ == 0) {
+            dup2(input[0], STDIN_FILENO);
+            dup2(output[1], STDOUT_FILENO);
+            close(input[1]);
+            close(output[0]);
+            execvp(arguments[0], arguments.data());
+            _exit(127);
+        }
+        close(input[0]);
+        close(output[1]);
+        to_ = input[1];
+        from_ = output[0];
+    }
+
+    void press(const std::string& keys) const {
+        if (!keys.empty() && write(to_, keys.data(), keys.size()) < 0) {
+            throw std::runtime_error("the guest takes no keys");
+        }
+    }
+
+    pid_t process_ = -1;
+    int to_ = -1;
+    int from_ = -1;
+    bool started_ = false;
+};
+
+} // namespace
+
+GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
+                      const Operator& at_console) {
+    const ScratchFolder scratch;
+    Volume with_script = volume;
+    with_script["startup.nsh"].bytes.assign(script.begin(), script.end());
+    make_volume(scratch.path(), with_script);
+
+    emulator::QemuBridge bridge(machine);
+    GuestResult result;
+    {
+        Qemu qemu(scratch.path(), bridge.arguments());
+        bridge.handed_over();
+        std::thread hardware([&] { bridge.serve(); });
+        try {
+            result.serial = qemu.watch(at_console);
+        } catch (...) {
+            bridge.stop();
+            hardware.join();
+            throw;
+        }
+        hardware.join();
+    }
+    result.volume = read_volume(scratch.path());
+    return result;
+}
+
+void add_program(Volume& volume) {
+    volume["qfu.efi"].bytes = read_bytes(QFU_BUILD_DIR "/efi/qfu.efi");
+    volume["qfu.man"].bytes = read_bytes(QFU_BUILD_DIR "/qfu.man");
+    if (volume["qfu.efi"].bytes.empty()) {
+        throw std::runtime_error("build/efi/qfu.efi is not built");
+    }
+}
+
+} // namespace firmware

@@ -1,0 +1,42 @@
+// What only a guest can show.
+#include "guest.h"
+#include "lab.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace firmware;
+
+TEST(Guest, CtrlCStopsATransferBetweenBlocks) {
+    const emulator::SteadyClock clock;
+    emulator::Machine machine(clock);
+    auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, 0xC705), {0, 2, 0}, 0);
+    auto& chip =
+        machine.add_spi_chip(adapter, *emulator::find_spi_part("W25X40"), emulator::kNeverBusy);
+    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    Volume volume;
+    add_program(volume);
+    volume["spilist.bin"].bytes = lab::shipped_chip_list();
+    volume["image.bin"].bytes = lab::pattern(0x10000);
+    const auto break_it = [](const std::string& line) {
+        // The line with the erase progress ends when programming starts.
+        return line.find("Erase block") == line.npos ? "" : "\x03reset -s\r";
+    };
+    const GuestResult guest = run_guest(
+        machine, volume, "fs0:\r\nqfu -wbf image.bin -addr 0 -y\r\nreset -s\r\n", break_it);
+    EXPECT_NE(guest.serial.find("Erase block 0000f000"), std::string::npos);
+    EXPECT_EQ(guest.serial.find("successful"), std::string::npos);
+    EXPECT_EQ(guest.serial.find("fail!!"), std::string::npos);
+    EXPECT_EQ(chip.contents()[0x10000], 0);
+    const auto image = lab::pattern(0x10000);
+    const std::uint64_t programmed = chip.count(emulator::Operation::kProgram);
+    EXPECT_LT(programmed, image.size());
+    EXPECT_EQ(programmed % 4096, 0U);
+    EXPECT_TRUE(std::equal(image.begin(), image.begin() + static_cast<std::ptrdiff_t>(programmed),
+                           chip.contents().begin()));
+    EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
+}
+
+} // namespace

@@ -1,0 +1,216 @@
+// Each story runs twice: in this process, and in a guest under real firmware and its shell.
+// Console, status, files, flash contents and the cycles on the flash bus must be the same.
+#include "guest.h"
+#include "in_process.h"
+#include "lab.h"
+#include "story.h"
+
+#include <algorithm>
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace firmware;
+
+/// What both twins show.
+struct Shown {
+    std::vector<std::string> consoles; ///< by step
+    std::vector<std::string> statuses;
+    Volume files;
+    std::vector<std::vector<std::uint8_t>> flash;
+    std::vector<std::string> cycles;
+    std::vector<std::string> misuses;
+};
+
+/// The part of a console that is the same on every machine: a mismatch names where in memory the
+/// image's bytes lay.
+std::string without_addresses(std::string console) {
+    const std::string_view source = "Source(0x";
+    for (std::size_t at = 0; (at = console.find(source, at)) != console.npos;) {
+        at += source.size();
+        console.erase(at, console.find(')', at) - at);
+    }
+    return console;
+}
+
+/// A status read, as the log shows it, that found the chip busy.
+bool is_busy_poll(const std::string& line) {
+    const std::size_t received = line.find("  05         < ");
+    if (received == line.npos) {
+        return false;
+    }
+    return (std::stoul(line.substr(received + 15, 2), nullptr, 16) & 1) != 0;
+}
+
+/// Cycles without the status reads that found the chip busy: their number depends on the speed of
+/// the machine.
+std::vector<std::string> without_busy_polls(const std::vector<std::string>& cycles) {
+    std::vector<std::string> result;
+    std::ranges::copy_if(cycles, std::back_inserter(result),
+                         [](const std::string& line) { return !is_busy_poll(line); });
+    return result;
+}
+
+void listen(emulator::Machine& machine, std::vector<std::string>& cycles) {
+    machine.journal().listen_to_cycles([&](std::string_view line) { cycles.emplace_back(line); });
+}
+
+void collect_hardware(const emulator::Machine& machine, emulator::Journal& journal, Shown& shown) {
+    for (const auto& adapter : machine.adapters()) {
+        if (const auto* chip = adapter->spi().chip()) {
+            shown.flash.push_back(const_cast<emulator::SpiChip*>(chip)->contents());
+        }
+    }
+    shown.misuses = journal.misuses();
+}
+
+void write_files(const Volume& files, const std::filesystem::path& folder) {
+    for (const auto& [name, file] : files) {
+        if (file.folder) {
+            std::filesystem::create_directories(folder / name);
+            continue;
+        }
+        std::ofstream out(folder / name, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(file.bytes.data()),
+                  static_cast<std::streamsize>(file.bytes.size()));
+        out.close();
+        if (file.read_only) {
+            std::filesystem::permissions(folder / name, std::filesystem::perms::owner_read);
+        }
+    }
+}
+
+Volume read_files(const lab::Lab& lab) {
+    Volume files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(lab.folder())) {
+        const std::string name = std::filesystem::relative(entry.path(), lab.folder()).string();
+        files[name] = {entry.is_directory() ? lab::Bytes{} : lab.read_file(name), false,
+                       entry.is_directory()};
+    }
+    return files;
+}
+
+Shown run_in_process(const Story& story) {
+    Shown shown;
+    lab::Lab files_and_clock;
+    write_files(story.files, files_and_clock.folder());
+    emulator::VirtualClock clock;
+    const auto machine = emulator::build_machine(story.machine, clock);
+    machine->assign_bars();
+    listen(*machine, shown.cycles);
+    emulator::Firmware in_process(*machine, clock, files_and_clock.folder());
+    for (const Step& step : story.steps) {
+        if (step.run.empty()) {
+            continue;
+        }
+        const std::size_t before = in_process.terminal().transcript().size();
+        in_process.terminal().press(step.keys);
+        std::vector<std::string> arguments = lab::words(step.run);
+        arguments.insert(arguments.begin(), emulator::kCommandName);
+        const EFI_STATUS status =
+            emulator::run_program(in_process, emulator::Shell::kCurrent, arguments);
+        shown.consoles.push_back(
+            without_addresses(in_process.terminal().transcript().substr(before)));
+        shown.statuses.push_back("0x" + emulator::hex(status & 0xFF, 1));
+        EXPECT_EQ(in_process.resources(), emulator::Resources{}) << step.run;
+    }
+    shown.files = read_files(files_and_clock);
+    collect_hardware(*machine, machine->journal(), shown);
+    return shown;
+}
+
+std::string text_of(const VolumeFile& file) {
+    return {file.bytes.begin(), file.bytes.end()};
+}
+
+/// A start-up script that keeps each step's output and exit status in files of its own.
+std::string script_of(const Story& story) {
+    std::string script = "@echo -off\r\nfs0:\r\n";
+    for (std::size_t i = 0; i < story.steps.size(); ++i) {
+        const Step& step = story.steps[i];
+        const std::string n = std::to_string(i);
+        script += "echo @@step " + n + "\r\n";
+        script += (step.run.empty() ? step.shell : "qfu " + step.run) + " >a ~out" + n + "\r\n";
+        script += "echo %lasterror% >a ~status" + n + "\r\n";
+    }
+    return script + "reset -s\r\n";
+}
+
+Shown run_in_guest(const Story& story) {
+    Shown shown;
+    const emulator::SteadyClock clock;
+    const auto machine = emulator::build_machine(story.machine, clock);
+    listen(*machine, shown.cycles);
+    Volume volume = story.files;
+    add_program(volume);
+    const auto press_keys = [&](const std::string& line) -> std::string {
+        const std::size_t at = line.find("@@step ");
+        return at == line.npos ? "" : story.steps[std::stoul(line.substr(at + 7))].keys;
+    };
+    GuestResult guest = run_guest(*machine, volume, script_of(story), press_keys);
+    for (std::size_t i = 0; i < story.steps.size(); ++i) {
+        const std::string out = "~out" + std::to_string(i);
+        const std::string status = "~status" + std::to_string(i);
+        const std::string console = text_of(guest.volume[out]);
+        for (const std::string& text : story.steps[i].prints) {
+            EXPECT_NE(console.find(text), std::string::npos) << text << "\nis not in\n" << console;
+        }
+        if (!story.steps[i].run.empty()) {
+            shown.consoles.push_back(without_addresses(console));
+            const std::string value = text_of(guest.volume[status]);
+            shown.statuses.push_back(value.substr(0, value.find('\r')));
+        }
+        guest.volume.erase(out);
+        guest.volume.erase(status);
+    }
+    for (const char* ours : {"startup.nsh", "qfu.efi", "qfu.man"}) {
+        guest.volume.erase(ours);
+    }
+    shown.files = guest.volume;
+    collect_hardware(*machine, machine->journal(), shown);
+    return shown;
+}
+
+std::vector<std::string> story_names() {
+    std::vector<std::string> names;
+    for (const auto& file :
+         std::filesystem::directory_iterator(QFU_SOURCE_DIR "/tests/firmware/stories")) {
+        names.push_back(file.path().stem().string());
+    }
+    std::ranges::sort(names);
+    return names;
+}
+
+class Twins : public testing::TestWithParam<std::string> {};
+
+TEST_P(Twins, ShowTheSame) {
+    const Story story =
+        load_story(QFU_SOURCE_DIR "/tests/firmware/stories/" + GetParam() + ".toml");
+    const Shown in_process = run_in_process(story);
+    const Shown in_guest = run_in_guest(story);
+    EXPECT_EQ(in_process.consoles, in_guest.consoles);
+    EXPECT_EQ(in_process.statuses, in_guest.statuses);
+    EXPECT_EQ(without_busy_polls(in_process.cycles), without_busy_polls(in_guest.cycles));
+    EXPECT_TRUE(in_process.flash == in_guest.flash) << "flash contents differ";
+    std::vector<std::string> names;
+    for (const auto& [name, file] : in_process.files) {
+        names.push_back(name);
+        const auto twin = in_guest.files.find(name);
+        EXPECT_TRUE(twin != in_guest.files.end() && twin->second == file) << name;
+    }
+    for (const auto& [name, file] : in_guest.files) {
+        EXPECT_TRUE(std::ranges::count(names, name) == 1) << name << " is only in the guest";
+    }
+    EXPECT_EQ(in_process.misuses, in_guest.misuses);
+    for (const std::string& misuse : in_guest.misuses) {
+        EXPECT_TRUE(std::ranges::any_of(story.misuse, [&](const std::string& announced) {
+            return misuse.find(announced) != misuse.npos;
+        })) << misuse;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Stories, Twins, testing::ValuesIn(story_names()),
+                         [](const auto& story) { return story.param; });
+
+} // namespace
