@@ -35,6 +35,14 @@ Fault read_fault(const toml::table& table, const std::filesystem::path& file) {
     return fault;
 }
 
+std::vector<Fault> read_faults(TableReader& reader, const std::filesystem::path& file) {
+    std::vector<Fault> faults;
+    for (const toml::table* fault : reader.tables("fault")) {
+        faults.push_back(read_fault(*fault, file));
+    }
+    return faults;
+}
+
 SpiChipDescription read_spi(const toml::table& table, const std::filesystem::path& file) {
     TableReader reader(table, file);
     SpiChipDescription chip{};
@@ -46,9 +54,20 @@ SpiChipDescription read_spi(const toml::table& table, const std::filesystem::pat
     if (reader.has("status")) {
         chip.status = static_cast<std::uint8_t>(reader.number("status", 0, 0xFF));
     }
-    for (const toml::table* fault : reader.tables("fault")) {
-        chip.faults.push_back(read_fault(*fault, file));
+    chip.faults = read_faults(reader, file);
+    reader.finish();
+    return chip;
+}
+
+NorChipDescription read_nor(const toml::table& table, const std::filesystem::path& file) {
+    TableReader reader(table, file);
+    NorChipDescription chip{};
+    chip.part = find_nor_part(static_cast<std::uint32_t>(reader.number("id", 0, UINT32_MAX)));
+    if (chip.part == nullptr) {
+        reader.fail("id", "is no part that the emulator knows");
     }
+    chip.image = reader.text("image", "");
+    chip.faults = read_faults(reader, file);
     reader.finish();
     return chip;
 }
@@ -70,6 +89,12 @@ AdapterDescription read_adapter(const toml::table& table, const std::filesystem:
     adapter.revision = static_cast<std::uint8_t>(reader.number("revision", 0, 0xFF, 0));
     if (const toml::table* spi = reader.table("spi")) {
         adapter.spi = read_spi(*spi, file);
+    }
+    if (const toml::table* nor = reader.table("nor")) {
+        if (adapter.model->interface != Interface::kBar2) {
+            reader.fail("nor", "the adapter has no NOR controller");
+        }
+        adapter.nor = read_nor(*nor, file);
     }
     reader.finish();
     return adapter;
@@ -100,18 +125,28 @@ BusyTimes read_times(TableReader& reader) {
     return kNeverBusy;
 }
 
-void fill(SpiChip& chip, const std::filesystem::path& image) {
+void fill(std::vector<std::uint8_t>& contents, const std::filesystem::path& image) {
     if (image.empty() || !std::filesystem::exists(image)) {
         return;
     }
-    auto& contents = chip.contents();
     std::ifstream in(image, std::ios::binary);
     if (std::filesystem::file_size(image) != contents.size() ||
         !in.read(reinterpret_cast<char*>(contents.data()),
                  static_cast<std::streamsize>(contents.size()))) {
         throw support::InputError(image.string() + ": must hold the " +
-                                  std::to_string(contents.size()) + " bytes of a " +
-                                  std::string(chip.part().name));
+                                  std::to_string(contents.size()) + " bytes of its chip");
+    }
+}
+
+void save(const std::vector<std::uint8_t>& contents, const std::filesystem::path& image) {
+    if (image.empty()) {
+        return;
+    }
+    std::ofstream out(image, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(contents.data()),
+              static_cast<std::streamsize>(contents.size()));
+    if (!out.flush()) {
+        throw support::InputError(image.string() + ": cannot be written");
     }
 }
 
@@ -137,11 +172,18 @@ std::unique_ptr<Machine> build_machine(const MachineDescription& description, co
         Adapter& adapter = machine->add(*a.model, a.address, a.revision);
         if (a.spi) {
             SpiChip& chip = machine->add_spi_chip(adapter, *a.spi->part, description.times);
-            fill(chip, a.spi->image);
+            fill(chip.contents(), a.spi->image);
             if (a.spi->status) {
                 chip.set_status(*a.spi->status);
             }
             for (const Fault& fault : a.spi->faults) {
+                chip.faults().add(fault);
+            }
+        }
+        if (a.nor) {
+            NorChip& chip = machine->add_nor_chip(adapter, *a.nor->part, description.times);
+            fill(chip.contents(), a.nor->image);
+            for (const Fault& fault : a.nor->faults) {
                 chip.faults().add(fault);
             }
         }
@@ -151,16 +193,12 @@ std::unique_ptr<Machine> build_machine(const MachineDescription& description, co
 
 void save_images(const MachineDescription& description, const Machine& machine) {
     for (std::size_t i = 0; i < description.adapters.size(); ++i) {
-        const auto& spi = description.adapters[i].spi;
-        if (!spi || spi->image.empty()) {
-            continue;
+        const AdapterDescription& adapter = description.adapters[i];
+        if (adapter.spi) {
+            save(machine.adapter(i).spi().chip()->contents(), adapter.spi->image);
         }
-        const auto& contents = machine.adapter(i).spi().chip()->contents();
-        std::ofstream out(spi->image, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(contents.data()),
-                  static_cast<std::streamsize>(contents.size()));
-        if (!out.flush()) {
-            throw support::InputError(spi->image.string() + ": cannot be written");
+        if (adapter.nor) {
+            save(machine.adapter(i).nor()->chip()->contents(), adapter.nor->image);
         }
     }
 }

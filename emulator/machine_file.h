@@ -18,12 +18,20 @@ struct SpiChipDescription {
     std::vector<Fault> faults;
 };
 
+/// One parallel flash chip of a machine file.
+struct NorChipDescription {
+    const NorPart* part;
+    std::filesystem::path image; ///< contents, kept from run to run; empty: a blank chip each time
+    std::vector<Fault> faults;
+};
+
 /// One adapter of a machine file.
 struct AdapterDescription {
     const AdapterModel* model;
     PciAddress address;
     std::uint8_t revision;
     std::optional<SpiChipDescription> spi;
+    std::optional<NorChipDescription> nor;
 };
 
 /// A firmware call of a machine file that fails, by its name.

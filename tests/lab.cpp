@@ -99,6 +99,10 @@ SpiChip& Lab::chip(Adapter& adapter, std::string_view part, BusyTimes times) {
     return machine_->add_spi_chip(adapter, *find_spi_part(part), times);
 }
 
+NorChip& Lab::nor_chip(Adapter& adapter, std::uint32_t id, BusyTimes times) {
+    return machine_->add_nor_chip(adapter, *find_nor_part(id), times);
+}
+
 SpiChip& Lab::kind(int flash_if, std::string_view part, BusyTimes times) {
     const std::uint16_t device = flash_if == 1 ? 0xC709 : flash_if == 2 ? 0xC703 : 0xC705;
     return chip(adapter(device), part, times);

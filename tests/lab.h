@@ -59,6 +59,10 @@ class Lab {
     emulator::SpiChip& chip(emulator::Adapter& adapter, std::string_view part,
                             emulator::BusyTimes times = {});
 
+    /// Puts a parallel chip behind the adapter's chip select 0.
+    emulator::NorChip& nor_chip(emulator::Adapter& adapter, std::uint32_t id,
+                                emulator::BusyTimes times = {});
+
     /// An adapter of the interface kind with a chip: 1 indexed, 2 window in BAR 2, 4 window in BAR
     /// 0.
     emulator::SpiChip& kind(int flash_if, std::string_view part = "W25X40",

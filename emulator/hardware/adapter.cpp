@@ -88,21 +88,20 @@ const AdapterModel* find_adapter_model(std::uint16_t vendor, std::uint16_t devic
 }
 
 Adapter::Adapter(const AdapterModel& model, PciAddress address, std::uint8_t revision,
-                 std::string name, Journal& journal)
+                 std::string name, const Clock& clock, Journal& journal)
     : model_(&model), address_(address), name_(std::move(name)), journal_(&journal),
       pci_(identity(model, revision), bars(model.interface)),
       spi_(layout(model.interface), name_ + ".cs1", journal),
       spi_window_(spi_window(model.interface)),
-      set_up_(model.generation == 2 ? SetUp::kDone : SetUp::kNone) {}
+      set_up_(model.generation == 2 ? SetUp::kDone : SetUp::kNone) {
+    if (model.interface == Interface::kBar2) {
+        nor_.emplace(name_ + ".cs0", clock, journal);
+    }
+}
 
 std::uint32_t Adapter::read(PciFunction::Location at, int width) {
     ++accesses_;
-    std::uint32_t value = 0;
-    if (width != 4 || at.offset % 4 != 0) {
-        complain("read of " + std::to_string(width) + " bytes", at);
-    } else {
-        value = read_register(at);
-    }
+    const std::uint32_t value = read_unit(at, width);
     if (journal_->wants_registers()) {
         log('>', at, value, width);
     }
@@ -121,9 +120,31 @@ void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
     write_register(at, value);
 }
 
+std::uint32_t Adapter::read_unit(PciFunction::Location at, int width) {
+    const auto bytes = static_cast<std::uint32_t>(width);
+    const bool window = nor_ && at.bar == 0;
+    if ((bytes != 4 && (bytes != 2 || !window)) || at.offset % bytes != 0) {
+        complain("read of " + std::to_string(width) + " bytes", at);
+        return 0;
+    }
+    return window ? read_window(at.offset, width) : read_register(at);
+}
+
+std::uint32_t Adapter::read_window(std::uint32_t offset, int width) {
+    const std::uint32_t low = nor_->read_window(offset);
+    return width == 2 ? low : low | std::uint32_t{nor_->read_window(offset + 2)} << 16;
+}
+
+bool Adapter::is_nor_register(PciFunction::Location at) const {
+    return nor_ && at.bar == 2 && NorController::has_register(at.offset);
+}
+
 std::uint32_t Adapter::read_register(PciFunction::Location at) {
     if (spi_window_.contains(at)) {
         return spi_.read(at.offset % kSpiWindowSize);
+    }
+    if (is_nor_register(at)) {
+        return nor_->read(at.offset);
     }
     if (model_->interface == Interface::kIndexed && at.offset == kIndex) {
         return index_;
@@ -138,6 +159,8 @@ std::uint32_t Adapter::read_register(PciFunction::Location at) {
 void Adapter::write_register(PciFunction::Location at, std::uint32_t value) {
     if (spi_window_.contains(at)) {
         spi_.write(at.offset % kSpiWindowSize, value);
+    } else if (is_nor_register(at)) {
+        nor_->write(at.offset, value);
     } else if (model_->interface == Interface::kIndexed && at.offset == kIndex) {
         write_index(value);
     } else if (model_->interface == Interface::kIndexed && at.offset == kData) {

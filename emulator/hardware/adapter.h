@@ -3,11 +3,12 @@
 
 #include "hardware/clock.h"
 #include "hardware/journal.h"
+#include "hardware/nor_controller.h"
 #include "hardware/pci_function.h"
 #include "hardware/spi_controller.h"
 
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -52,18 +53,22 @@ struct RegisterWindow {
     }
 };
 
-/// One adapter. Its registers are 32 bits wide; anything else is misuse.
+/// One adapter. Its registers are 32 bits wide, the flash window is read in 16 bits too; anything
+/// else is misuse.
 class Adapter {
   public:
     /// @param name  short name in logs and misuse
     Adapter(const AdapterModel& model, PciAddress address, std::uint8_t revision, std::string name,
-            Journal& journal);
+            const Clock& clock, Journal& journal);
 
     PciFunction& pci() { return pci_; }
     const AdapterModel& model() const { return *model_; }
     PciAddress address() const { return address_; }
     const std::string& name() const { return name_; }
     SpiController& spi() { return spi_; }
+
+    /// The NOR controller, on adapters that have one, or null.
+    NorController* nor() { return nor_ ? &*nor_ : nullptr; }
 
     /// Reads or writes `width` bytes at an offset into a BAR.
     std::uint32_t read(PciFunction::Location at, int width);
@@ -73,6 +78,9 @@ class Adapter {
     std::uint64_t accesses() const { return accesses_; }
 
   private:
+    std::uint32_t read_unit(PciFunction::Location at, int width);
+    std::uint32_t read_window(std::uint32_t offset, int width);
+    bool is_nor_register(PciFunction::Location at) const;
     std::uint32_t read_register(PciFunction::Location at);
     void write_register(PciFunction::Location at, std::uint32_t value);
     void write_index(std::uint32_t value);
@@ -88,6 +96,7 @@ class Adapter {
     Journal* journal_;
     PciFunction pci_;
     SpiController spi_;
+    std::optional<NorController> nor_; ///< registers in BAR 2, flash window in BAR 0
     RegisterWindow spi_window_;
 
     /// The steps that bring the indexed controller up; generation 2 needs none.

@@ -6,7 +6,7 @@
 namespace emulator {
 namespace {
 
-constexpr std::array<std::pair<Operation, std::string_view>, 13> kOperations = {
+constexpr std::array<std::pair<Operation, std::string_view>, 16> kOperations = {
     {
      {Operation::kReadId, "read id"},
      {Operation::kWriteEnable, "write enable"},
@@ -21,6 +21,9 @@ constexpr std::array<std::pair<Operation, std::string_view>, 13> kOperations = {
      {Operation::kQueryProtection, "query protection"},
      {Operation::kProtectSector, "protect sector"},
      {Operation::kUnprotectSector, "unprotect sector"},
+     {Operation::kReset, "reset"},
+     {Operation::kUnlockBypass, "unlock bypass"},
+     {Operation::kBypassReset, "bypass reset"},
      }
 };
 
@@ -59,6 +62,8 @@ std::optional<Key> value_of(const Table& table, std::string_view wanted) {
 bool touches(const Fault& fault, std::uint32_t address, std::uint64_t length) {
     return !fault.address || (*fault.address >= address && *fault.address - address < length);
 }
+
+static_assert(kOperations.size() + 1 == kOperationCount, "all but the unknown one");
 
 } // namespace
 

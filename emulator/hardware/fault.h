@@ -1,6 +1,7 @@
 // Faults of hardware as data: what goes wrong, on which operation, where and how often.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -24,7 +25,11 @@ enum class Operation : std::uint8_t {
     kQueryProtection,
     kProtectSector,
     kUnprotectSector,
+    kReset,
+    kUnlockBypass,
+    kBypassReset,
 };
+inline constexpr std::size_t kOperationCount = 17;
 
 /// The operation's name in machine files and logs, or of the operation with that name.
 std::string_view operation_name(Operation operation);

@@ -11,8 +11,8 @@ constexpr std::uint64_t kWindowEnd = 0xFC000000;
 } // namespace
 
 Adapter& Machine::add(const AdapterModel& model, PciAddress address, std::uint8_t revision) {
-    adapters_.push_back(std::make_unique<Adapter>(model, address, revision,
-                                                  std::to_string(adapters_.size()), journal_));
+    adapters_.push_back(std::make_unique<Adapter>(
+        model, address, revision, std::to_string(adapters_.size()), *clock_, journal_));
     return *adapters_.back();
 }
 
@@ -20,6 +20,12 @@ SpiChip& Machine::add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes 
     adapter.spi().attach(
         std::make_unique<SpiChip>(part, adapter.name() + ".cs1", *clock_, journal_, times));
     return *adapter.spi().chip();
+}
+
+NorChip& Machine::add_nor_chip(Adapter& adapter, const NorPart& part, BusyTimes times) {
+    adapter.nor()->attach(
+        std::make_unique<NorChip>(part, adapter.name() + ".cs0", *clock_, journal_, times));
+    return *adapter.nor()->chip();
 }
 
 void Machine::assign_bars() {

@@ -23,6 +23,9 @@ class Machine {
     /// Puts a chip behind the adapter's chip select 1.
     SpiChip& add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes times);
 
+    /// Puts a parallel chip behind chip select 0 of an adapter that has a NOR controller.
+    NorChip& add_nor_chip(Adapter& adapter, const NorPart& part, BusyTimes times);
+
     std::span<const std::unique_ptr<Adapter>> adapters() const { return adapters_; }
     Adapter& adapter(std::size_t i) const { return *adapters_[i]; }
     Journal& journal() { return journal_; }

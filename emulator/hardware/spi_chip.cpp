@@ -175,7 +175,7 @@ void SpiChip::carry_out(const Command& command, const SpiTransfer& transfer) {
     case Operation::kUnprotectSector:
         protect_sector(transfer.address, command.operation == Operation::kProtectSector);
         break;
-    case Operation::kUnknown:
+    default:
         break;
     }
 }
@@ -287,7 +287,7 @@ void SpiChip::erase(std::uint32_t address, std::uint32_t unit, std::string_view 
             contents_[at] = static_cast<std::uint8_t>(contents_[at] | ~stuck);
         }
     }
-    be_busy(times_.erase_us_per_4k * std::max<std::uint64_t>(10, unit / 4096));
+    be_busy(times_.erase_us(unit));
 }
 
 void SpiChip::write_status(const SpiTransfer& transfer) {

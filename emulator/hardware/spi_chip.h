@@ -1,6 +1,7 @@
 // A serial flash chip: what silicon does with each chip-select period.
 #pragma once
 
+#include "hardware/busy_times.h"
 #include "hardware/clock.h"
 #include "hardware/fault.h"
 #include "hardware/journal.h"
@@ -23,14 +24,6 @@ struct SpiTransfer {
     std::span<const std::uint8_t> mosi; ///< to the chip, one byte for each data byte of the cycle
     std::span<std::uint8_t> miso;       ///< from the chip; an idle line leaves 0
 };
-
-/// How long a chip of ordinary speed is busy.
-struct BusyTimes {
-    std::uint64_t program_us = 10;
-    std::uint64_t write_status_us = 5'000;
-    std::uint64_t erase_us_per_4k = 3'000; ///< and never less than ten of these for one erase
-};
-inline constexpr BusyTimes kNeverBusy{0, 0, 0};
 
 /// A chip of a given part. Contents live as long as the chip; a chip starts erased.
 class SpiChip {
@@ -87,7 +80,7 @@ class SpiChip {
     BusyTimes times_;
     std::vector<std::uint8_t> contents_;
     std::array<Command, 256> commands_{}; ///< by opcode
-    std::array<std::uint64_t, 16> counts_{};
+    std::array<std::uint64_t, kOperationCount> counts_{};
     Faults faults_;
     std::uint8_t status_ = 0;
     std::vector<bool> sector_protected_; ///< by protection sector; empty without such registers

@@ -49,6 +49,9 @@ Story load_story(const std::filesystem::path& file) {
         if (adapter.spi) {
             adapter.spi->image.clear(); // a story starts with blank chips and keeps nothing
         }
+        if (adapter.nor) {
+            adapter.nor->image.clear();
+        }
     }
     story.misuse = reader.texts("misuse");
     story.files["spilist.bin"].bytes = lab::shipped_chip_list();

@@ -58,8 +58,11 @@ void listen(emulator::Machine& machine, std::vector<std::string>& cycles) {
 
 void collect_hardware(const emulator::Machine& machine, emulator::Journal& journal, Shown& shown) {
     for (const auto& adapter : machine.adapters()) {
-        if (const auto* chip = adapter->spi().chip()) {
-            shown.flash.push_back(const_cast<emulator::SpiChip*>(chip)->contents());
+        if (emulator::SpiChip* chip = adapter->spi().chip()) {
+            shown.flash.push_back(chip->contents());
+        }
+        if (adapter->nor() != nullptr && adapter->nor()->chip() != nullptr) {
+            shown.flash.push_back(adapter->nor()->chip()->contents());
         }
     }
     shown.misuses = journal.misuses();

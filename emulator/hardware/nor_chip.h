@@ -1,0 +1,92 @@
+// A parallel NOR flash chip: what silicon does with each cycle on its 16-bit bus.
+#pragma once
+
+#include "hardware/busy_times.h"
+#include "hardware/clock.h"
+#include "hardware/fault.h"
+#include "hardware/journal.h"
+#include "hardware/nor_part.h"
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace emulator {
+
+/// A chip of a given part. Contents live as long as the chip; a chip starts erased. Addresses on
+/// the bus count 16-bit words.
+class NorChip {
+  public:
+    NorChip(const NorPart& part, std::string place, const Clock& clock, Journal& journal,
+            BusyTimes times);
+
+    /// One write cycle.
+    /// @returns the command that it completes; unknown while there is none
+    Operation write(std::uint32_t address, std::uint16_t data);
+
+    /// One read cycle: contents, or the identification while the chip shows that.
+    std::uint16_t read(std::uint32_t address);
+
+    /// True while reads give the identification.
+    bool shows_identification() const { return state_ == State::kIdentification; }
+
+    /// The level of the ready pin.
+    bool ready();
+
+    /// A pulse on the reset pin: back to reading, out of every mode.
+    void reset();
+
+    /// True while the fault that keeps the controller busy strikes the last command.
+    bool holds_controller() const { return holds_controller_; }
+
+    const NorPart& part() const { return *part_; }
+    std::vector<std::uint8_t>& contents() { return contents_; }
+    Faults& faults() { return faults_; }
+
+    /// How often each operation was carried out.
+    std::uint64_t count(Operation operation) const {
+        return counts_[static_cast<std::size_t>(operation)];
+    }
+
+  private:
+    /// How far a command has come. Unlock-bypass mode has states of its own.
+    enum class State : std::uint8_t {
+        kRead,
+        kIdentification,
+        kUnlock1,
+        kUnlock2,
+        kProgram,
+        kErase,
+        kEraseUnlock1,
+        kEraseUnlock2,
+        kBypass,
+        kBypassProgram,
+        kBypassReset,
+    };
+    struct Step;
+    static const Step* find_step(State state, std::uint32_t address, std::uint16_t data);
+    NorBlock touched(Operation operation, std::uint32_t address) const;
+    void carry_out(Operation operation, std::uint32_t address, std::uint16_t data);
+    void program(std::uint32_t at, std::uint16_t data);
+    void erase(NorBlock block);
+    void be_busy(std::uint64_t microseconds);
+    std::uint32_t offset(std::uint32_t address, std::string_view what);
+    [[gnu::cold]] void complain(std::string_view what);
+
+    const NorPart* part_;
+    std::string place_;
+    const Clock* clock_;
+    Journal* journal_;
+    BusyTimes times_;
+    std::vector<std::uint8_t> contents_;
+    std::array<std::uint64_t, kOperationCount> counts_{};
+    Faults faults_;
+    State state_ = State::kRead;
+    std::uint64_t busy_until_ns_ = 0;
+    bool stuck_busy_ = false;
+    bool holds_controller_ = false;
+};
+
+} // namespace emulator

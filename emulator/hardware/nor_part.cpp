@@ -1,0 +1,37 @@
+#include "hardware/nor_part.h"
+
+namespace emulator {
+namespace {
+
+constexpr std::uint32_t kKiB = 1024;
+constexpr std::uint32_t kMiB = 1024 * kKiB;
+
+constexpr NorPart kParts[] = {
+    {0x0001, 0x227E, 8 * kMiB, false},
+    {0x00C2, 0x22C9, 8 * kMiB, false},
+    {0x00C2, 0x22CB, 8 * kMiB, false},
+    {0x0020, 0x22ED, 8 * kMiB, false},
+    {0x0020, 0x22FD, 8 * kMiB, false},
+    {0x00EC, 0x257E, 4 * kMiB, true },
+};
+
+} // namespace
+
+const NorPart* find_nor_part(std::uint32_t id) {
+    for (const NorPart& part : kParts) {
+        if ((std::uint32_t{part.device} << 16 | part.manufacturer) == id) {
+            return &part;
+        }
+    }
+    return nullptr;
+}
+
+NorBlock nor_block(const NorPart& part, std::uint32_t address) {
+    constexpr std::uint32_t kBlock = 64 * kKiB;
+    const bool boot =
+        address < kBlock || (part.boot_blocks_at_top && address >= part.size - kBlock);
+    const std::uint32_t size = boot ? 8 * kKiB : kBlock;
+    return {address / size * size, size};
+}
+
+} // namespace emulator
