@@ -25,7 +25,7 @@ struct Kind : testing::TestWithParam<int> {
     static std::string slot() { return GetParam() == 2 ? " -csid 1" : ""; }
     /// What a kind says about the NOR chip that it does not have.
     static std::string found() {
-        return GetParam() == 2 ? "\nNo found any NOR Flash dev...950\n" : "";
+        return GetParam() == 2 ? "\n(0xffffffff)\n\nNo found any NOR Flash dev...950\n" : "";
     }
 };
 
@@ -391,6 +391,86 @@ TEST(Cost, NoAccessIsMadeBeyondTheOnesThatAByteNeeds) {
         EXPECT_EQ(p.lab.machine().accesses() - programmed, per_dumped_byte * 4096);
         EXPECT_EQ(read, block);
     }
+}
+
+TEST(Cost, NorTakesTwoAccessesAWordBesideTheStartOfEachPiece) {
+    constexpr std::uint32_t kPieces = 4096 / 32;
+    constexpr std::uint32_t kWords = 4096 / 2;
+    constexpr std::uint32_t kDump = kPieces * 5 + kWords * 2;
+    // Window; unlock bypass; each word two cycles, a command and its end; bypass reset.
+    constexpr std::uint32_t kProgram = 1 + (6 + 1 + 3) + kWords * (4 + 1 + 3) + (4 + 1 + 3);
+    lab::Probed p(2);
+    p.lab.nor_chip(p.lab.machine().adapter(0), 0x257E00EC, emulator::kNeverBusy);
+    QFU_ADAPTER& adapter = p.discover();
+    const Bytes block = lab::pattern(4096);
+    const std::uint64_t start = p.lab.machine().accesses();
+    EXPECT_EQ(qfu_write_block(adapter, 0, block), 0);
+    const std::uint64_t programmed = p.lab.machine().accesses();
+    EXPECT_EQ(programmed - start, kProgram + kDump);
+    Bytes read(4096);
+    EXPECT_EQ(qfu_read_block(adapter, 0, read), 0);
+    EXPECT_EQ(p.lab.machine().accesses() - programmed, kDump);
+    EXPECT_EQ(read, block);
+}
+
+TEST(NorAdapter, ProgramsVerifiesDumpsErasesAndWipes) {
+    Lab lab;
+    auto& chip = lab.nor_chip(lab.adapter(0xC703), 0x257E00EC);
+    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    const std::string found = "\nNo found any SPI Flash dev...1327\n";
+    const auto erased = [](const char* block) {
+        return "\r" + std::string(56, ' ') + "\rErase block " + block;
+    };
+    const Bytes image = lab::pattern(4099);
+    lab.write_file("image.bin", image);
+    EXPECT_EQ(lab.run("-wbf image.bin -addr 0x3ef800 -y").text(),
+              ">>The file name is image.bin and its size is 4099.\n" + found + kBlank +
+                  erased("45") + erased("70") + kBlank +
+                  "\rWrite address 003ef800\rWrite address 003f0800\n"
+                  "\nWrite file is successful!!\n");
+    EXPECT_EQ(lab.run("-rfb dump.bin -addr 0x3ef800 -sz 4099").text(),
+              found + kBlank +
+                  "\rRead address 003ef800\rRead address 003f0800\n"
+                  "\nRead file is successful!!\n");
+    EXPECT_EQ(lab.read_file("dump.bin"), image);
+    EXPECT_EQ(chip.contents()[0x3F0803], 0xFF) << "beside the odd end";
+    EXPECT_EQ(chip.contents()[0x3F2000], 0) << "the next block";
+    EXPECT_EQ(lab.run("-se -addr 0x2000 -sz 1 -y").text(), found + kBlank + erased("1") + "\n");
+    EXPECT_EQ(std::ranges::count(chip.contents(), 0xFF) - std::ranges::count(image, 0xFF),
+              0x2000 + 0x10000 + 0x2000 - 4099);
+    EXPECT_EQ(lab.run("-wpa -y").text(), found + "Wipe whole SPI-Flash Chip...Ok!\n");
+    EXPECT_EQ(std::ranges::count(chip.contents(), 0xFF), 0x400000);
+}
+
+TEST(NorAdapter, ShowsTheWordThatDoesNotVerify) {
+    Lab lab;
+    auto& chip = lab.nor_chip(lab.adapter(0xC703), 0x257E00EC);
+    chip.faults().add(lab::fault(FaultKind::kNotStored, Operation::kProgram, 2));
+    lab.write_file("image.bin", "ABCD");
+    const std::string text = lab.run("-wbf image.bin -addr 0 -y").text();
+    EXPECT_NE(text.find("\nTarget(0x0) Data=> \n"), std::string::npos);
+    EXPECT_NE(text.find("41 42 FF FF"), std::string::npos);
+    EXPECT_TRUE(text.ends_with("\nWrite file is fail!!\n\n"));
+}
+
+TEST(BothChips, AreListedAndServedByChipSelect) {
+    Lab lab;
+    auto& adapter = lab.adapter(0xC704);
+    auto& nor = lab.nor_chip(adapter, 0x22FD0020);
+    auto& spi = lab.chip(adapter, "W25X40");
+    const std::string listed = lab.run("-l").text();
+    EXPECT_TRUE(listed.ends_with("    cs0:NOR FLASH Chip Whole Size=800000, ID[22FD0020].\n"
+                                 "    cs1:SPI FLASH Chip Whole Size=80000, ID[EF 30 13].\n"));
+    lab.write_file("image.bin", "AB");
+    lab.run("-wbf image.bin -addr 0 -y");
+    EXPECT_EQ(nor.contents()[0], 'A') << "the default";
+    EXPECT_EQ(spi.contents()[0], 0xFF);
+    lab.run("-wbf image.bin -addr 4 -y -csid 1");
+    EXPECT_EQ(nor.contents()[4], 0xFF);
+    EXPECT_EQ(spi.contents()[4], 'A');
+    lab.run("-wpa -y -csid 0");
+    EXPECT_EQ(nor.contents()[0], 0xFF);
+    EXPECT_EQ(spi.contents()[4], 'A');
 }
 
 TEST(Break, EndsATransferWithoutAMessage) {

@@ -12,20 +12,29 @@ using lab::Lab;
 
 constexpr std::size_t kAddress = 0x1FF0;
 constexpr std::size_t kSize = 300;
-constexpr std::size_t kFirstSector = 0x1000;
-constexpr std::size_t kLastSectorEnd = 0x3000;
 
-/// A run of "-wbf" over two sectors on a chip that is full of zeros.
+/// What is programmed: a SPI chip by the interface kind, or the NOR chip of kind 2.
+enum class Target : std::uint8_t { kSpi1 = 1, kNor = 2, kSpi4 = 4 };
+
+/// A run of "-wbf" over two erase units on a chip that is full of zeros.
 struct ProgramRun {
-    explicit ProgramRun(int flash_if, emulator::BusyTimes times = {})
-        : chip(lab.kind(flash_if, "W25X40", times)) {
-        std::ranges::fill(chip.contents(), std::uint8_t{0});
+    explicit ProgramRun(Target target, emulator::BusyTimes times = {}) {
+        if (target == Target::kNor) {
+            contents = &lab.nor_chip(lab.adapter(0xC703), 0x257E00EC, times).contents();
+            begin = 0;
+            end = 0x4000;
+        } else {
+            spi = &lab.kind(static_cast<int>(target), "W25X40", times);
+            contents = &spi->contents();
+        }
+        std::ranges::fill(*contents, std::uint8_t{0});
         lab.write_file("image.bin", image);
-        line = flash_if == 1 ? "-cdid c709 -wbf image.bin -addr 0x1ff0 -y"
-                             : "-cdid c705 -wbf image.bin -addr 0x1ff0 -y";
+        line = target == Target::kSpi1  ? "-cdid c709 -wbf image.bin -addr 0x1ff0 -y"
+               : target == Target::kNor ? "-cdid c703 -wbf image.bin -addr 0x1ff0 -y"
+                                        : "-cdid c705 -wbf image.bin -addr 0x1ff0 -y";
     }
 
-    /// Runs it and looks at the chip: outside the two sectors nothing changes; inside, each byte is
+    /// Runs it and looks at the chip: outside the two units nothing changes; inside, each byte is
     /// old, erased or the image's, and a run that reports success has left all of the image.
     std::string run() {
         std::string text = lab.run(line).text();
@@ -37,32 +46,35 @@ struct ProgramRun {
     }
 
     void expect_only_allowed_contents(bool success) const {
-        const Bytes& now = chip.contents();
+        const Bytes& now = *contents;
         for (std::size_t i = 0; i < now.size(); ++i) {
-            const bool in_sectors = i >= kFirstSector && i < kLastSectorEnd;
+            const bool in_units = i >= begin && i < end;
             const bool in_image = i >= kAddress && i < kAddress + kSize;
             const std::uint8_t wanted = in_image ? image[i - kAddress] : 0xFF;
-            const bool allowed = !in_sectors ? now[i] == 0
-                                 : success   ? now[i] == wanted
-                                             : now[i] == 0 || now[i] == 0xFF || now[i] == wanted;
+            const bool allowed = !in_units ? now[i] == 0
+                                 : success ? now[i] == wanted
+                                           : now[i] == 0 || now[i] == 0xFF || now[i] == wanted;
             ASSERT_TRUE(allowed) << "at " << i;
         }
     }
 
     Lab lab;
-    SpiChip& chip;
+    SpiChip* spi = nullptr;
+    Bytes* contents;
+    std::size_t begin = 0x1000; ///< of the units that the image touches
+    std::size_t end = 0x3000;
     Bytes image = lab::pattern(kSize);
     std::string line;
 };
 
 /// Lets the nth call of one kind fail, for every n up to the calls of a good run.
-void fail_every_call(int flash_if, emulator::CallFault emulator::FirmwareFaults::*calls) {
-    ProgramRun good(flash_if);
+void fail_every_call(Target target, emulator::CallFault emulator::FirmwareFaults::*calls) {
+    ProgramRun good(target);
     good.run();
     const std::uint64_t count = (good.lab.faults().*calls).calls();
     ASSERT_GT(count, 0U);
     for (std::uint64_t nth = 1; nth <= count; ++nth) {
-        ProgramRun bad(flash_if);
+        ProgramRun bad(target);
         (bad.lab.faults().*calls).fail(nth);
         const std::string text = bad.run();
         // Bits can only be set wrongly where the chip was not erased before; silicon would refuse.
@@ -77,19 +89,21 @@ void fail_every_call(int flash_if, emulator::CallFault emulator::FirmwareFaults:
 }
 
 TEST(EveryNth, PoolAllocationMayFail) {
-    fail_every_call(1, &emulator::FirmwareFaults::pool);
-    fail_every_call(4, &emulator::FirmwareFaults::pool);
+    fail_every_call(Target::kSpi1, &emulator::FirmwareFaults::pool);
+    fail_every_call(Target::kNor, &emulator::FirmwareFaults::pool);
+    fail_every_call(Target::kSpi4, &emulator::FirmwareFaults::pool);
 }
 
 TEST(EveryNth, FileCallMayFail) {
-    fail_every_call(4, &emulator::FirmwareFaults::file);
+    fail_every_call(Target::kNor, &emulator::FirmwareFaults::file);
+    fail_every_call(Target::kSpi4, &emulator::FirmwareFaults::file);
 }
 
 TEST(EveryNth, OtherFirmwareCallMayFail) {
     for (const auto call :
          {&emulator::FirmwareFaults::output, &emulator::FirmwareFaults::locate_protocol,
           &emulator::FirmwareFaults::open_protocol}) {
-        fail_every_call(4, call);
+        fail_every_call(Target::kSpi4, call);
     }
 }
 
@@ -107,43 +121,55 @@ TEST(EveryNth, KeyCallMayFailAtAPrompt) {
 }
 
 TEST(EveryNth, BreakQueryMayBreak) {
-    ProgramRun good(4);
-    good.run();
-    const std::uint64_t count = good.lab.faults().break_query.calls();
-    // Each of the thousand probes of the scan is alike; a few of them will do.
-    for (std::uint64_t nth = 1; nth <= count; nth += nth > 20 && nth < 1000 ? 49 : 1) {
-        ProgramRun broken(4);
-        broken.lab.faults().break_query.fail(nth);
-        const std::string text = broken.run();
-        EXPECT_EQ(text.find("fail!!"), std::string::npos) << "a break is no failure; query " << nth;
+    for (const Target target : {Target::kNor, Target::kSpi4}) {
+        ProgramRun good(target);
+        good.run();
+        const std::uint64_t count = good.lab.faults().break_query.calls();
+        // Each of the thousand probes of the scan is alike; a few of them will do. NOR asks at each
+        // poll.
+        const std::uint64_t step = target == Target::kNor ? 29 : 1;
+        for (std::uint64_t nth = 1; nth <= count; nth += nth > 20 && nth < 1000 ? 49 : step) {
+            ProgramRun broken(target);
+            broken.lab.faults().break_query.fail(nth);
+            const std::string text = broken.run();
+            EXPECT_EQ(text.find("fail!!"), std::string::npos)
+                << "a break is no failure; query " << nth;
+            // A break ends NOR's waits, so that what follows may meet a busy chip.
+            for (const std::string& misuse : broken.lab.take_misuses()) {
+                EXPECT_TRUE(target == Target::kNor && misuse.ends_with("while the chip is busy"))
+                    << misuse;
+            }
+        }
     }
 }
 
 TEST(EveryNth, RegisterReadMayFail) {
-    ProgramRun good(4, emulator::kNeverBusy);
-    good.run();
-    const std::uint64_t count = good.lab.faults().memory_read.calls();
-    for (std::uint64_t nth = 1; nth <= count; nth += 7) {
-        // A lost status or data word shows as a byte that does not verify, or not at all.
-        ProgramRun bad(4, emulator::kNeverBusy);
-        bad.lab.faults().memory_read.fail(nth);
-        bad.run();
-        bad.lab.take_misuses();
+    for (const Target target : {Target::kNor, Target::kSpi4}) {
+        ProgramRun good(target, emulator::kNeverBusy);
+        good.run();
+        const std::uint64_t count = good.lab.faults().memory_read.calls();
+        for (std::uint64_t nth = 1; nth <= count; nth += target == Target::kNor ? 37 : 7) {
+            // A lost status or data word shows as a byte that does not verify, or not at all.
+            ProgramRun bad(target, emulator::kNeverBusy);
+            bad.lab.faults().memory_read.fail(nth);
+            bad.run();
+            bad.lab.take_misuses();
+        }
     }
 }
 
 TEST(Memory, PeakUseIsSmall) {
-    ProgramRun program(1);
+    ProgramRun program(Target::kSpi1);
     program.run();
     program.lab.run("-cdid c709 -rfb dump.bin -addr 0 -sz 10000 -bp", std::string(20, ' '));
     EXPECT_LT(program.lab.firmware().pool().peak() - 3072, 32U * 1024);
 }
 
 TEST(Silence, EveryOperationOnAChipThatStopsAnsweringIsBounded) {
-    ProgramRun dead(4);
+    ProgramRun dead(Target::kSpi4);
     dead.lab.stop_listening();
     // Statuses read as 0, so that write enable never shows.
-    dead.chip.faults().add(
+    dead.spi->faults().add(
         lab::fault(emulator::FaultKind::kNoAnswer, emulator::Operation::kReadStatus));
     const std::string text = dead.run();
     EXPECT_NE(text.find("440...\n"), std::string::npos);

@@ -4,10 +4,12 @@
 #include "console.h"
 #include "context.h"
 #include "spi_flash.h"
+#include "uefi_nor.h"
 
 namespace {
 
 constexpr std::uint32_t READ_FAILED = 0x5A5A5A5A;
+constexpr std::uint16_t READ_FAILED_16 = 0x5A5A;
 
 constexpr std::uint32_t DATA_REGISTER = QFU_INDEX_REGISTER + 4;
 constexpr std::uint32_t INDEX_SPI_SPACE = 0x06000000; ///< the SPI controller behind the index
@@ -61,9 +63,7 @@ std::uint32_t reject(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot) {
 /// Identifies the chip behind `slot`; the selection stays on it only when there is one.
 void probe(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot, const char* missing, std::uint32_t number) {
     adapter.current_slot = &slot;
-    if (slot.probe != nullptr) {
-        slot.probe(adapter);
-    }
+    slot.probe(adapter);
     if (slot.chip == nullptr) {
         qfu_print(missing, number);
         adapter.current_slot = nullptr;
@@ -75,6 +75,11 @@ void probe(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot, const char* missing, std:
 std::uint32_t qfu_mem_read32(platform::RootBridge* bridge, std::uint32_t address) {
     std::uint32_t value = 0;
     return platform::memory_read32(bridge, address, value) == EFI_SUCCESS ? value : READ_FAILED;
+}
+
+std::uint16_t qfu_mem_read16(platform::RootBridge* bridge, std::uint32_t address) {
+    std::uint16_t value = 0;
+    return platform::memory_read16(bridge, address, value) == EFI_SUCCESS ? value : READ_FAILED_16;
 }
 
 EFI_STATUS qfu_mem_write32(platform::RootBridge* bridge, std::uint32_t address,
@@ -129,6 +134,9 @@ std::uint32_t qfu_nor_detect(QFU_ADAPTER& adapter) {
         return reject(adapter, slot);
     }
     qfu_spi_detect(adapter);
+    qfu_norflash_install(slot);
+    adapter.reg_base = adapter.bar[2];
+    adapter.aux_base = adapter.bar[0];
     probe(adapter, slot, "\nNo found any NOR Flash dev...%d\n", 950);
     return 0;
 }
@@ -145,8 +153,15 @@ QFU_FLASH_SLOT* qfu_current_slot(QFU_ADAPTER& adapter) {
 
 std::uint32_t qfu_flash_size(QFU_ADAPTER& adapter) {
     const QFU_FLASH_SLOT* slot = qfu_current_slot(adapter);
-    if (slot->chip == nullptr || slot->chip_type != QFU_CHIP_SPI) {
+    if (slot->chip == nullptr) {
         return 0;
     }
-    return static_cast<const QFU_CHIP_ENTRY*>(slot->chip)->whole_size;
+    switch (slot->chip_type) {
+    case QFU_CHIP_NOR:
+        return static_cast<const QFU_NOR_CHIP*>(slot->chip)->whole_size;
+    case QFU_CHIP_SPI:
+        return static_cast<const QFU_CHIP_ENTRY*>(slot->chip)->whole_size;
+    default:
+        return 0;
+    }
 }
