@@ -473,6 +473,39 @@ TEST(BothChips, AreListedAndServedByChipSelect) {
     EXPECT_EQ(spi.contents()[4], 'A');
 }
 
+TEST(Script, HoldsSixLinesAboutTheNamedAdapterAndItsSelectedChip) {
+    Lab lab;
+    lab.chip(lab.adapter_at({0, 2, 0}, 0xC709, 0x1E5D, 0x02), "W25Q128");
+    auto& both = lab.adapter_at({0, 3, 0}, 0xC703, 0x1E5D, 0xA1);
+    lab.nor_chip(both, 0x257E00EC);
+    lab.chip(both, "W25X40");
+    const auto script = [&](const std::string& options) {
+        EXPECT_EQ(lab.run("-getparm p.nsh " + options).status, EFI_SUCCESS);
+        return lab.read_text("p.nsh");
+    };
+    EXPECT_EQ(script("-adid 0"), "echo -off\r\nset ADCount 2\r\nset DevId C703\r\nset RevId A1\r\n"
+                                 "set FlashSize 0x400000\r\necho -on\r\n");
+    EXPECT_NE(script("-adid 0 -csid 1").find("set FlashSize 0x80000\r\n"), std::string::npos);
+    const std::string second = "echo -off\r\nset ADCount 2\r\nset DevId C709\r\nset RevId 2\r\n"
+                               "set FlashSize 0x1000000\r\necho -on\r\n";
+    EXPECT_EQ(script("-adid 1"), second);
+    EXPECT_EQ(script("-adid 1"), second) << "one script, not two";
+    EXPECT_NE(script("-adid ALL").find("set DevId C703"), std::string::npos);
+    EXPECT_NE(script("-adid 0 -cdid c709").find("set ADCount 1\r\nset DevId C709"),
+              std::string::npos);
+}
+
+TEST(Script, StaysEmptyWhenItIsForNoAdapterOrAdapterWithoutChip) {
+    Lab lab;
+    lab.kind(1);
+    EXPECT_EQ(lab.run("-getparm p.nsh").text(), "");
+    EXPECT_EQ(lab.read_text("p.nsh"), "");
+    EXPECT_EQ(lab.run("-getparm p.nsh -adid 1").text(), "");
+    EXPECT_EQ(lab.read_text("p.nsh"), "");
+    EXPECT_EQ(lab.run("-getparm p.nsh -adid 0 -csid 0").text(), "No support dev inteface...\n");
+    EXPECT_EQ(lab.read_text("p.nsh"), "");
+}
+
 TEST(Break, EndsATransferWithoutAMessage) {
     Lab lab;
     auto& chip = lab.kind(4);

@@ -170,6 +170,26 @@ EFI_STATUS program(QFU_ADAPTER& adapter) {
     return status;
 }
 
+/// True when the request's script is for this adapter.
+bool wants_script_of(const QFU_ADAPTER& adapter) {
+    const QFU_CONTEXT& request = *adapter.context;
+    return (request.file_mode & QFU_FILE_MODE_SCRIPT) != 0 && request.has(QFU_REQ_ADAPTER) &&
+           request.adapter_id < request.adapter_count && request.adapter_id == adapter.index;
+}
+
+/// Writes the shell script that sets variables about the adapter and its chip.
+void write_script(QFU_ADAPTER& adapter) {
+    constexpr std::uint32_t REVISION = 0xFF;
+    const QFU_FILE& file = adapter.context->file;
+    const std::uint32_t flash_size = qfu_flash_size(adapter);
+    qfu_fprintf(file, "echo -off\n");
+    qfu_fprintf(file, "set ADCount %d\n", adapter.context->adapter_count);
+    qfu_fprintf(file, "set DevId %04X\n", adapter.device_id);
+    qfu_fprintf(file, "set RevId %lX\nset FlashSize 0x%lX\n", adapter.class_rev & REVISION,
+                flash_size);
+    qfu_fprintf(file, "echo -on\n");
+}
+
 /// The command that the request names; the first that applies.
 EFI_STATUS run_command(QFU_ADAPTER& adapter) {
     const QFU_CONTEXT& request = *adapter.context;
@@ -190,6 +210,10 @@ EFI_STATUS run_command(QFU_ADAPTER& adapter) {
         }
         if ((request.file_mode & QFU_FILE_MODE_IMAGE) != 0 && request.has(QFU_REQ_ADDRESS)) {
             return program(adapter);
+        }
+        if (wants_script_of(adapter)) {
+            write_script(adapter);
+            return EFI_SUCCESS;
         }
     }
     if (request.has(QFU_REQ_PHYTEST)) {

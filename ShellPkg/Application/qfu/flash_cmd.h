@@ -1,4 +1,4 @@
-// The flash commands: wipe, range erase, program and verify, dump.
+// The flash commands: wipe, range erase, program and verify, dump, parameter script.
 #pragma once
 
 #include "platform/efi.h"
