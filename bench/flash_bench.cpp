@@ -16,16 +16,33 @@ namespace {
 using namespace emulator;
 using Bytes = std::vector<std::uint8_t>;
 
+/// What is measured: one kind of adapter with one chip.
+struct Subject {
+    std::uint16_t device;
+    std::string_view spi_part;
+    std::uint32_t nor_id; ///< with a SPI part 0
+};
+constexpr Subject kKind1{0xC709, "W25Q16", 0};
+constexpr Subject kKind4{0xC705, "W25Q16", 0};
+constexpr Subject kNor{0xC703, "", 0x22CB00C2};
+
 /// A folder with a chip list and an image, and an adapter whose chip is never busy.
 class Bench {
   public:
-    Bench(std::uint16_t device, std::string_view part) {
+    explicit Bench(const Subject& subject) {
         std::string name = (std::filesystem::temp_directory_path() / "qfu-bench-XXXXXX").string();
         folder_ = mkdtemp(name.data());
         write("spilist.bin",
               chiplist::encode(chiplist::read_source(QFU_SOURCE_DIR "/chiplist/chips.toml")));
-        Adapter& adapter = machine_.add(*find_adapter_model(0x1E5D, device), {0, 2, 0}, 0);
-        machine_.add_spi_chip(adapter, *find_spi_part(part), kNeverBusy);
+        Adapter& adapter = machine_.add(*find_adapter_model(0x1E5D, subject.device), {0, 2, 0}, 0);
+        if (subject.nor_id != 0) {
+            contents_ = &machine_.add_nor_chip(adapter, *find_nor_part(subject.nor_id), kNeverBusy)
+                             .contents();
+        } else {
+            contents_ =
+                &machine_.add_spi_chip(adapter, *find_spi_part(subject.spi_part), kNeverBusy)
+                     .contents();
+        }
         machine_.assign_bars();
         firmware_.emplace(machine_, clock_, folder_);
     }
@@ -46,13 +63,14 @@ class Bench {
     }
 
     std::uint64_t accesses() const { return machine_.accesses(); }
-    std::vector<std::uint8_t>& contents() { return machine_.adapter(0).spi().chip()->contents(); }
+    std::vector<std::uint8_t>& contents() { return *contents_; }
 
   private:
     std::filesystem::path folder_;
     VirtualClock clock_;
     Machine machine_{clock_};
     std::optional<Firmware> firmware_;
+    std::vector<std::uint8_t>* contents_ = nullptr; ///< of the chip
 };
 
 Bytes random_bytes(std::size_t count) {
@@ -72,22 +90,21 @@ void report(benchmark::State& state, std::uint64_t accesses, std::int64_t bytes_
 
 constexpr std::int64_t kKiB = 1024;
 
-/// Erase, program and verify of 64 KiB; the erase's accesses are among those reported.
-void program_and_verify(benchmark::State& state, std::uint16_t device) {
-    constexpr std::int64_t kSize = 64 * kKiB;
-    Bench bench(device, "W25Q16");
-    bench.write("image.bin", random_bytes(kSize));
+/// Erase, program and verify of so many bytes; the erase's accesses are among those reported.
+void program_and_verify(benchmark::State& state, const Subject& subject, std::int64_t size) {
+    Bench bench(subject);
+    bench.write("image.bin", random_bytes(static_cast<std::size_t>(size)));
     const std::uint64_t before = bench.accesses();
     for (auto _ : state) {
         bench.run({"-wbf", "image.bin", "-addr", "0", "-y"});
     }
-    report(state, bench.accesses() - before, kSize);
+    report(state, bench.accesses() - before, size);
 }
 
 /// Dump of 1 MiB.
-void dump(benchmark::State& state, std::uint16_t device) {
+void dump(benchmark::State& state, const Subject& subject) {
     constexpr std::int64_t kSize = 1024 * kKiB;
-    Bench bench(device, "W25Q16");
+    Bench bench(subject);
     bench.contents() = random_bytes(bench.contents().size());
     const std::uint64_t before = bench.accesses();
     for (auto _ : state) {
@@ -96,11 +113,10 @@ void dump(benchmark::State& state, std::uint16_t device) {
     report(state, bench.accesses() - before, kSize);
 }
 
-constexpr std::uint16_t kKind1 = 0xC709;
-constexpr std::uint16_t kKind4 = 0xC705;
-
-BENCHMARK_CAPTURE(program_and_verify, kind1, kKind1)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(program_and_verify, kind4, kKind4)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(program_and_verify, kind1, kKind1, 64 * kKiB)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(program_and_verify, kind4, kKind4, 64 * kKiB)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(program_and_verify, nor, kNor, 1024 * kKiB)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(dump, nor, kNor)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(dump, kind1, kKind1)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(dump, kind4, kKind4)->Unit(benchmark::kMillisecond);
 
