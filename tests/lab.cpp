@@ -183,24 +183,24 @@ std::vector<std::string> Lab::take_misuses() {
     return machine_->journal().take_misuses();
 }
 
-Probed::Probed(int flash_if, std::string_view part, BusyTimes times)
-    : chip(lab.kind(flash_if, part, times)) {}
-
-Probed::Probed(std::uint16_t device, std::string_view part)
-    : chip(lab.chip(lab.adapter(device), part, kNeverBusy)) {}
-
-Probed::~Probed() {
+Discovered::~Discovered() {
     // The context gives its memory back behind this.
     lab.attach();
 }
 
-QFU_ADAPTER& Probed::discover() {
+QFU_ADAPTER& Discovered::discover() {
     lab.attach();
     qfu_chiplist_load(context);
     qfu_discover(qfu_supported_adapters(), context);
     EXPECT_EQ(context.adapter_count, 1);
     return context.adapters[0];
 }
+
+Probed::Probed(int flash_if, std::string_view part, BusyTimes times)
+    : chip(lab.kind(flash_if, part, times)) {}
+
+Probed::Probed(std::uint16_t device, std::string_view part)
+    : chip(lab.chip(lab.adapter(device), part, kNeverBusy)) {}
 
 const Bytes& shipped_chip_list() {
     static const Bytes list =

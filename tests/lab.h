@@ -124,22 +124,31 @@ class Lab {
     bool starvation_expected_ = false;
 };
 
-/// The lab's one adapter as discovery leaves it, for calls of its operations.
-class Probed {
+/// A lab and the run's context, for calls of an adapter's operations.
+class Discovered {
+  public:
+    Discovered() = default;
+    Discovered(const Discovered&) = delete;
+    Discovered& operator=(const Discovered&) = delete;
+    ~Discovered();
+
+    /// Loads the chip list and discovers the lab's one adapter.
+    QFU_ADAPTER& discover();
+
+    Lab lab;
+    QFU_CONTEXT context{};
+};
+
+/// The lab's one adapter with a SPI chip.
+class Probed : public Discovered {
   public:
     /// Puts an adapter of the kind with the part on the bus; its chip is never busy by default.
     explicit Probed(int flash_if, std::string_view part = "W25X40",
                     emulator::BusyTimes times = emulator::kNeverBusy);
     /// Puts the adapter model with the part on the bus.
     Probed(std::uint16_t device, std::string_view part);
-    ~Probed();
 
-    /// Loads the chip list and discovers the adapter.
-    QFU_ADAPTER& discover();
-
-    Lab lab;
     emulator::SpiChip& chip;
-    QFU_CONTEXT context{};
 };
 
 /// The chip list that is built from the shipped source.

@@ -249,6 +249,11 @@ struct Hang {
     std::uint64_t waited_us;
 };
 
+/// Shows a case in the test's name.
+void PrintTo(const Hang& hang, std::ostream* out) {
+    *out << emulator::fault_kind_name(hang.kind) << ": " << emulator::operation_name(hang.on);
+}
+
 class SpiTimeout : public testing::TestWithParam<Hang> {};
 
 TEST_P(SpiTimeout, IsBoundedAndHasItsMessage) {

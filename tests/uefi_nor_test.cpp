@@ -12,29 +12,15 @@ using emulator::FaultKind;
 using emulator::NorChip;
 using emulator::Operation;
 using lab::Bytes;
-using lab::Lab;
 
 constexpr std::uint32_t kBottomBoot = 0x22CB00C2;
 constexpr std::uint32_t kBothEnds = 0x257E00EC;
 constexpr std::uint64_t kSecond = 1'000'000'000;
 
 /// An adapter with NOR flash alone, as discovery leaves it.
-struct Nor {
+struct Nor : lab::Discovered {
     explicit Nor(std::uint32_t id = kBottomBoot)
         : chip(lab.nor_chip(lab.adapter(0xC703), id, emulator::kNeverBusy)) {}
-    ~Nor() {
-        // The context gives its memory back behind this.
-        lab.attach();
-    }
-    Nor(const Nor&) = delete;
-    Nor& operator=(const Nor&) = delete;
-
-    QFU_ADAPTER& discover() {
-        lab.attach();
-        qfu_chiplist_load(context);
-        qfu_discover(qfu_supported_adapters(), context);
-        return context.adapters[0];
-    }
     /// Discovers and forgets what that printed and did.
     QFU_ADAPTER& ready() {
         QFU_ADAPTER& adapter = discover();
@@ -60,9 +46,7 @@ struct Nor {
         return result;
     }
 
-    Lab lab;
     NorChip& chip;
-    QFU_CONTEXT context{};
 };
 
 const std::string kWaited = "BAR2+0C944 > 00000001\nBAR2+0C954 > 00020000\n"
