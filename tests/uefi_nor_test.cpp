@@ -107,6 +107,12 @@ TEST(NorProbe, ShowsTheIdentificationOfAChipThatItDoesNotKnow) {
                                "\r\nNo found any NOR Flash dev...950\r\n");
     EXPECT_EQ(adapter.current_slot, nullptr);
     EXPECT_EQ(n.chip.count(Operation::kReset), 2U) << "it is left reading";
+
+    Nor lost;
+    lost.ready();
+    lost.chip.faults().add(wrong);
+    EXPECT_EQ(lost.slot().probe(lost.context.adapters[0]), QFU_FAILED);
+    EXPECT_EQ(lost.slot().chip, nullptr) << "what was known before no longer holds";
 }
 
 TEST(NorProbe, GivesUpOnAControllerThatHangs) {
@@ -147,6 +153,58 @@ TEST(NorWait, TakesNoAnswerForNoEndAndABreakForOne) {
     EXPECT_EQ(n.lab.clock().now_ns() - start, 10'000U);
     EXPECT_EQ(n.registers(), "BAR2+0C944 < FFFFFFFF\n");
 }
+
+TEST(NorWait, TakesRegistersOfAllOnesForAnAdapterThatIsGone) {
+    Nor n;
+    QFU_ADAPTER& adapter = n.ready();
+    n.lab.machine().adapter(0).pci().write(4, 0, 2); // no memory decoding
+    EXPECT_EQ(qfu_norflash_wait_done(adapter, 3), QFU_FAILED);
+}
+
+/// A sequence that does not end.
+struct Stuck {
+    Operation on;
+    std::uint32_t (*run)(QFU_ADAPTER&);
+    std::uint64_t waited_us;
+};
+
+void PrintTo(const Stuck& stuck, std::ostream* out) {
+    *out << emulator::operation_name(stuck.on);
+}
+
+class NorTimeout : public testing::TestWithParam<Stuck> {};
+
+TEST_P(NorTimeout, FailsBehindItsTries) {
+    Nor n;
+    QFU_ADAPTER& adapter = n.ready();
+    n.lab.stop_listening();
+    n.chip.faults().add(lab::fault(FaultKind::kControllerBusy, GetParam().on));
+    const std::uint64_t start = n.lab.clock().now_ns();
+    EXPECT_EQ(GetParam().run(adapter), QFU_FAILED);
+    EXPECT_EQ((n.lab.clock().now_ns() - start) / 1000, GetParam().waited_us);
+    EXPECT_EQ(n.lab.printed(), "");
+}
+
+std::uint32_t write_word(QFU_ADAPTER& adapter) {
+    const std::uint8_t word[] = {1, 2};
+    return adapter.slot[0].write(adapter, 0, word, 2);
+}
+std::uint32_t erase_sector(QFU_ADAPTER& adapter) {
+    return adapter.slot[0].erase_sector(adapter, 0);
+}
+std::uint32_t erase_chip(QFU_ADAPTER& adapter) {
+    return adapter.slot[0].erase_chip(adapter);
+}
+
+// One try more than the limit, 10 us each, and 10 us behind it and behind each sequence before it.
+constexpr Stuck kStuck[] = {
+    {Operation::kSectorErase,  erase_sector, 3'000'020 },
+    {Operation::kChipErase,    erase_chip,   50'000'030},
+    {Operation::kUnlockBypass, write_word,   50'000'020},
+    {Operation::kProgram,      write_word,   50'000'030},
+    {Operation::kBypassReset,  write_word,   50'000'040},
+};
+INSTANTIATE_TEST_SUITE_P(Sequences, NorTimeout, testing::ValuesIn(kStuck));
 
 TEST(NorRead, MovesTheWindowForEveryWordAndKeepsWithinAnEvenBuffer) {
     Nor n;
