@@ -72,6 +72,39 @@ NorChipDescription read_nor(const toml::table& table, const std::filesystem::pat
     return chip;
 }
 
+PhyFault read_phy_fault(const toml::table& table, const std::filesystem::path& file,
+                        std::uint8_t ports) {
+    TableReader reader(table, file);
+    PhyFault fault;
+    const auto kind = phy_fault_kind_named(reader.text("kind"));
+    if (!kind) {
+        reader.fail("kind", "is no kind of PHY fault that is known");
+    }
+    fault.kind = *kind;
+    fault.port = static_cast<std::uint8_t>(reader.number("port", 0, ports - 1));
+    fault.nth = static_cast<std::uint64_t>(reader.number("nth", 1, INT64_MAX, 1));
+    fault.times = static_cast<std::uint64_t>(reader.number("times", 0, INT64_MAX, 0));
+    const std::int64_t usual_value = fault.kind == PhyFaultKind::kErrors ? 1 : 0;
+    fault.value = static_cast<std::uint32_t>(reader.number("value", 0, UINT32_MAX, usual_value));
+    reader.finish();
+    return fault;
+}
+
+PhyDescription read_phy(const toml::table& table, const std::filesystem::path& file,
+                        std::uint8_t ports) {
+    TableReader reader(table, file);
+    PhyDescription phy{};
+    if (reader.has("ports_implemented")) {
+        phy.ports_implemented =
+            static_cast<std::uint32_t>(reader.number("ports_implemented", 0, UINT32_MAX));
+    }
+    for (const toml::table* fault : reader.tables("fault")) {
+        phy.faults.push_back(read_phy_fault(*fault, file, ports));
+    }
+    reader.finish();
+    return phy;
+}
+
 AdapterDescription read_adapter(const toml::table& table, const std::filesystem::path& file) {
     constexpr std::int64_t kUsualVendor = 0x1E5D;
     TableReader reader(table, file);
@@ -95,6 +128,12 @@ AdapterDescription read_adapter(const toml::table& table, const std::filesystem:
             reader.fail("nor", "the adapter has no NOR controller");
         }
         adapter.nor = read_nor(*nor, file);
+    }
+    if (const toml::table* phy = reader.table("phy")) {
+        if (adapter.model->interface != Interface::kIndexed) {
+            reader.fail("phy", "is nothing that this adapter has");
+        }
+        adapter.phy = read_phy(*phy, file, adapter.model->ports);
     }
     reader.finish();
     return adapter;
@@ -150,6 +189,15 @@ void save(const std::vector<std::uint8_t>& contents, const std::filesystem::path
     }
 }
 
+void apply(const PhyDescription& description, PhyBlock& phy) {
+    if (description.ports_implemented) {
+        phy.set_ports_implemented(*description.ports_implemented);
+    }
+    for (const PhyFault& fault : description.faults) {
+        phy.add_fault(fault);
+    }
+}
+
 } // namespace
 
 MachineDescription load_machine_file(const std::filesystem::path& file) {
@@ -186,6 +234,9 @@ std::unique_ptr<Machine> build_machine(const MachineDescription& description, co
             for (const Fault& fault : a.nor->faults) {
                 chip.faults().add(fault);
             }
+        }
+        if (a.phy) {
+            apply(*a.phy, *adapter.phy());
         }
     }
     return machine;

@@ -25,6 +25,12 @@ struct NorChipDescription {
     std::vector<Fault> faults;
 };
 
+/// What is special about an adapter's PHY test block.
+struct PhyDescription {
+    std::optional<std::uint32_t> ports_implemented;
+    std::vector<PhyFault> faults;
+};
+
 /// One adapter of a machine file.
 struct AdapterDescription {
     const AdapterModel* model;
@@ -32,6 +38,7 @@ struct AdapterDescription {
     std::uint8_t revision;
     std::optional<SpiChipDescription> spi;
     std::optional<NorChipDescription> nor;
+    std::optional<PhyDescription> phy;
 };
 
 /// A firmware call of a machine file that fails, by its name.

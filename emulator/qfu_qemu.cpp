@@ -71,7 +71,8 @@ int main(int argc, char** argv) try {
         "shared (memory-backend-memfd)."};
     Options options;
     app.add_option("--machine", options.machine, "machine file (TOML)")->required();
-    app.add_option("--log", options.log, "file that receives the cycles on the flash bus");
+    app.add_option("--log", options.log,
+                   "file that receives what happens on the flash bus and in the PHY test block");
     app.add_option("command", options.command, "QEMU and its arguments, behind --")->required();
     try {
         app.parse(argc, argv);

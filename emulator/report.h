@@ -8,7 +8,8 @@
 
 namespace emulator {
 
-/// Writes the cycles on the flash bus to a file, a line each, for as long as it lives.
+/// Writes the cycles on the flash bus and the accesses to PHY test registers to a file, a line
+/// each, for as long as it lives.
 class CycleLog {
   public:
     /// @param file  nothing is logged when it is empty

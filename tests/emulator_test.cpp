@@ -39,6 +39,13 @@ TEST(MachineFile, NamesTheLineAndTheKeyOfAMistake) {
     EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC709\nslot = 2\n[adapter.spi]\n"
                         "part = \"W25X40\"\n[[adapter.spi.fault]]\nkind = \"bad luck\"\n"),
               "machine.toml:7: kind: is no kind of fault that is known");
+    const std::string phy = "[[adapter]]\ndevice = 0xC709\nslot = 2\n[[adapter.phy.fault]]\n";
+    EXPECT_EQ(complaint(phy + "kind = \"noise\"\nport = 0\n"),
+              "machine.toml:5: kind: is no kind of PHY fault that is known");
+    EXPECT_EQ(complaint(phy + "kind = \"errors\"\nport = 2\n"),
+              "machine.toml:6: port: must be a number from 0 to 1");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC705\nslot = 2\n[adapter.phy]\n"),
+              "machine.toml:4: phy: is nothing that this adapter has");
     EXPECT_EQ(complaint("[[firmware_fault]]\ncall = \"luck\"\n"),
               "machine.toml:2: call: is no firmware call that is known");
     EXPECT_NE(complaint("[[adapter]\n").find("machine.toml:1: "), std::string::npos);

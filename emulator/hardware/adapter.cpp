@@ -97,6 +97,9 @@ Adapter::Adapter(const AdapterModel& model, PciAddress address, std::uint8_t rev
     if (model.interface == Interface::kBar2) {
         nor_.emplace(name_ + ".cs0", clock, journal);
     }
+    if (model.interface == Interface::kIndexed) {
+        phy_.emplace(PhyModel{model.generation, model.ports, revision}, name_, clock, journal);
+    }
 }
 
 std::uint32_t Adapter::read(PciFunction::Location at, int width) {
@@ -152,6 +155,9 @@ std::uint32_t Adapter::read_register(PciFunction::Location at) {
     if (model_->interface == Interface::kIndexed && at.offset == kData) {
         return spi_.read(indexed_register("read"));
     }
+    if (phy_ && phy_->contains(at.offset)) {
+        return phy_->read(at.offset);
+    }
     complain("read of a register that is not there", at);
     return 0;
 }
@@ -165,6 +171,8 @@ void Adapter::write_register(PciFunction::Location at, std::uint32_t value) {
         write_index(value);
     } else if (model_->interface == Interface::kIndexed && at.offset == kData) {
         write_behind_index(value);
+    } else if (phy_ && phy_->contains(at.offset)) {
+        phy_->write(at.offset, value);
     } else {
         complain("write to a register that is not there", at);
     }

@@ -5,6 +5,7 @@
 #include "hardware/journal.h"
 #include "hardware/nor_controller.h"
 #include "hardware/pci_function.h"
+#include "hardware/phy_block.h"
 #include "hardware/spi_controller.h"
 
 #include <cstdint>
@@ -69,6 +70,8 @@ class Adapter {
 
     /// The NOR controller, on adapters that have one, or null.
     NorController* nor() { return nor_ ? &*nor_ : nullptr; }
+    /// The PHY test block; null on models that have none.
+    PhyBlock* phy() { return phy_ ? &*phy_ : nullptr; }
 
     /// Reads or writes `width` bytes at an offset into a BAR.
     std::uint32_t read(PciFunction::Location at, int width);
@@ -98,6 +101,7 @@ class Adapter {
     SpiController spi_;
     std::optional<NorController> nor_; ///< registers in BAR 2, flash window in BAR 0
     RegisterWindow spi_window_;
+    std::optional<PhyBlock> phy_; ///< in BAR 5
 
     /// The steps that bring the indexed controller up; generation 2 needs none.
     enum class SetUp : std::uint8_t { kNone, kSelected, kReleased, kDone };
