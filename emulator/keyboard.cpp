@@ -21,8 +21,7 @@ Keyboard::~Keyboard() {
 
 std::optional<KeyStroke> Keyboard::next(bool program_waits) {
     pollfd input{STDIN_FILENO, POLLIN, 0};
-    const bool wait = !terminal_ || program_waits;
-    if (ended_ || poll(&input, 1, wait ? -1 : 0) <= 0) {
+    if (ended_ || poll(&input, 1, program_waits ? -1 : 1) <= 0) {
         return std::nullopt;
     }
     unsigned char key = 0;

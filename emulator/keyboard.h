@@ -16,8 +16,12 @@ class Keyboard {
     Keyboard& operator=(const Keyboard&) = delete;
     ~Keyboard();
 
-    /// The next key, if there is one. At a terminal it is waited for when `program_waits`.
+    /// The next key, if there is one. It is waited for when `program_waits`; else for a
+    /// millisecond, so that a program that only looks for keys does so at the pace of a person.
     std::optional<KeyStroke> next(bool program_waits);
+
+    /// True when standard input is at its end.
+    bool ended() const { return ended_; }
 
   private:
     bool terminal_;

@@ -5,6 +5,8 @@
 #include "report.h"
 
 #include <CLI/CLI.hpp>
+#include <atomic>
+#include <csignal>
 #include <iostream>
 
 namespace {
@@ -23,6 +25,51 @@ struct Options {
     std::vector<std::string> arguments;
 };
 
+/// Ctrl-C as the shell has it, for as long as this lives: the running command is broken, and the
+/// program gets the key like any other.
+class CtrlC {
+  public:
+    explicit CtrlC(Firmware& firmware) {
+        running = &firmware;
+        std::signal(SIGINT, press);
+    }
+    CtrlC(const CtrlC&) = delete;
+    CtrlC& operator=(const CtrlC&) = delete;
+    ~CtrlC() { std::signal(SIGINT, SIG_DFL); }
+
+    static std::optional<KeyStroke> key() {
+        constexpr KeyStroke kKey{0, 0x03};
+        return pressed.exchange(false) ? std::optional(kKey) : std::nullopt;
+    }
+
+  private:
+    static void press(int /*signal*/) {
+        pressed = true;
+        running->break_command();
+    }
+
+    static inline std::atomic<bool> pressed = false;
+    static inline Firmware* running = nullptr;
+};
+
+void press_keys(Terminal& terminal, const Options& options, std::optional<Keyboard>& keyboard) {
+    if (options.keys) {
+        terminal.press(*options.keys);
+    } else {
+        keyboard.emplace();
+    }
+    terminal.on_key_needed([&](bool program_waits) {
+        std::optional<KeyStroke> key = CtrlC::key();
+        if (!key && keyboard) {
+            key = keyboard->next(program_waits);
+        }
+        if (!keyboard || keyboard->ended()) {
+            terminal.no_more_keys();
+        }
+        return key;
+    });
+}
+
 void print_notes(Firmware& firmware) {
     print_misuse("qfu-emu", firmware.journal());
     if (firmware.terminal().starved()) {
@@ -39,13 +86,8 @@ int run(const Options& options) {
     Firmware firmware(*machine, clock, options.folder);
     firmware.terminal().on_output([](std::string_view text) { std::cout << text << std::flush; });
     std::optional<Keyboard> keyboard;
-    if (options.keys) {
-        firmware.terminal().press(*options.keys);
-    } else {
-        keyboard.emplace();
-        firmware.terminal().on_key_needed(
-            [&](bool program_waits) { return keyboard->next(program_waits); });
-    }
+    press_keys(firmware.terminal(), options, keyboard);
+    const CtrlC ctrl_c(firmware);
     for (const FirmwareFaultDescription& fault : description.firmware_faults) {
         for (const NamedCall& call : kNamedCalls) {
             if (call.name == fault.call) {
@@ -74,7 +116,8 @@ int main(int argc, char** argv) try {
                    "keys that are pressed, in order; without it they come from standard input");
     app.add_option("--dir", options.folder, "folder that the shell sees as its volume FS0:")
         ->check(CLI::ExistingDirectory);
-    app.add_option("--log", options.log, "file that receives the cycles on the flash bus");
+    app.add_option("--log", options.log,
+                   "file that receives what happens on the flash bus and in the PHY test block");
     app.add_option("arguments", options.arguments, "arguments of qfu, behind --");
     app.footer("Example:\n  qfu-emu --machine emulator/machines/indexed.toml --dir work -- "
                "-wbf image.bin -addr 0 -y");

@@ -241,6 +241,9 @@ struct Firmware::Services {
     // Runtime services
 
     static EFI_STATUS EFIAPI get_time(EFI_TIME* time, EFI_TIME_CAPABILITIES* /*capabilities*/) {
+        constexpr std::uint64_t kReadUs = 100; // the clock is a slow chip
+        active->terminal_.note_clock_read();
+        active->clock_->advance_us(kReadUs);
         if (active->faults_.clock.strikes()) {
             return EFI_DEVICE_ERROR;
         }
@@ -414,7 +417,7 @@ bool Firmware::query_break() {
         break_pending_ = true;
     }
     // Reading the event takes it back.
-    return std::exchange(break_pending_, false);
+    return break_pending_.exchange(false);
 }
 
 void Firmware::fill_boot_services() {

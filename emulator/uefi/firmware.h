@@ -10,6 +10,7 @@
 #include "uefi/shell_files.h"
 #include "uefi/terminal.h"
 
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -60,7 +61,8 @@ class Firmware {
     Journal& journal() { return machine_->journal(); }
     Resources resources() const;
 
-    /// The user breaks the running command; seen by the next query.
+    /// The user breaks the running command; seen by the next query. May be called from a signal
+    /// handler.
     void break_command() { break_pending_ = true; }
 
     /// Takes the root bridge away, as on firmware that does not publish one.
@@ -85,7 +87,8 @@ class Firmware {
     Terminal terminal_;
     ShellFiles files_;
     Shell shell_ = Shell::kCurrent;
-    bool break_pending_ = false;
+    std::atomic<bool> break_pending_ = false;
+    static_assert(std::atomic<bool>::is_always_lock_free);
     bool root_bridge_hidden_ = false;
 
     int image_ = 0;

@@ -37,13 +37,17 @@ bool Terminal::key_pending() {
 std::optional<KeyStroke> Terminal::take_key() {
     constexpr int kPatience = 1000;
     if (!key_pending()) {
-        if (++asked_in_vain_ < kPatience) {
+        ++asked_in_vain_;
+        ++keys_missed_;
+        const bool in_vain = keys_have_ended_ && keys_missed_ >= kPatience;
+        if (asked_in_vain_ < kPatience && !in_vain) {
             return std::nullopt;
         }
         starved_ = true;
         press("\r");
     }
     note_activity();
+    keys_missed_ = 0;
     const KeyStroke key = keys_.front();
     keys_.pop_front();
     return key;

@@ -33,7 +33,13 @@ class Terminal {
     /// Where keys come from once the pressed ones are used up. It is told whether the program does
     /// nothing but wait for one, so that it may take its time.
     using KeySource = std::function<std::optional<KeyStroke>(bool program_waits)>;
-    void on_key_needed(KeySource source) { source_ = std::move(source); }
+    void on_key_needed(KeySource source) {
+        source_ = std::move(source);
+        keys_have_ended_ = false;
+    }
+
+    /// Said by whoever presses keys when no more will come.
+    void no_more_keys() { keys_have_ended_ = true; }
 
     void press(std::string_view keys);
     void press(KeyStroke key) { keys_.push_back(key); }
@@ -49,6 +55,9 @@ class Terminal {
     /// Noted when the program does something else than ask for a key.
     void note_activity() { asked_in_vain_ = 0; }
 
+    /// Noted when the program looks at the clock: its wait ends without a key, too.
+    void note_clock_read() { keys_missed_ = 0; }
+
     /// True when the program waited for a key that nobody was there to press. It got Enter, lest it
     /// wait for ever.
     bool starved() const { return starved_; }
@@ -60,7 +69,9 @@ class Terminal {
     KeySource source_;
     std::deque<KeyStroke> keys_;
     std::uint64_t prints_ = 0;
-    int asked_in_vain_ = 0;
+    int asked_in_vain_ = 0; ///< since the program did something else
+    int keys_missed_ = 0;   ///< since a key came or the clock was looked at
+    bool keys_have_ended_ = true;
     bool starved_ = false;
 };
 
