@@ -63,6 +63,32 @@ TEST(QfuEmu, ExitsWithTheShellsStatusAndSaysWhatIsWrong) {
     EXPECT_NE(starved.output.find("asked for a key and there was none"), std::string::npos);
 }
 
+TEST(QfuEmu, EndsAnEndlessLoopbackThatNobodyWatches) {
+    Folder f;
+    const Result nobody =
+        f.run("qfu-emu", "--machine machine.toml --log log.txt -- -phytest -p 1 -r 0 -lback");
+    EXPECT_NE(nobody.output.find("**Phy test successfully on Port 1"), std::string::npos);
+    EXPECT_NE(nobody.output.find("asked for a key and there was none"), std::string::npos);
+    EXPECT_NE(f.lab.read_text("log.txt").find("0.phy1  test control        95 < B0E0  pass, lock"),
+              std::string::npos);
+    const Result key = f.run("qfu-emu", "--machine machine.toml --keys kk -- -phytest -r 2 -lback");
+    EXPECT_NE(key.output.find("**Phy test successfully on Port 1"), std::string::npos);
+    EXPECT_EQ(key.output.find("asked for a key"), std::string::npos);
+}
+
+TEST(QfuEmu, CtrlCEndsAnEndlessLoopbackAndKeepsFlashContents) {
+    Folder f;
+    // Standard input is open, and silent for ever.
+    const Result broken =
+        shell("cd " + f.lab.folder().string() +
+              " && mkfifo silence && { exec 3<>silence; timeout --preserve-status -s INT 2 " +
+              QFU_TOOLS "/qfu-emu --machine machine.toml -- -phytest -p 0 -r 0 -lback <&3; }");
+    EXPECT_EQ(broken.status, 0) << broken.output;
+    EXPECT_NE(broken.output.find("**Phy test successfully on Port 0"), std::string::npos);
+    EXPECT_EQ(broken.output.find("asked for a key"), std::string::npos);
+    EXPECT_EQ(f.lab.read_file("chip.bin").size(), 0x80000U);
+}
+
 TEST(Spilist, BuildsTheShippedListAndNamesWhatItRefuses) {
     Folder f;
     const std::string common = "id_opcodes = [0x9F]\n[common]\nwrite_enable = 6\nread_status = 5\n"
