@@ -39,4 +39,29 @@ TEST(Guest, CtrlCStopsATransferBetweenBlocks) {
     EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
 }
 
+TEST(Guest, AKeyEndsAnEndlessLoopbackAndSoDoesCtrlC) {
+    const emulator::SteadyClock clock;
+    emulator::Machine machine(clock);
+    auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, 0xC70A), {0, 2, 0}, 0);
+    machine.add_spi_chip(adapter, *emulator::find_spi_part("W25X40"), emulator::kNeverBusy);
+    Volume volume;
+    add_program(volume);
+    volume["spilist.bin"].bytes = lab::shipped_chip_list();
+    const auto press = [](const std::string& line) {
+        if (line.find("PHY test PRBS7") == line.npos) {
+            return "";
+        }
+        return line.find("6 Gb/s") == line.npos ? "k" : "\x03reset -s\r";
+    };
+    const GuestResult guest =
+        run_guest(machine, volume, "fs0:\r\nqfu -phytest -p 3 -lback\r\nreset -s\r\n", press);
+    for (const char* rate : {"1.5", "3", "6"}) {
+        EXPECT_NE(guest.serial.find("*Phy test successfully on Port 3 at Link Rate " +
+                                    std::string(rate) + "Gb/s."),
+                  std::string::npos)
+            << guest.serial;
+    }
+    EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
+}
+
 } // namespace
