@@ -5,6 +5,11 @@
 #include <cstdio>
 
 namespace chiplist {
+namespace {
+
+constexpr double kPauseAfterSectorErase = 0.1; // seconds
+
+} // namespace
 
 std::string label(const ChipList& list, std::size_t index) {
     const Chip& chip = list.chips[index];
@@ -18,11 +23,55 @@ std::string id_text(const QFU_CHIP_ENTRY& entry) {
     std::string text;
     const std::size_t length = std::min<std::size_t>(entry.id_len, entry.id_bytes.size());
     for (std::size_t i = 0; i < length; ++i) {
-        std::array<char, 4> byte{};
-        std::snprintf(byte.data(), byte.size(), i == 0 ? "%02X" : " %02X", entry.id_bytes[i]);
-        text += byte.data();
+        text += i == 0 ? "" : " ";
+        text += hex_byte(entry.id_bytes[i]);
     }
     return text;
+}
+
+std::string hex_byte(std::uint8_t byte) {
+    std::array<char, 3> text{};
+    std::snprintf(text.data(), text.size(), "%02X", byte);
+    return text.data();
+}
+
+std::string size_text(std::uint32_t bytes) {
+    constexpr std::uint32_t kKiB = 1024;
+    constexpr std::uint32_t kMiB = 1024 * kKiB;
+    if (bytes != 0 && bytes % kMiB == 0) {
+        return std::to_string(bytes / kMiB) + "M";
+    }
+    if (bytes != 0 && bytes % kKiB == 0) {
+        return std::to_string(bytes / kKiB) + "K";
+    }
+    return std::to_string(bytes);
+}
+
+std::string parts_text(const Chip& chip) {
+    std::string text;
+    for (const std::string& part : chip.parts) {
+        text += text.empty() ? "" : " / ";
+        text += part;
+    }
+    return text;
+}
+
+double least_erase_seconds(const QFU_CHIP_ENTRY& entry) {
+    if (entry.sector_size == 0) {
+        return 0;
+    }
+    const std::uint32_t sectors = entry.whole_size / entry.sector_size;
+    return sectors * kPauseAfterSectorErase;
+}
+
+void use_erase_unit(ChipList& list, std::uint32_t unit) {
+    for (Chip& chip : list.chips) {
+        QFU_CHIP_ENTRY& entry = chip.entry;
+        if (entry.block_size <= unit && entry.block_size > entry.sector_size) {
+            entry.sector_size = entry.block_size;
+            entry.op_sector_erase = entry.op_block_erase;
+        }
+    }
 }
 
 } // namespace chiplist

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace chiplist {
@@ -24,10 +25,53 @@ struct ChipList {
     std::vector<Chip> chips;
 };
 
+/// A field of a record and its name in sources and messages.
+struct OpcodeField {
+    const char* name;
+    const char* column; ///< head of its column in a table
+    std::uint8_t QFU_CHIP_ENTRY::*value;
+};
+inline constexpr OpcodeField kOpcodeFields[] = {
+    {"write_enable", "we", &QFU_CHIP_ENTRY::op_write_enable},
+    {"read_status",  "rs", &QFU_CHIP_ENTRY::op_read_status },
+    {"write_status", "ws", &QFU_CHIP_ENTRY::op_write_status},
+    {"read",         "rd", &QFU_CHIP_ENTRY::op_read        },
+    {"program",      "pp", &QFU_CHIP_ENTRY::op_program     },
+    {"sector_erase", "se", &QFU_CHIP_ENTRY::op_sector_erase},
+    {"block_erase",  "be", &QFU_CHIP_ENTRY::op_block_erase },
+    {"chip_erase",   "ce", &QFU_CHIP_ENTRY::op_chip_erase  },
+};
+struct SizeField {
+    const char* name;
+    std::uint32_t QFU_CHIP_ENTRY::*value;
+};
+inline constexpr SizeField kSizeFields[] = {
+    {"size",   &QFU_CHIP_ENTRY::whole_size },
+    {"sector", &QFU_CHIP_ENTRY::sector_size},
+    {"block",  &QFU_CHIP_ENTRY::block_size },
+};
+
 /// How messages name a record: by its part numbers, else by its place and identification.
 std::string label(const ChipList& list, std::size_t index);
 
 /// The record's identification bytes in hexadecimal, "EF 40 16".
 std::string id_text(const QFU_CHIP_ENTRY& entry);
+
+/// A byte in two hexadecimal digits.
+std::string hex_byte(std::uint8_t byte);
+
+/// A number of bytes as sources write it, "4K" or "2M" or plain digits.
+std::string size_text(std::uint32_t bytes);
+
+/// The parts with " / " between them.
+std::string parts_text(const Chip& chip);
+
+/// The least time that the program takes to erase the whole chip sector by sector: it pauses 100 ms
+/// after each. 0 for a record without sectors.
+double least_erase_seconds(const QFU_CHIP_ENTRY& entry);
+
+/// Makes each chip's sector the largest of its erase units that is not larger than `unit`; a chip
+/// whose units are all larger keeps its sector.
+void use_erase_unit(ChipList& list, std::uint32_t unit);
 
 } // namespace chiplist

@@ -4,28 +4,11 @@
 
 #include <cctype>
 #include <charconv>
-#include <optional>
-#include <string_view>
 
 namespace chiplist {
 namespace {
 
 using support::TableReader;
-
-/// A number of bytes: digits, then perhaps K or M.
-std::optional<std::uint32_t> parse_size(std::string_view text) {
-    std::uint64_t scale = 1;
-    if (text.ends_with('K') || text.ends_with('M')) {
-        scale = text.back() == 'K' ? 1024 : 1024 * 1024;
-        text.remove_suffix(1);
-    }
-    std::uint32_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number * scale > UINT32_MAX) {
-        return std::nullopt;
-    }
-    return static_cast<std::uint32_t>(number * scale);
-}
 
 std::uint32_t read_size(TableReader& reader, std::string_view key,
                         std::optional<std::uint32_t> otherwise) {
@@ -46,14 +29,9 @@ std::uint8_t read_opcode(TableReader& reader, std::string_view key, std::uint8_t
 /// Fields that chips share unless an entry says otherwise; in a source's common table all are
 /// given.
 void read_shared_fields(TableReader& reader, QFU_CHIP_ENTRY& entry) {
-    entry.op_write_enable = read_opcode(reader, "write_enable", entry.op_write_enable);
-    entry.op_read_status = read_opcode(reader, "read_status", entry.op_read_status);
-    entry.op_write_status = read_opcode(reader, "write_status", entry.op_write_status);
-    entry.op_read = read_opcode(reader, "read", entry.op_read);
-    entry.op_program = read_opcode(reader, "program", entry.op_program);
-    entry.op_sector_erase = read_opcode(reader, "sector_erase", entry.op_sector_erase);
-    entry.op_block_erase = read_opcode(reader, "block_erase", entry.op_block_erase);
-    entry.op_chip_erase = read_opcode(reader, "chip_erase", entry.op_chip_erase);
+    for (const OpcodeField& field : kOpcodeFields) {
+        entry.*field.value = read_opcode(reader, field.name, entry.*field.value);
+    }
     entry.sector_size = read_size(reader, "sector", entry.sector_size);
     entry.block_size = read_size(reader, "block", entry.block_size);
 }
@@ -91,6 +69,20 @@ Chip read_chip(const toml::table& table, const std::filesystem::path& file,
 }
 
 } // namespace
+
+std::optional<std::uint32_t> parse_size(std::string_view text) {
+    std::uint64_t scale = 1;
+    if (text.ends_with('K') || text.ends_with('M')) {
+        scale = text.back() == 'K' ? 1024 : 1024 * 1024;
+        text.remove_suffix(1);
+    }
+    std::uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number * scale > UINT32_MAX) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(number * scale);
+}
 
 ChipList read_source(const std::filesystem::path& file) {
     const toml::table root = support::parse_toml(file);

@@ -1,9 +1,11 @@
 // The built programs, run as a person runs them.
 #include "lab.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
 namespace {
@@ -122,6 +124,178 @@ TEST(Spilist, BuildsTheShippedListAndNamesWhatItRefuses) {
     EXPECT_EQ(typo.status, 2);
     EXPECT_EQ(typo.output,
               "spilist: chips.toml:15: id: must be bytes in hexadecimal like \"EF 40 16\"\n");
+}
+
+const std::string kSource = QFU_SOURCE_DIR "/chiplist/chips.toml";
+
+TEST(Spilist, SaysEverythingThatIsWrongWithABrokenList) {
+    struct Case {
+        const char* file;
+        const char* says; ///< each finding
+        bool rejected;
+    };
+    constexpr const char* kNothingIn =
+        "list: id_opcodes: holds no opcode, so no chip is ever asked "
+        "for its ID\nlist: records: there are none\n";
+    const Case cases[] = {
+        {"good",                      "",                                                           false},
+        {"long",                      "",                                                           false},
+        {"empty",                     "list: length: 0 bytes are less than the 2944 of a list\n",   true },
+        {"cut-in-header",             "list: length: 9 bytes are less than the 2944 of a list\n",   true },
+        {"cut-in-records",            "list: length: 200 bytes are less than the 2944 of a list\n", true },
+        {"magic",                     "list: magic: is not \"LUFQ\"\n",                             true },
+        {"marker",                    "list: marker: FE is not FF\n",                               true },
+        {"body-size",                 "list: body_size: 2944 is not 2932\n",                        true },
+        {"version",                   "list: version: 1.0 is older than 1.1\n",                     true },
+        {"checksum",                  "list: checksum: the bytes add up to 66, not to 00\n",        true },
+        {"no-records",                "list: records: there are none\n",                            true },
+        {"no-end",
+         "list: records: 64 are more than the 63 that a list has room "
+         "for\n",                                                                                   true },
+        {"end-in-the-middle",
+         "list: records: the size 0 in slot 1 ends the list before 1 "
+         "more\n",                                                                                  false},
+        {"no-opcodes",
+         "list: id_opcodes: holds no opcode, so no chip is ever asked "
+         "for its ID\n",                                                                            false},
+        {"opcodes-without-end",       "list: id_opcodes: holds more than 15\n",                     true },
+        {"wide-opcode",
+         "list: id_opcodes: 415 is more than the byte that an opcode "
+         "is\n",                                                                                    false},
+        {"opcode-of-another-command",
+         "list: id_opcodes: C7 is the opcode chip_erase of record 0 "
+         "(EF 40 13)\n",                                                                            false},
+        {"id-empty",
+         "record 0 (): id: is empty, which matches every chip\n"
+         "record 1 (C2 20 13): id: is hidden by the shorter ID of "
+         "record 0 ()\n",                                                                           false},
+        {"id-5-bytes",
+         "record 0 (EF 40 13 00 01): id: has 5 bytes; a chip is asked "
+         "for 4\nrecord 0 (EF 40 13 00 01): id: matches no chip\n",                                 false},
+        {"id-200-bytes",
+         "record 0 (EF 40 13 00 00 00 00 00 00 00 00 00 00 00 00): id: "
+         "has 200 bytes; a chip is asked for 4\n"
+         "record 0 (EF 40 13 00 00 00 00 00 00 00 00 00 00 00 00): id: "
+         "matches no chip\n",                                                                       false},
+        {"id-of-no-chip",
+         "record 0 (FF FF FF): id: is what a bus without a chip "
+         "answers\n",                                                                               false},
+        {"id-hidden",
+         "record 1 (EF 40 13): id: is hidden by the shorter ID of "
+         "record 0 (EF 40)\n",                                                                      false},
+        {"id-twice",
+         "record 1 (EF 40 13): id: is also the ID of record 0 (EF 40 "
+         "13)\n",                                                                                   false},
+        {"size-odd",                  "record 0 (EF 40 13): size: 458752 is no power of two\n",     false},
+        {"size-too-large",
+         "record 0 (EF 40 13): size: is more than the 16 MiB that 24 "
+         "address bits reach\n",                                                                    false},
+        {"sector-zero",               "record 0 (EF 40 13): sector: 0 is no power of two\n",        false},
+        {"sector-larger-than-chip",   "record 0 (EF 40 13): sector: is larger than the chip\n",
+         false                                                                                           },
+        {"block-larger-than-chip",    "record 0 (EF 40 13): block: is larger than the chip\n",      false},
+        {"opcode-missing",            "record 0 (EF 40 13): program: is missing\n",                 false},
+        {"opcode-twice",
+         "record 0 (EF 40 13): block_erase: D8 is also the opcode "
+         "sector_erase\n",                                                                          false},
+    };
+    const Folder f;
+    std::size_t files = 0;
+    for ([[maybe_unused]] const auto& file :
+         std::filesystem::directory_iterator(QFU_SOURCE_DIR "/tests/chip_lists")) {
+        ++files;
+    }
+    EXPECT_EQ(files, std::size(cases));
+    for (const Case& c : cases) {
+        const std::string file = std::string(c.file) + ".bin";
+        const Result result = f.run("spilist", "check " QFU_SOURCE_DIR "/tests/chip_lists/" + file);
+        std::string says = c.says;
+        if (says.ends_with("of a list\n") && !says.starts_with("list: length: 2")) {
+            says += kNothingIn; // the file ends before them
+        }
+        std::string expected;
+        for (std::size_t at = 0, end = 0; (end = says.find('\n', at)) != says.npos; at = end + 1) {
+            expected +=
+                QFU_SOURCE_DIR "/tests/chip_lists/" + file + ": " + says.substr(at, end - at + 1);
+        }
+        EXPECT_EQ(result.output.substr(0, expected.size()), expected);
+        EXPECT_EQ(std::ranges::count(result.output, '\n'), std::ranges::count(says, '\n') + 1)
+            << result.output;
+        EXPECT_EQ(result.output.find("the program rejects the list") != std::string::npos,
+                  c.rejected)
+            << result.output;
+        EXPECT_EQ(result.status, says.empty() ? 0 : 1) << file;
+    }
+}
+
+TEST(Spilist, ShowsComparesAndMatchesLists) {
+    Folder f;
+    EXPECT_EQ(f.run("spilist", "build " + kSource + " -o slow.bin").status, 0);
+    EXPECT_EQ(f.run("spilist", "build " + kSource + " -o fast.bin --erase-unit 64K").status, 0);
+    EXPECT_EQ(f.run("spilist", "check fast.bin").status, 0);
+    const std::string row = " EF 40 16    4M     64K    64K  06  05  01  03  02  D8  D8  C7       "
+                            "6.4 s";
+    EXPECT_NE(f.run("spilist", "show fast.bin").output.find(row + "\n"), std::string::npos);
+    const Result named = f.run("spilist", "show fast.bin --source " + kSource);
+    EXPECT_NE(named.output.find(row + "  W25Q32\n"), std::string::npos) << named.output;
+    EXPECT_NE(named.output.find("\nSST25VF080B: Powers up protected, and the program lifts that "
+                                "only for the two bytes BF 25."),
+              std::string::npos);
+    EXPECT_NE(f.run("spilist", "show slow.bin").output.find("102.4 s"), std::string::npos);
+    // Units above 64 KiB stay as they are, and so do those of chips that have no larger one.
+    EXPECT_NE(named.output.find("20 20 10   64K     32K    32K"), std::string::npos);
+
+    EXPECT_EQ(f.run("spilist", "diff slow.bin " + kSource).status, 0) << "a source is its list";
+    const Result differ = f.run("spilist", "diff " + kSource + " fast.bin");
+    EXPECT_EQ(differ.status, 1);
+    EXPECT_NE(differ.output.find("W25Q32: sector: 4K -> 64K\nW25Q32: sector_erase: 20 -> D8\n"),
+              std::string::npos)
+        << differ.output;
+    const std::string lists = QFU_SOURCE_DIR "/tests/chip_lists/";
+    EXPECT_EQ(
+        f.run("spilist", "diff " + lists + "good.bin " + lists + "end-in-the-middle.bin").output,
+        "record 1 (C2 20 13): record: C2 20 13, 512K -> none\n");
+
+    const Result hides = f.run("spilist", "match " + lists + "id-hidden.bin 0x0013_40EF");
+    EXPECT_EQ(hides.status, 2) << hides.output;
+    EXPECT_EQ(f.run("spilist", "match " + lists + "id-hidden.bin 0x1340EF").output,
+              "chosen: record 0, ID EF 40, 512K\nhidden: record 1, ID EF 40 13, 512K\n");
+    EXPECT_TRUE(f.run("spilist", "match " + kSource + " '1F 44 01'")
+                    .output.ends_with(", ID 1F 44, 512K, AT25DF041A\n"));
+    EXPECT_EQ(f.run("spilist", "match slow.bin EF4099").status, 1);
+}
+
+TEST(Spilist, WritesJsonForScripts) {
+    const Folder f;
+    const auto json = [&](const std::string& arguments) {
+        return nlohmann::json::parse(f.run("spilist", arguments + " --json").output);
+    };
+    const std::string lists = QFU_SOURCE_DIR "/tests/chip_lists/";
+    const auto check = json("check " + lists + "marker.bin");
+    EXPECT_EQ(check["rejected"], true);
+    EXPECT_EQ(check["findings"][0]["entry"], "list");
+    EXPECT_EQ(check["findings"][0]["field"], "marker");
+    const auto show = json("show " + lists + "good.bin");
+    EXPECT_EQ(show["chips"][1]["id"], "C2 20 13");
+    EXPECT_EQ(show["chips"][1]["size"], 0x80000);
+    EXPECT_EQ(show["chips"][1]["opcodes"]["chip_erase"], 0xC7);
+    const auto diff = json("diff " + lists + "good.bin " + lists + "no-opcodes.bin");
+    EXPECT_EQ(diff[0]["field"], "id_opcodes");
+    EXPECT_EQ(diff[0]["before"], "9F");
+    const auto match = json("match " + lists + "id-hidden.bin EF4013");
+    EXPECT_EQ(match["chosen"]["record"], 0);
+    EXPECT_EQ(match["hidden"][0]["record"], 1);
+}
+
+TEST(Spilist, ExitsWith2WhenItCannotWork) {
+    const Folder f;
+    for (const char* arguments :
+         {"", "sing", "check", "check none.bin", "check .", "show none.toml", "match spilist.bin 1",
+          "build machine.toml", "diff spilist.bin"}) {
+        EXPECT_EQ(f.run("spilist", arguments).status, 2) << arguments;
+    }
+    EXPECT_EQ(f.run("spilist", "build " + kSource + " --erase-unit 64Q").status, 2);
+    EXPECT_EQ(f.run("spilist", "--help").status, 0);
 }
 
 TEST(Man, HoldsTheProgramsOwnTexts) {
