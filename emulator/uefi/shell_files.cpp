@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -483,7 +484,7 @@ EFI_FILE_INFO* ShellFiles::info(SHELL_FILE_HANDLE handle) {
     struct stat status {};
     fstat(file->descriptor, &status);
     const std::vector<CHAR16> name = widen(file->path.filename().string());
-    const std::size_t bytes = SIZE_OF_EFI_FILE_INFO + name.size() * sizeof(CHAR16);
+    const std::size_t bytes = offsetof(EFI_FILE_INFO, FileName) + name.size() * sizeof(CHAR16);
     auto* info = static_cast<EFI_FILE_INFO*>(pool_->allocate(bytes));
     if (info == nullptr) {
         return nullptr;
