@@ -48,11 +48,6 @@ void shell(const fs::path& folder, const std::string& command) {
     }
 }
 
-std::vector<std::uint8_t> read_bytes(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 void make_volume(const fs::path& folder, const Volume& volume) {
     shell(folder, std::string("truncate -s 64M ") + kImage + " && mkfs.vfat -F 32 " + kImage);
     fs::create_directory(folder / "in");
@@ -200,6 +195,11 @@ class Qemu {
 };
 
 } // namespace
+
+std::vector<std::uint8_t> read_bytes(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
 
 GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
                       const Operator& at_console) {

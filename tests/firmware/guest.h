@@ -4,6 +4,7 @@
 #include "hardware/machine.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -37,6 +38,8 @@ using Operator = std::function<std::string(const std::string& line)>;
 /// @throws std::runtime_error when it cannot be started or takes longer than two minutes
 GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
                       const Operator& at_console);
+
+std::vector<std::uint8_t> read_bytes(const std::filesystem::path& file);
 
 /// The built program and its manual, which every volume needs.
 void add_program(Volume& volume);
