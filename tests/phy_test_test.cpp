@@ -261,6 +261,13 @@ TEST(PhyMonitor, PrintsWhatIsWrongInEveryCycle) {
     EXPECT_EQ(b.logged("95 < "), 4U);
 }
 
+TEST(PhyMonitor, WatchesUntilTheFirstErrorWhenItStopsOnErrors) {
+    Bench b;
+    b.fault(PhyFaultKind::kErrors, 0, 3, 1, 7);
+    EXPECT_TRUE(b.run("-p 0 -r 0 -lback -erctn").ends_with("(error 1: Failed).\n"));
+    EXPECT_EQ(b.logged("95 < "), 3U);
+}
+
 TEST(PhyMonitor, TakesEitherHalfOfTheCounterForACount) {
     for (const std::uint32_t count : {0x10000U, 0x1U}) {
         Bench b;
@@ -360,6 +367,16 @@ TEST(PhyMonitor, TakesAReadThatFailsForAFault) {
         EXPECT_EQ(text.find("error counter 0x5A5A") != std::string::npos, nth == 5 || nth == 6);
         e.bench.lab.take_misuses(); // what comes of a host control register that cannot be read
     }
+}
+
+TEST(PhyMonitor, PutsTheHalvesOfACountTogetherBitByBit) {
+    Engine e(0xC70A);
+    e.bench.fault(PhyFaultKind::kErrors, 0, 1, 1, 0x20000);
+    e.bench.lab.firmware().terminal().press("k");
+    auto& fault = e.bench.lab.faults().memory_read;
+    fault.fail(fault.calls() + 6); // the low half
+    e.run(watched_run(0, 0, 9));
+    EXPECT_NE(e.bench.lab.printed().find("error counter 0x5A5A5A5A\r\n"), std::string::npos);
 }
 
 TEST(PhyTest, RunsEveryPortAtEveryRateWhateverRateIsGiven) {
@@ -484,6 +501,9 @@ TEST(PhyTest, ReturnsOneForAFailureAndElseTheLastResult) {
     EXPECT_EQ(result(0xC709, QFU_REQ_PHY_RATE | QFU_REQ_PHY_LOOPBACK), 1) << "port 1 passes";
     EXPECT_EQ(result(0xC709, QFU_REQ_PHY_RATE), 0);
     EXPECT_EQ(result(0xC709, 0), 0);
+    Engine unsupported(0xC705);
+    unsupported.context.flags = QFU_REQ_PHY_RATE;
+    EXPECT_EQ(doPhyTest(unsupported.context.adapters[0]), 1);
 }
 
 TEST(PhyTest, TouchesNoPortWhenHelpIsAskedFor) {
