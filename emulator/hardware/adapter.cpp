@@ -104,7 +104,8 @@ Adapter::Adapter(const AdapterModel& model, PciAddress address, std::uint8_t rev
 
 std::uint32_t Adapter::read(PciFunction::Location at, int width) {
     ++accesses_;
-    const std::uint32_t value = read_unit(at, width);
+    const std::uint32_t value = is_spi_register(at, width) ? spi_.read(at.offset % kSpiWindowSize)
+                                                           : read_elsewhere(at, width);
     if (journal_->wants_registers()) {
         log('>', at, value, width);
     }
@@ -116,17 +117,17 @@ void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
     if (journal_->wants_registers()) {
         log('<', at, value, width);
     }
-    if (width != 4 || at.offset % 4 != 0) {
-        complain("write of " + std::to_string(width) + " bytes", at);
-        return;
+    if (is_spi_register(at, width)) {
+        spi_.write(at.offset % kSpiWindowSize, value);
+    } else {
+        write_elsewhere(at, value, width);
     }
-    write_register(at, value);
 }
 
-std::uint32_t Adapter::read_unit(PciFunction::Location at, int width) {
-    const auto bytes = static_cast<std::uint32_t>(width);
+std::uint32_t Adapter::read_elsewhere(PciFunction::Location at, int width) {
     const bool window = nor_ && at.bar == 0;
-    if ((bytes != 4 && (bytes != 2 || !window)) || at.offset % bytes != 0) {
+    const bool whole = width == 4 && at.offset % 4 == 0;
+    if (!whole && (!window || width != 2 || at.offset % 2 != 0)) {
         complain("read of " + std::to_string(width) + " bytes", at);
         return 0;
     }
@@ -143,9 +144,6 @@ bool Adapter::is_nor_register(PciFunction::Location at) const {
 }
 
 std::uint32_t Adapter::read_register(PciFunction::Location at) {
-    if (spi_window_.contains(at)) {
-        return spi_.read(at.offset % kSpiWindowSize);
-    }
     if (is_nor_register(at)) {
         return nor_->read(at.offset);
     }
@@ -162,9 +160,9 @@ std::uint32_t Adapter::read_register(PciFunction::Location at) {
     return 0;
 }
 
-void Adapter::write_register(PciFunction::Location at, std::uint32_t value) {
-    if (spi_window_.contains(at)) {
-        spi_.write(at.offset % kSpiWindowSize, value);
+void Adapter::write_elsewhere(PciFunction::Location at, std::uint32_t value, int width) {
+    if (width != 4 || at.offset % 4 != 0) {
+        complain("write of " + std::to_string(width) + " bytes", at);
     } else if (is_nor_register(at)) {
         nor_->write(at.offset, value);
     } else if (model_->interface == Interface::kIndexed && at.offset == kIndex) {

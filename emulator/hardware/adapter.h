@@ -81,11 +81,15 @@ class Adapter {
     std::uint64_t accesses() const { return accesses_; }
 
   private:
-    std::uint32_t read_unit(PciFunction::Location at, int width);
+    /// The register that nearly every access goes to.
+    bool is_spi_register(PciFunction::Location at, int width) const {
+        return spi_window_.contains(at) && width == 4 && at.offset % 4 == 0;
+    }
+    std::uint32_t read_elsewhere(PciFunction::Location at, int width);
+    void write_elsewhere(PciFunction::Location at, std::uint32_t value, int width);
     std::uint32_t read_window(std::uint32_t offset, int width);
     bool is_nor_register(PciFunction::Location at) const;
     std::uint32_t read_register(PciFunction::Location at);
-    void write_register(PciFunction::Location at, std::uint32_t value);
     void write_index(std::uint32_t value);
     void write_behind_index(std::uint32_t value);
     std::uint32_t indexed_register(std::string_view what);
