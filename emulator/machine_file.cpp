@@ -125,7 +125,7 @@ AdapterDescription read_adapter(const toml::table& table, const std::filesystem:
     }
     if (const toml::table* nor = reader.table("nor")) {
         if (adapter.model->interface != Interface::kBar2) {
-            reader.fail("nor", "the adapter has no NOR controller");
+            reader.fail("nor", "is nothing that this adapter has");
         }
         adapter.nor = read_nor(*nor, file);
     }

@@ -46,6 +46,10 @@ TEST(MachineFile, NamesTheLineAndTheKeyOfAMistake) {
               "machine.toml:6: port: must be a number from 0 to 1");
     EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC705\nslot = 2\n[adapter.phy]\n"),
               "machine.toml:4: phy: is nothing that this adapter has");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC705\nslot = 2\n[adapter.nor]\nid = 0x22CB00C2\n"),
+              "machine.toml:4: nor: is nothing that this adapter has");
+    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC703\nslot = 2\n[adapter.nor]\nid = 0x22CB\n"),
+              "machine.toml:5: id: is no part that the emulator knows");
     EXPECT_EQ(complaint("[[firmware_fault]]\ncall = \"luck\"\n"),
               "machine.toml:2: call: is no firmware call that is known");
     EXPECT_NE(complaint("[[adapter]\n").find("machine.toml:1: "), std::string::npos);
@@ -54,13 +58,17 @@ TEST(MachineFile, NamesTheLineAndTheKeyOfAMistake) {
 TEST(MachineFile, DescribesAdaptersChipsAndFaults) {
     Lab lab;
     lab.write_file("chip.bin", lab::pattern(0x80000));
+    lab.write_file("nor.bin", lab::pattern(0x400000));
     lab.write_file("machine.toml", "time = \"none\"\n"
                                    "[[adapter]]\nvendor = 0x1F7E\ndevice = 0xC702\nbus = 1\n"
                                    "slot = 4\nrevision = 0x10\n"
                                    "[adapter.spi]\npart = \"W25X40\"\nstatus = 0x1C\nimage = \"" +
                                        (lab.folder() / "chip.bin").string() +
                                        "\"\n[[adapter.spi.fault]]\nkind = \"not stored\"\n"
-                                       "on = \"program\"\naddress = 7\nnth = 2\ntimes = 1\n");
+                                       "on = \"program\"\naddress = 7\nnth = 2\ntimes = 1\n"
+                                       "[[adapter]]\ndevice = 0xC703\nslot = 5\n"
+                                       "[adapter.nor]\nid = 0x257E00EC\nimage = \"" +
+                                       (lab.folder() / "nor.bin").string() + "\"\n");
     const auto description = load_machine_file(lab.folder() / "machine.toml");
     VirtualClock clock;
     const auto machine = build_machine(description, clock);
@@ -70,8 +78,12 @@ TEST(MachineFile, DescribesAdaptersChipsAndFaults) {
     EXPECT_EQ(chip.status(), 0x1C);
     EXPECT_FALSE(chip.faults().empty());
     chip.contents()[0] = 0x77;
+    NorChip& nor = *machine->adapter(1).nor()->chip();
+    EXPECT_EQ(nor.contents(), lab::pattern(0x400000));
+    nor.contents()[1] = 0x78;
     save_images(description, *machine);
     EXPECT_EQ(lab.read_file("chip.bin")[0], 0x77);
+    EXPECT_EQ(lab.read_file("nor.bin")[1], 0x78);
     std::filesystem::resize_file(lab.folder() / "chip.bin", 5);
     EXPECT_THROW(build_machine(description, clock), support::InputError);
 }
