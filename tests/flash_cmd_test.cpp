@@ -522,6 +522,20 @@ TEST(Break, EndsATransferWithoutAMessage) {
     EXPECT_EQ(lab::pattern(4096), stored(chip, 0, 4096));
 }
 
+TEST(Break, HidesNoMismatchThatCameBeforeIt) {
+    Lab lab;
+    auto& chip = lab.kind(4);
+    chip.faults().add(lab::fault(FaultKind::kNotStored, Operation::kProgram));
+    lab.write_file("image.bin", "A");
+    lab.firmware().terminal().on_output([&](std::string_view text) {
+        if (text.find("Source(") != text.npos) {
+            lab.firmware().break_command();
+        }
+    });
+    EXPECT_TRUE(
+        lab.run("-wbf image.bin -addr 0 -y").text().ends_with("\nWrite file is fail!!\n\n"));
+}
+
 TEST(Break, ADumpHoldsNothingThatWasNotRead) {
     Lab lab;
     auto& chip = lab.kind(4);

@@ -118,8 +118,9 @@ bool program_blocks(QFU_ADAPTER& adapter, std::span<std::uint8_t> buffer,
         const std::uint32_t n = qfu_smaller(remaining, QFU_BLOCK_SIZE);
         const std::span<std::uint8_t> block = buffer.first(n);
         if (!read_image_block(request, block) || qfu_write_block(adapter, address, block) != 0) {
-            // A break cuts file and flash reads short, which is no fault of either.
-            return platform::break_requested();
+            // A break cuts file and flash reads short, which is no fault of either; one that comes
+            // behind a mismatch excuses nothing.
+            return platform::break_seen();
         }
         qfu_print("\rWrite address %5.8lx", address);
         address += n;
@@ -150,8 +151,7 @@ EFI_STATUS program(QFU_ADAPTER& adapter) {
     }
     // An adapter before this one may have read the image to its end. A break, which ends the file's
     // operations too, is no fault of the file.
-    const bool rewound =
-        qfu_fseek(request.file, QFU_SEEK::START) == 0 || platform::break_requested();
+    const bool rewound = qfu_fseek(request.file, QFU_SEEK::START) == 0 || platform::break_seen();
     std::uint32_t remaining = request.file_size;
     qfu_print(CLEAR_LINE);
     if (rewound) {

@@ -45,4 +45,8 @@ bool break_requested() {
     return s.break_seen;
 }
 
+bool break_seen() {
+    return system().break_seen;
+}
+
 } // namespace platform

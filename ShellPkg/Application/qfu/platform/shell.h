@@ -21,4 +21,8 @@ bool arguments(Arguments& out);
 /// run: the shell's event forgets a break as soon as it has been read.
 bool break_requested();
 
+/// True once `break_requested` has seen a break. Asks nobody, so that what failed for another
+/// reason is not excused by a break that came later.
+bool break_seen();
+
 } // namespace platform
