@@ -165,6 +165,7 @@ TEST_F(Files, EveryFailingCallHasItsMessage) {
     const Step steps[] = {
         {2, "Error line 1626. The file a.txt can't be deleted.\r\n"},
         {3, "Error line 1636. The file a.txt can't be created.\r\n"},
+        {4, "Error line 1626. The file a.txt can't be deleted.\r\n"},
         {7, "Error line 1613. The file a.txt can't be created.\r\n"},
     };
     for (const Step& step : steps) {
@@ -174,6 +175,11 @@ TEST_F(Files, EveryFailingCallHasItsMessage) {
         EXPECT_EQ(lab.printed(), step.message);
         lab.faults().file.fail(0);
     }
+    // Nothing old can show in a file that has always been empty.
+    lab.write_file("a.txt", "");
+    lab.faults().file.fail(lab.faults().file.calls() + 4);
+    EXPECT_TRUE(qfu_fopen("a.txt", "w"));
+    EXPECT_EQ(lab.printed(), "");
 }
 
 TEST_F(Files, GiveUpOnANameThatCanBeMadeButNotFound) {

@@ -11,6 +11,8 @@ using platform::FileEntry;
 using platform::FileHandle;
 using platform::FileName;
 
+constexpr char NOT_DELETED[] = "Error line %d. The file %s can't be deleted.\n";
+
 /// Widens `name`; the part of a name that no argument can have is cut.
 void widen(const char* name, FileName& out) {
     std::size_t length = 0;
@@ -29,7 +31,7 @@ bool create(const FileName& name) {
 /// Deletes the file that `list` holds, after closing it there. Prints why it fails.
 bool remove(QFU_FILE& list, const FileName& name) {
     if (list.close() != EFI_SUCCESS) {
-        platform::print("Error line %d. The file %s can't be deleted.\n", {1626, name.text});
+        platform::print(NOT_DELETED, {1626, name.text});
         return false;
     }
     FileHandle handle;
@@ -40,6 +42,16 @@ bool remove(QFU_FILE& list, const FileName& name) {
     // Whether it is gone shows when its list is opened again.
     handle.remove();
     return true;
+}
+
+/// True when the list's file holds bytes, or may hold some because nobody tells.
+bool has_contents(const QFU_FILE& list) {
+    const FileEntry* entry = list.first();
+    if (entry == nullptr || entry->Status != EFI_SUCCESS || platform::is_directory(*entry)) {
+        return false;
+    }
+    std::uint64_t size = 0;
+    return platform::size(*entry, size) != EFI_SUCCESS || size != 0;
 }
 
 QFU_FILE open_existing(const FileName& name) {
@@ -57,6 +69,7 @@ QFU_FILE open_or_create(const FileName& name, bool empty) {
     // was made cannot be opened must not keep us here.
     int creations = empty ? 2 : 1;
     bool deleted = !empty;
+    bool gone = !empty; // the name was not there any more behind the deletion
     QFU_FILE list;
     for (;;) {
         if (list.open(name, platform::ACCESS_READ_WRITE) != EFI_SUCCESS) {
@@ -65,7 +78,12 @@ QFU_FILE open_or_create(const FileName& name, bool empty) {
                                 {1613, name.text});
                 return {};
             }
+            gone = gone || deleted;
         } else if (deleted) {
+            if (!gone && has_contents(list)) {
+                platform::print(NOT_DELETED, {1626, name.text});
+                return {};
+            }
             return list;
         } else {
             if (!remove(list, name)) {
