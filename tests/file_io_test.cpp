@@ -19,8 +19,9 @@ struct Files : testing::Test {
 };
 
 TEST_F(Files, ReadsAnExistingFileFromItsStart) {
-    lab.write_file("a.txt", "hello");
-    QFU_FILE file = qfu_fopen("a.txt", "r");
+    lab.write_file("\xC4.txt", "hello");
+    chmod((lab.folder() / "\xC4.txt").c_str(), 0444);
+    QFU_FILE file = qfu_fopen("\xC4.txt", "r");
     ASSERT_TRUE(file);
     EXPECT_EQ(qfu_fsize(file), 5U);
     std::array<std::uint8_t, 4> buffer{};
@@ -114,12 +115,14 @@ TEST_F(Files, WildcardsUseTheFirstMatchIfItIsUsable) {
     lab.write_file("a.txt", "first");
     lab.write_file("b.txt", "second one");
     std::filesystem::create_directory(lab.folder() / "c.txt");
+    std::filesystem::create_directory(lab.folder() / "d.txt");
     QFU_FILE file = qfu_fopen("*.TXT", "r");
     ASSERT_TRUE(file);
     EXPECT_EQ(qfu_fsize(file), 5U);
     EXPECT_EQ(lab.printed(), "");
     EXPECT_FALSE(qfu_fopen("[cd].txt", "r"));
-    EXPECT_EQ(lab.printed(), "1525Error.c.txt is a directory.\r\n");
+    EXPECT_EQ(lab.printed(),
+              "1525Error.c.txt is a directory.\r\n1525Error.d.txt is a directory.\r\n");
     EXPECT_FALSE(qfu_fopen("x*", "r"));
     EXPECT_EQ(lab.printed(), "Error line 1605. The file x* did not open.\r\n");
 }
@@ -153,6 +156,9 @@ TEST_F(Files, SizesAreCutTo32Bits) {
     std::filesystem::resize_file(lab.folder() / "huge.bin", 5ULL << 30);
     QFU_FILE file = qfu_fopen("huge.bin", "r");
     EXPECT_EQ(qfu_fsize(file), 1U << 30);
+    // The file's information is asked for first.
+    lab.faults().file.fail(lab.faults().file.calls() + 2);
+    EXPECT_EQ(qfu_fsize(file), 0U);
 }
 
 TEST_F(Files, EveryFailingCallHasItsMessage) {

@@ -222,6 +222,19 @@ TEST(Program, AReadBackThatTimesOutShowsAsADifference) {
     EXPECT_NE(text.find("Write file is fail!!"), std::string::npos);
 }
 
+TEST(Program, GoesOnBehindAnEraseThatFailsAndShowsWhatCameOfIt) {
+    Lab lab;
+    auto& chip = lab.kind(4);
+    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    chip.faults().add(lab::fault(FaultKind::kIgnored, Operation::kSectorErase));
+    lab.write_file("image.bin", Bytes{0, 0, 0, 1});
+    const std::string text = lab.run("-wbf image.bin -addr 0 -y").text();
+    EXPECT_NE(text.find("\nTarget(0x0) Data=> \n"), std::string::npos) << text;
+    EXPECT_TRUE(text.ends_with("\nWrite file is fail!!\n\n"));
+    EXPECT_EQ(chip.count(Operation::kProgram), 4U);
+    lab.take_misuses(); // bits that programming cannot set
+}
+
 TEST(Commands, ApplyInTheirOrder) {
     Lab lab;
     auto& chip = lab.kind(1);
@@ -236,22 +249,25 @@ TEST(Commands, ApplyInTheirOrder) {
                     .text()
                     .ends_with("\rErase block 00003000\n"));
     EXPECT_EQ(chip.count(Operation::kProgram), 0U);
-    EXPECT_EQ(lab.run("-wpa -se -addr 0 -sz 1 -y").text(), "Wipe whole SPI-Flash Chip...Ok!\n");
+    EXPECT_EQ(lab.run("-wpa -se -addr 0 -sz 1 -phytest -p 0 -y").text(),
+              "Wipe whole SPI-Flash Chip...Ok!\n");
     // Requests that lack something do nothing.
     EXPECT_EQ(lab.run("-se -y").text(), "");
     EXPECT_EQ(lab.run("-rfb dump.bin -addr 0").text(), "");
     EXPECT_EQ(lab.run("-rfb dump.bin -sz 1").text(), "");
     EXPECT_EQ(lab.run("-wbf image.bin").text(),
               ">>The file name is image.bin and its size is 12288.\n");
-    EXPECT_EQ(lab.run("-se -addr 0 -y").text(), "please input -sz or a file -wbf!!\n");
+    EXPECT_EQ(lab.run("-se -addr 0").text(), "please input -sz or a file -wbf!!\n");
 }
 
 TEST(Commands, ReportASlotWithoutAChip) {
     Lab lab;
     lab.adapter(0xC709);
-    const auto run = lab.run("-wpa -y");
-    EXPECT_TRUE(run.text().ends_with("No support dev inteface...\n"));
-    EXPECT_EQ(run.status, EFI_SUCCESS);
+    for (const char* line : {"-wpa -y", "-phytest -p 0"}) {
+        const auto run = lab.run(line);
+        EXPECT_TRUE(run.text().ends_with("No support dev inteface...\n"));
+        EXPECT_EQ(run.status, EFI_SUCCESS);
+    }
 }
 
 TEST(Wipe, ReportsAChipThatDoesNotErase) {
@@ -268,6 +284,18 @@ TEST(Dump, OfNothingLeavesAnEmptyFile) {
     EXPECT_EQ(lab.run("-rfb dump.bin -addr 0 -sz 0").text(),
               kBlank + "\n\nRead file is successful!!\n");
     EXPECT_EQ(lab.read_file("dump.bin"), Bytes{});
+}
+
+TEST(Dump, IsNotCutAtTheEndOfTheChip) {
+    Lab lab;
+    lab.kind(1).contents()[0x7FFFF] = 7;
+    EXPECT_TRUE(lab.run("-rfb dump.bin -addr 0x7ffff -sz 0x1001")
+                    .text()
+                    .ends_with("\rRead address 00080fff\n\nRead file is successful!!\n"));
+    const Bytes dump = lab.read_file("dump.bin");
+    EXPECT_EQ(dump.size(), 0x1001U);
+    EXPECT_EQ(dump[0], 7);
+    lab.take_misuses(); // addresses that the chip does not have
 }
 
 TEST(Dump, OfSeveralAdaptersGoesIntoOneFile) {

@@ -82,6 +82,9 @@ class Lab {
     Outcome run(std::string_view arguments, std::string_view keys = "");
     Outcome run(const std::vector<std::string>& arguments, std::string_view keys = "");
 
+    /// Lets the user press this key only after having been asked for it many times.
+    void press_late(char key);
+
     /// Prepares for calls of single routines: starts the firmware and attaches the program to it.
     void attach();
 

@@ -170,7 +170,8 @@ struct Three {
 
 TEST(Choice, PromptsAmongSeveralAndRunsTheOneWhoseKeyIsPressed) {
     Three three;
-    const Outcome run = three.lab.run("-wpa -y", "1");
+    three.lab.press_late('1');
+    const Outcome run = three.lab.run("-wpa -y");
     EXPECT_EQ(run.text(), "0. VenId=1e5d, DevId=c705 => Bus=0, Dev=3, Fun=0\n"
                           "1. VenId=1e5d, DevId=c709 => Bus=0, Dev=2, Fun=0\n"
                           "2. VenId=1e5d, DevId=c70f => Bus=0, Dev=4, Fun=0\n"

@@ -36,14 +36,6 @@ namespace {
 
 constexpr std::string_view kVolume = "FS0:";
 
-std::string narrow(const CHAR16* text) {
-    std::string result;
-    for (; *text != 0; ++text) {
-        result.push_back(static_cast<char>(*text & 0xFF));
-    }
-    return result;
-}
-
 /// The text in UCS-2 with its terminating zero.
 std::vector<CHAR16> widen(std::string_view text) {
     std::vector<CHAR16> result;
@@ -192,6 +184,17 @@ ShellFiles::~ShellFiles() {
     for (const auto& file : files_) {
         ::close(file->descriptor);
     }
+}
+
+std::string ShellFiles::narrow(const CHAR16* name) const {
+    std::string result;
+    for (; *name != 0; ++name) {
+        if (*name > 0xFF) {
+            journal_->misuse("shell: a file name with a character above FF");
+        }
+        result.push_back(static_cast<char>(*name & 0xFF));
+    }
+    return result;
 }
 
 std::string ShellFiles::absolute(std::string path) const {
@@ -470,6 +473,7 @@ EFI_STATUS ShellFiles::size(SHELL_FILE_HANDLE handle, std::uint64_t* size) {
         return EFI_INVALID_PARAMETER;
     }
     if (fault_->strikes()) {
+        *size = 0x5A5A5A5A; // nobody promises what a failed call leaves
         return EFI_DEVICE_ERROR;
     }
     *size = size_of(*file);

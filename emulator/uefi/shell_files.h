@@ -52,6 +52,7 @@ class ShellFiles {
     struct Entry;
     struct List;
 
+    std::string narrow(const CHAR16* name) const;
     std::string absolute(std::string path) const;
     std::filesystem::path host_path(const std::string& volume_path) const;
     std::vector<std::string> matches(const std::string& pattern) const;

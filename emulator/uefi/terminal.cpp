@@ -18,6 +18,9 @@ void Terminal::print(const std::uint16_t* text) {
     }
     const std::size_t start = transcript_.size();
     for (; *text != 0; ++text) {
+        if (*text > 0xFF) {
+            journal_->misuse("console: a character above FF printed");
+        }
         transcript_.push_back(static_cast<char>(*text & 0xFF));
     }
     if (listener_) {
