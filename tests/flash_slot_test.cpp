@@ -2,7 +2,6 @@
 
 #include "context.h"
 #include "lab.h"
-#include "spi_flash.h"
 
 #include <gtest/gtest.h>
 
@@ -53,25 +52,6 @@ TEST(MemoryAccess, AFailedReadGivesThePattern) {
     EXPECT_EQ(qfu_mem_read32(adapter.root_bridge, adapter.reg_base + 0xAC), 0x5A5A5A5AU);
     EXPECT_EQ(qfu_mem_read32(adapter.root_bridge, 0x1000), 0x5A5A5A5AU);
     EXPECT_NE(qfu_mem_write32(adapter.root_bridge, 0x1000, 0), EFI_SUCCESS);
-}
-
-TEST(Detection, AnInterfaceThatNothingServesHasNoOperations) {
-    Lab lab;
-    lab.attach();
-    for (const auto detect : {qfu_spi_detect, qfu_nor_detect}) {
-        QFU_CONTEXT context{};
-        QFU_ADAPTER adapter{};
-        adapter.context = &context;
-        adapter.flash_if = 3;
-        adapter.reg_base = 1;
-        for (QFU_FLASH_SLOT& slot : adapter.slot) {
-            qfu_spiflash_install(slot);
-        }
-        EXPECT_EQ(detect(adapter), QFU_FAILED);
-        EXPECT_EQ(adapter.reg_base, 0U);
-        EXPECT_EQ(adapter.slot[detect == qfu_nor_detect ? 0 : 1].probe, nullptr);
-    }
-    EXPECT_EQ(lab.printed(), "");
 }
 
 TEST(Selection, FollowsCsidThenDetectionThenTheInterface) {

@@ -1,6 +1,7 @@
 #include "lab.h"
 
 #include "console.h"
+#include "discover.h"
 #include "image.h"
 #include "platform/system.h"
 #include "source.h"

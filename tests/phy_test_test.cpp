@@ -1,5 +1,6 @@
 #include "phy_test.h"
 
+#include "discover.h"
 #include "lab.h"
 
 #include <algorithm>

@@ -89,16 +89,6 @@ void qfu_spireg_write_bar2(QFU_ADAPTER& adapter, std::uint32_t reg, std::uint32_
 std::uint32_t qfu_spireg_read_bar0(QFU_ADAPTER& adapter, std::uint32_t reg);
 void qfu_spireg_write_bar0(QFU_ADAPTER& adapter, std::uint32_t reg, std::uint32_t value);
 
-/// Detect routine of adapters with SPI flash alone: sets the register base, fills slot 1 and
-/// identifies its chip. Prints when there is none.
-/// @returns 0, or QFU_FAILED for an interface kind without SPI flash
-std::uint32_t qfu_spi_detect(QFU_ADAPTER& adapter);
-
-/// Detect routine of adapters with NOR flash beside SPI flash: fills slot 1, then slot 0. Prints
-/// when a slot has no chip.
-/// @returns 0, or QFU_FAILED for an interface kind without NOR flash
-std::uint32_t qfu_nor_detect(QFU_ADAPTER& adapter);
-
 /// Selects the adapter's slot: the one that the request names with `-csid`, else the one that
 /// detection left, else the interface kind's own (kind 2: slot 0, others: slot 1).
 /// @returns the slot, now the adapter's `current_slot`

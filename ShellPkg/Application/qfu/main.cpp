@@ -1,10 +1,10 @@
 #include "main.h"
 
-#include "adapter.h"
 #include "bounds.h"
 #include "cmdline.h"
 #include "console.h"
 #include "context.h"
+#include "discover.h"
 #include "flash_cmd.h"
 #include "platform/pool.h"
 #include "platform/shell.h"

@@ -1,6 +1,7 @@
-#include "adapter.h"
+#include "discover.h"
 
 #include "context.h"
+#include "detect.h"
 #include "platform/shell.h"
 
 namespace {

@@ -1,6 +1,7 @@
-#include "adapter.h"
+#include "discover.h"
 
 #include "context.h"
+#include "detect.h"
 #include "lab.h"
 
 #include <gtest/gtest.h>
