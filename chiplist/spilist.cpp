@@ -5,6 +5,7 @@
 #include "show.h"
 #include "source.h"
 #include "support/input_error.h"
+#include "support/version.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -229,6 +230,7 @@ int main(int argc, char** argv) try {
                  "The exit status is 0, 1 when there is something to report, 2 when a command or "
                  "file cannot be used."};
     app.require_subcommand(1);
+    app.set_version_flag("--version", support::version_line("spilist"));
     Options options;
 
     CLI::App* build = app.add_subcommand("build", "make a list file from its source");
@@ -251,6 +253,7 @@ int main(int argc, char** argv) try {
     diff->add_option("other", options.other, "other list")->required();
     match->add_option("id", options.id, "what the chip answers, \"EF 40 16\" or 0x1640EF")
         ->required();
+    app.footer("Example:\n  spilist build chips.toml -o spilist.bin");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

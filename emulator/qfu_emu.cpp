@@ -3,6 +3,7 @@
 #include "keyboard.h"
 #include "machine_file.h"
 #include "report.h"
+#include "support/version.h"
 
 #include <CLI/CLI.hpp>
 #include <atomic>
@@ -121,6 +122,7 @@ int main(int argc, char** argv) try {
     app.add_option("arguments", options.arguments, "arguments of qfu, behind --");
     app.footer("Example:\n  qfu-emu --machine emulator/machines/indexed.toml --dir work -- "
                "-wbf image.bin -addr 0 -y");
+    app.set_version_flag("--version", support::version_line("qfu-emu"));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -3,6 +3,7 @@
 #include "qemu_bridge.h"
 #include "report.h"
 #include "support/input_error.h"
+#include "support/version.h"
 
 #include <CLI/CLI.hpp>
 #include <cstring>
@@ -68,12 +69,17 @@ int run(const Options& options) {
 int main(int argc, char** argv) try {
     CLI::App app{
         "Runs QEMU with a machine file's adapters in the guest. The guest's memory must be "
-        "shared (memory-backend-memfd)."};
+        "shared (memory-backend-memfd).\n"
+        "The exit status is QEMU's, or 2 when QEMU or the machine file cannot be used."};
     Options options;
     app.add_option("--machine", options.machine, "machine file (TOML)")->required();
     app.add_option("--log", options.log,
                    "file that receives what happens on the flash bus and in the PHY test block");
     app.add_option("command", options.command, "QEMU and its arguments, behind --")->required();
+    app.set_version_flag("--version", support::version_line("qfu-qemu"));
+    app.footer("Example:\n  qfu-qemu --machine emulator/machines/two.toml -- qemu-system-x86_64 "
+               "-machine q35,memory-backend=m0 -m 256 "
+               "-object memory-backend-memfd,id=m0,size=256M,share=on");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
