@@ -1,0 +1,13 @@
+# Brings all that the folder is made of up to date, so that an old program never gets onto a stick.
+function(run_cmake)
+    execute_process(COMMAND ${CMAKE_COMMAND} ${ARGN} WORKING_DIRECTORY ${QFU_SOURCE}
+        OUTPUT_VARIABLE output ERROR_VARIABLE output RESULT_VARIABLE status)
+    if(NOT status EQUAL 0)
+        list(JOIN ARGN " " words)
+        message(FATAL_ERROR "${output}\n\"cmake ${words}\" failed in ${QFU_SOURCE}. Nothing was installed.")
+    endif()
+endfunction()
+
+run_cmake(--preset efi)
+run_cmake(--build --preset efi)
+run_cmake(--build ${QFU_BUILD} --target chip_list_file man_file)
