@@ -8,6 +8,7 @@ function(run_cmake)
     endif()
 endfunction()
 
+message(STATUS "Building what the folder is made of")
 run_cmake(--preset efi)
 run_cmake(--build --preset efi)
 run_cmake(--build ${QFU_BUILD} --target chip_list_file man_file)
