@@ -1,15 +1,17 @@
 # Writes the folder, whole or not at all: every file is first copied beside its place, and takes it only
-# when all are there. Files that a person has put into the folder stay.
+# when all are there. Files that a person has put into the folder stay. QFU_BUILD is the build tree.
+include(${QFU_BUILD}/dist/parts.cmake)
 set(folder "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}")
 set(next "${folder}/qfu.new")
 
+# Gives up, with all words behind it as the reason, unless a file operation had the result 0.
 function(check result)
     if(NOT result EQUAL 0)
         file(REMOVE_RECURSE "${next}")
         if(is_new)
             file(REMOVE_RECURSE "${folder}")
         endif()
-        message(FATAL_ERROR "${ARGN}: ${result}. Nothing was installed.")
+        message(FATAL_ERROR "${ARGN}: ${result}")
     endif()
 endfunction()
 
@@ -31,12 +33,12 @@ set(QFU_PART_SHA256SUMS "${QFU_BUILD}/dist/SHA256SUMS")
 file(MAKE_DIRECTORY "${next}/fast")
 foreach(name IN LISTS QFU_PARTS ITEMS SHA256SUMS)
     file(COPY_FILE "${QFU_PART_${name}}" "${next}/${name}" RESULT result)
-    check("${result}" "${QFU_PART_${name}} cannot be copied to ${folder}")
+    check("${result}" "Nothing was installed. ${QFU_PART_${name}} cannot be copied to ${folder}")
 endforeach()
 file(MAKE_DIRECTORY "${folder}/fast")
 foreach(name IN LISTS QFU_PARTS ITEMS SHA256SUMS)
     file(RENAME "${next}/${name}" "${folder}/${name}" RESULT result)
-    check("${result}" "${folder}/${name} cannot be written")
+    check("${result}" "The folder is not whole, install it again. ${folder}/${name} cannot be written")
 endforeach()
 file(REMOVE_RECURSE "${next}")
 message(STATUS "Installed: ${folder}")
