@@ -86,6 +86,7 @@ TEST(Parser, KeepsTheLowBitsOfNumbersThatAreTooLarge) {
     EXPECT_EQ(slot.status, EFI_SUCCESS);
     EXPECT_EQ(slot.context.chip_select, 0);
     EXPECT_EQ(Parse("-t 65537").context.phy_time, 1);
+    EXPECT_EQ(Parse("-cvid 0x91E5D").context.vendor_filter, 0x1E5D);
 }
 
 TEST(Parser, EmptyValuesCountAsZero) {
@@ -136,9 +137,7 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"-addr 0x1 -sz 4k", "The size value isn't a Dec(4k)."},
         Refusal{"-sz 0x4k", "The size value isn't a Hex(0x4k)."},
         Refusal{"-addr 12AB", "The address value isn't a Dec(12AB)."},
-        Refusal{"-addr 0x12AX", "The address value isn't a Hex(0x12AX)."},
-        // Only the first error in the order of evaluation counts.
-        Refusal{"-sz x -addr x -adid x -t x", "The time isn't a Dec(x)."}));
+        Refusal{"-addr 0x12AX", "The address value isn't a Hex(0x12AX)."}));
 
 INSTANTIATE_TEST_SUITE_P(MissingValues, Refused,
                          testing::Values(Refusal{"-p", "The Port ID isn't a Dec(<NULL>)."},
@@ -147,6 +146,27 @@ INSTANTIATE_TEST_SUITE_P(MissingValues, Refused,
                                          Refusal{"-addr", "The address value isn't a Dec(<NULL>)."},
                                          Refusal{"-wbf", "-if:The <NULL> file can't open."},
                                          Refusal{"-rfb", ">>The <NULL> file can't open."}));
+
+TEST(Parser, ReportsTheFirstErrorInItsOwnOrderOfEvaluation) {
+    const Refusal order[] = {
+        {"-p y",    "The Port ID isn't a Dec(y)."              },
+        {"-r y",    "The phy rate isn't a Dec(y)."             },
+        {"-n y",    "Invalid pattern select, "                 },
+        {"-t y",    "The time isn't a Dec(y)."                 },
+        {"-adid y", "The Adapter ID isn't a Dec(y)."           },
+        {"-cvid y", "*The Vendor ID isn't a Hex(y)."           },
+        {"-cdid y", "*The Device ID isn't a Hex(y)."           },
+        {"-csid y", "*The CS ID isn't a Hex(y)."               },
+        {"-addr y", "The address value isn't a Dec(y)."        },
+        {"-sz y",   "The size value isn't a Dec(y)."           },
+        {"-wbf y",  "Error line 1605. The file y did not open."},
+    };
+    std::string line;
+    for (std::size_t i = std::size(order); i > 0; --i) {
+        line += std::string(" ") + order[i - 1].line;
+        EXPECT_TRUE(Parse(line).printed.starts_with(order[i - 1].message)) << line;
+    }
+}
 
 TEST(Parser, RefusesValuesThatAreLongerThan23Characters) {
     EXPECT_EQ(Parse(std::string("-addr ") + (kDigits24 + 1)).context.address, 1U);
@@ -165,11 +185,21 @@ TEST(Parser, NeverReadsBehindTheLastArgument) {
 TEST(Parser, OpensTheFirstOfTheFilesThatItIsGiven) {
     Lab lab;
     lab.kind(1);
-    lab.write_file("image.bin", std::string(300, 'x'));
-    const auto run = lab.run("-rfb dump.bin -wbf image.bin -addr 0x80000 -getparm p.nsh");
-    EXPECT_EQ(run.text().substr(0, 51), ">>The file name is image.bin and its size is 300.\nA");
+    lab.write_file("a-name-of-many-letters.bin", std::string(300, 'x'));
+    const auto run =
+        lab.run("-rfb dump.bin -wbf a-name-of-many-letters.bin -addr 0x80000 -getparm p.nsh");
+    EXPECT_TRUE(run.text().starts_with(
+        ">>The file name is a-name-of-many-letters.bin and its size is 300.\nA"));
     EXPECT_FALSE(lab.exists("dump.bin"));
     EXPECT_FALSE(lab.exists("p.nsh"));
+}
+
+TEST(Parser, LeavesFilesAloneWhenAValueIsBad) {
+    Lab lab;
+    lab.write_file("backup.bin", "kept");
+    lab.run("-rfb backup.bin -addr 12G");
+    lab.run("-getparm backup.bin -adid x");
+    EXPECT_EQ(lab.read_text("backup.bin"), "kept");
 }
 
 TEST(Parser, NamesFilesThatDoNotOpen) {

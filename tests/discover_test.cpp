@@ -33,7 +33,9 @@ TEST(Table, HasTheRowsOfEveryFamily) {
     const auto table = qfu_supported_adapters();
     ASSERT_EQ(table.size(), 23U);
     // Read against the emulator's own list of models.
-    for (const QFU_DEVICE_ENTRY& row : table) {
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        const QFU_DEVICE_ENTRY& row = table[i];
+        EXPECT_EQ(row.device_id, 0xC701 + i) << "adapters are numbered in this order";
         const auto* model = emulator::find_adapter_model(row.vendor_id, row.device_id);
         ASSERT_NE(model, nullptr);
         EXPECT_EQ(row.generation, model->generation);
@@ -60,11 +62,13 @@ TEST(Discovery, GoesByRowsThenByBusAndDevice) {
     EXPECT_EQ(d.context.adapters[3].index, 3);
 }
 
-TEST(Discovery, LooksAtFunction0OfSixteenDevicesOnSixtyFourBuses) {
+TEST(Discovery, LooksAtFunction0OfSixteenDevicesOnSixtyFourBusesAndAtBothIds) {
     Discovery d;
     d.lab.adapter_at({64, 0, 0}, 0xC709);
     d.lab.adapter_at({0, 16, 0}, 0xC709);
     d.lab.adapter_at({0, 2, 1}, 0xC709);
+    const emulator::AdapterModel foreign{0x1F7E, 0xC709, emulator::Interface::kIndexed, 3, 2};
+    d.lab.machine().add(foreign, {0, 3, 0}, 0x11);
     EXPECT_EQ(d.found(), Devices{});
 }
 

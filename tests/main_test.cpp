@@ -153,7 +153,9 @@ struct Three {
 
     Three() {
         for (const unsigned device : {0xC709U, 0xC705U, 0xC70FU}) {
-            chips.push_back(&lab.chip(lab.adapter(static_cast<std::uint16_t>(device)), "W25X40"));
+            const emulator::PciAddress at{0x1A, static_cast<std::uint8_t>(0xA + chips.size()), 0};
+            chips.push_back(
+                &lab.chip(lab.adapter_at(at, static_cast<std::uint16_t>(device)), "W25X40"));
             chips.back()->contents()[0] = 0;
         }
     }
@@ -172,9 +174,9 @@ TEST(Choice, PromptsAmongSeveralAndRunsTheOneWhoseKeyIsPressed) {
     Three three;
     three.lab.press_late('1');
     const Outcome run = three.lab.run("-wpa -y");
-    EXPECT_EQ(run.text(), "0. VenId=1e5d, DevId=c705 => Bus=0, Dev=3, Fun=0\n"
-                          "1. VenId=1e5d, DevId=c709 => Bus=0, Dev=2, Fun=0\n"
-                          "2. VenId=1e5d, DevId=c70f => Bus=0, Dev=4, Fun=0\n"
+    EXPECT_EQ(run.text(), "0. VenId=1e5d, DevId=c705 => Bus=1a, Dev=b, Fun=0\n"
+                          "1. VenId=1e5d, DevId=c709 => Bus=1a, Dev=a, Fun=0\n"
+                          "2. VenId=1e5d, DevId=c70f => Bus=1a, Dev=c, Fun=0\n"
                           "The total of Adapter are 3.\n"
                           "Please choose one(0 ~ 2; Q: Exit):1\n"
                           "Wipe whole SPI-Flash Chip...Ok!\n");
@@ -207,9 +209,11 @@ TEST(Choice, AdidNamesOneAllOrNone) {
     }
     {
         Three three;
-        const Outcome run = three.lab.run("-wpa -y -adid 5");
-        EXPECT_EQ(run.text(), "");
-        EXPECT_EQ(run.status, EFI_SUCCESS);
+        for (const char* line : {"-wpa -y -adid 3", "-wpa -y -adid 5"}) {
+            const Outcome run = three.lab.run(line);
+            EXPECT_EQ(run.text(), "");
+            EXPECT_EQ(run.status, EFI_SUCCESS);
+        }
     }
     Three three;
     three.lab.cycles();
@@ -227,11 +231,14 @@ TEST(Choice, AScriptForANamedAdapterComesBeforeListingAndPrompt) {
     // Adapter 1 runs at once: its wipe wins over the script, but no listing and no prompt appear.
     const Outcome run = three.lab.run("-getparm p.nsh -adid 1 -l -wpa -y");
     EXPECT_EQ(run.text(), "Wipe whole SPI-Flash Chip...Ok!\n");
+    Three all;
+    all.lab.run("-getparm p.nsh -adid ALL -wpa -y");
+    EXPECT_EQ(all.wiped(), "x--") << "a script is for one adapter";
 }
 
 TEST(Listing, ShowsAdaptersAndChipsAndRunsNothing) {
     Lab lab;
-    lab.chip(lab.adapter_at({2, 0x0A, 0}, 0xC709), "W25Q32").contents()[0] = 0;
+    lab.chip(lab.adapter_at({0x2B, 0x0A, 0}, 0xC709), "W25Q32").contents()[0] = 0;
     lab.adapter_at({0, 3, 0}, 0xC702, 0x1F7E, 0x02);
     lab.write_file("image.bin", "x");
     const Outcome run = lab.run("-l -wbf image.bin -addr 0 -y");
@@ -240,7 +247,7 @@ TEST(Listing, ShowsAdaptersAndChipsAndRunsNothing) {
               ">>The file name is image.bin and its size is 1.\n"
               "\nNo found any SPI Flash dev...1327\n"
               "00. VenId=1f7e, DevId=c702, ClassCode=1040002, 2 ports [Bus=0, Dev=3, Fun=0]\n"
-              "01. VenId=1e5d, DevId=c709, ClassCode=1040011, 2 ports [Bus=2, Dev=A, Fun=0]\n"
+              "01. VenId=1e5d, DevId=c709, ClassCode=1040011, 2 ports [Bus=2B, Dev=A, Fun=0]\n"
               "    cs1:SPI FLASH Chip Whole Size=400000, ID[EF 40 16].\n");
     EXPECT_EQ(lab.machine().adapter(0).spi().chip()->contents()[0], 0);
 }

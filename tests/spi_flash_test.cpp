@@ -111,6 +111,8 @@ TEST(SpiWrite, GoesByteByByteAndSendsNothingForNothing) {
     EXPECT_EQ(o.slot().write(adapter, 0xFFE, data.data(), 3), 0U);
     EXPECT_EQ(o.chip.count(Operation::kProgram), 3U) << "0xFF is programmed like any other byte";
     EXPECT_EQ(o.chip.contents()[0x1000], 0x02);
+    o.chip.faults().add(lab::fault(FaultKind::kIgnored, Operation::kProgram));
+    EXPECT_EQ(o.slot().write(adapter, 0, data.data(), 1), 0U) << "the latch may stay set";
 }
 
 TEST(SpiRead, TakesWholePiecesAtMultiplesOfFour) {
@@ -202,6 +204,8 @@ TEST(SpiEraseRange, ErasesEverySectorThatHoldsAByte) {
     EXPECT_EQ(sectors(0x7F000, 0x30000), 1U) << "stops at the end of the chip";
     EXPECT_EQ(sectors(0x1000, 0xFFFFFFFF), 0U) << "the end is a 32-bit sum";
     EXPECT_EQ(sectors(0xFFFFFFFF, 0xFFFFFFFF), 0U);
+    o.lab.faults().break_query.fail(o.lab.faults().break_query.calls() + 2);
+    EXPECT_EQ(sectors(0, 0x5000), 1U) << "a break is asked for before each";
 }
 
 TEST(SpiEraseRange, EndsOnABreakWithSuccessAndOnAFailureWithout) {
@@ -269,9 +273,9 @@ TEST_P(SpiTimeout, IsBoundedAndHasItsMessage) {
     o.lab.take_misuses(); // a new command while the old one hangs
 }
 
-void write_one(Operations& o, QFU_ADAPTER& adapter) {
-    const std::uint8_t byte = 0x55;
-    EXPECT_EQ(o.slot().write(adapter, 0, &byte, 1), QFU_FAILED);
+void write_two(Operations& o, QFU_ADAPTER& adapter) {
+    const std::array<std::uint8_t, 2> bytes{0x55, 0x66};
+    EXPECT_EQ(o.slot().write(adapter, 0, bytes.data(), 2), QFU_FAILED) << "at the first";
 }
 void erase_sector(Operations& o, QFU_ADAPTER& adapter) {
     EXPECT_EQ(o.slot().erase_sector(adapter, 0), QFU_FAILED);
@@ -295,15 +299,20 @@ using enum Operation;
 // A limit of N polls is N times 10 us; a sector erase pauses for 100 ms besides.
 constexpr Hang kHangs[] = {
     {kControllerBusy, kReadStatus,  read_status,  "366 timeout\r\n",                         1'000'000  },
-    {kControllerBusy, kWriteEnable, write_one,    "write enable failed,flash status 2.\r\n",
+    {kControllerBusy, kWriteEnable, write_two,    "write enable failed,flash status 2.\r\n",
      2'000'000                                                                                          },
-    {kControllerBusy, kProgram,     write_one,    "1111 timeout...\r\n",                     2'000'000  },
+    {kControllerBusy, kWriteEnable, erase_sector, "write enable failed,flash status 2.\r\n",
+     2'000'000                                                                                          },
+    {kControllerBusy, kWriteEnable, erase_chip,   "write enable failed,flash status 2.\r\n",
+     2'000'000                                                                                          },
+    {kControllerBusy, kProgram,     write_two,    "1111 timeout...\r\n",                     2'000'000  },
     {kControllerBusy, kSectorErase, erase_sector, "866 timeout\r\n",                         1'000'000  },
     {kControllerBusy, kBlockErase,  erase_block,  "909 timeout\r\n",                         1'000'000  },
     {kControllerBusy, kChipErase,   erase_chip,   "970 timeout\r\n",                         1'000'000  },
-    {kIgnored,        kWriteEnable, write_one,    "440...\r\n",                              30'000'000 },
-    {kNeverReady,     kProgram,     write_one,    "write failed,flash status 1.\r\n",        3'000'000  },
+    {kNeverReady,     kWriteEnable, write_two,    "440...\r\n",                              30'000'000 },
+    {kNeverReady,     kProgram,     write_two,    "write failed,flash status 1.\r\n",        3'000'000  },
     {kNeverReady,     kSectorErase, erase_sector, "",                                        10'100'000 },
+    {kIgnored,        kSectorErase, erase_sector, "",                                        10'100'000 },
     {kNeverReady,     kBlockErase,  erase_block,  "",                                        10'100'000 },
     {kNeverReady,     kChipErase,   erase_chip,   "",                                        100'000'000},
 };
@@ -315,7 +324,10 @@ TEST(SpiStatus, APollGoesOnBehindAReadThatFails) {
     auto fault = lab::fault(FaultKind::kControllerBusy, Operation::kReadStatus);
     fault.times = 2;
     o.chip.faults().add(fault);
+    const std::uint64_t start = o.lab.clock().now_ns();
     EXPECT_EQ(qfu_spiflash_wait_status(adapter, 3, 0, 5), 0U);
+    EXPECT_EQ((o.lab.clock().now_ns() - start) / 1000, 2U * (1'000'000 + 10))
+        << "100000 polls and a stall, twice";
     EXPECT_EQ(o.lab.printed(), "366 timeout\r\n391...\r\n366 timeout\r\n391...\r\n");
     EXPECT_EQ(qfu_spiflash_wait_status(adapter, 3, 2, 5), QFU_FAILED);
     o.lab.take_misuses();
@@ -381,8 +393,19 @@ TEST(SpiLookup, TakesAnAnswerOfZeroForNoChipEvenForARecordThatMatchesAll) {
     EXPECT_EQ(o.lab.printed(), "\r\nNo found any SPI Flash dev...1327\r\n");
 }
 
+TEST(SpiLookup, EndsWithTheFirstRecordOfSizeZero) {
+    Operations o(4);
+    QFU_ADAPTER& adapter = o.ready();
+    QFU_CHIP_LIST list = *o.context.chip_list;
+    list.records[0].whole_size = 0;
+    list.id_opcodes[1] = 0;
+    o.context.chip_list = &list;
+    EXPECT_EQ(qfu_spiflash_lookup(adapter), nullptr);
+}
+
 TEST(SpiUnlock, ClearsStatusThenAsksEverySector) {
-    Operations o(1, "AT25DF041A");
+    // With the times of the part, so that it is busy behind the status write.
+    Operations o(1, "AT25DF041A", {});
     o.discover();
     std::string expected = "0.cs1  9F         < 1F 44 01 1F  read id\n"
                            "0.cs1  06                        write enable\n"
@@ -442,6 +465,32 @@ TEST(SpiUnlock, GivesUpOnAControllerThatHangsInTheUnprotect) {
     EXPECT_EQ(qfu_spiflash_unprotect_sector(adapter, 0), QFU_FAILED);
     EXPECT_EQ(o.lab.printed(), "");
     EXPECT_EQ(o.lab.clock().now_ns() - start, kSecond) << "100000 polls";
+
+    Operations closed(1, "AT25DF041A");
+    QFU_ADAPTER& latch = closed.ready();
+    closed.chip.protect_all_sectors();
+    closed.chip.faults().add(lab::fault(FaultKind::kControllerBusy, Operation::kWriteEnable));
+    EXPECT_EQ(qfu_spiflash_unprotect_sector(latch, 0), QFU_FAILED);
+    EXPECT_EQ(closed.chip.count(Operation::kUnprotectSector), 0U);
+    closed.lab.printed();
+    closed.lab.take_misuses();
+}
+
+/// Sets one bit that no chip sends in what the data register gives, unless the value is `keep`.
+template <std::uint32_t keep>
+std::uint32_t read_with_stray_bit(QFU_ADAPTER& adapter, std::uint32_t reg) {
+    const std::uint32_t value = qfu_spireg_read_indexed(adapter, reg);
+    return reg != QFU_SPI_DATA_OUT || value == keep ? value : value | 0x100;
+}
+
+TEST(SpiUnlock, WaitsForTheWholeDataRegisterToBeZero) {
+    Operations o(1, "AT25DF041A");
+    QFU_ADAPTER& adapter = o.ready();
+    o.chip.protect_all_sectors();
+    o.slot().reg_read = read_with_stray_bit<2>; // the status with the latch set stays as it is
+    const std::uint64_t start = o.lab.clock().now_ns();
+    EXPECT_EQ(qfu_spiflash_unprotect_sector(adapter, 0), 0U);
+    EXPECT_EQ(o.lab.clock().now_ns() - start, kSecond) << "100000 queries";
 }
 
 TEST(SpiUnlock, SendsTheWindowsOwnWords) {
@@ -474,12 +523,34 @@ TEST(SpiUnlock, LooksAtTheLowByteOfTheFirstAnswer) {
     EXPECT_EQ(o.lab.take_misuses().size(), 1U) << "opcode 36 without write enable";
 }
 
+/// What a chip of maker BF answers to the reader below.
+std::uint32_t answer = 0;
+
+std::uint32_t read_with_other_id(QFU_ADAPTER& adapter, std::uint32_t reg) {
+    const std::uint32_t value = qfu_spireg_read_indexed(adapter, reg);
+    return (value & 0xFF) == 0xBF ? answer : value;
+}
+
 TEST(SpiUnlock, IsDecidedByTheWholeIdentification) {
     Operations status_only(1, "SST25VF040B");
     status_only.discover();
     EXPECT_EQ(status_only.chip.count(Operation::kWriteStatus), 1U);
     EXPECT_EQ(status_only.chip.count(Operation::kUnknown), 0U) << "no protection queries";
     EXPECT_EQ(status_only.chip.status(), 0);
+
+    for (const std::uint8_t second : Bytes{0x25, 0x8D, 0x26}) {
+        Operations two_bytes(1, "SST25VF040B");
+        QFU_ADAPTER& adapter = two_bytes.ready();
+        QFU_CHIP_LIST short_list = *two_bytes.context.chip_list;
+        short_list.records[0] = *static_cast<const QFU_CHIP_ENTRY*>(two_bytes.slot().chip);
+        short_list.records[0].id_len = 2;
+        short_list.records[0].id_bytes[1] = second;
+        two_bytes.context.chip_list = &short_list;
+        answer = 0xBF | std::uint32_t{second} << 8;
+        two_bytes.slot().reg_read = read_with_other_id;
+        two_bytes.slot().probe(adapter);
+        EXPECT_EQ(two_bytes.chip.count(Operation::kWriteStatus), second == 0x26 ? 1U : 2U);
+    }
 
     chiplist::ChipList list{1, 1, {0x9F}, {}};
     QFU_CHIP_ENTRY whole{};
@@ -515,6 +586,12 @@ TEST(SpiEraseChip, AsksTheSectorsOfItsMakerFirst) {
     EXPECT_EQ(o.slot().erase_chip(adapter), 0U);
     EXPECT_EQ(o.chip.count(Operation::kQueryProtection), 22U);
     EXPECT_EQ(o.chip.count(Operation::kUnprotectSector), 0U);
+    QFU_CHIP_ENTRY longer = *static_cast<const QFU_CHIP_ENTRY*>(o.slot().chip);
+    longer.id_len = 3;
+    longer.id_bytes[2] = 0x01;
+    o.slot().chip = &longer;
+    EXPECT_EQ(o.slot().erase_chip(adapter), 0U);
+    EXPECT_EQ(o.chip.count(Operation::kQueryProtection), 33U) << "the first byte decides";
 }
 
 TEST(ProtectionSectors, HaveElevenBases) {

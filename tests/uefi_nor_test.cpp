@@ -81,6 +81,21 @@ TEST(NorProbe, SetsUpWindowAndInterfaceAndIdentifiesInTheFixedOrder) {
     EXPECT_EQ(n.lab.printed(), "\r\nNo found any SPI Flash dev...1327\r\n");
 }
 
+TEST(NorRegisters, KeepTheirOtherBits) {
+    Nor n;
+    QFU_ADAPTER& adapter = n.ready();
+    qfu_mem_write32(adapter.root_bridge, adapter.reg_base + 0x10100, 0x5280);
+    qfu_mem_write32(adapter.root_bridge, adapter.reg_base + 0xC950, 0x4200);
+    n.registers();
+    n.slot().probe(adapter);
+    const std::string log = n.registers();
+    EXPECT_TRUE(log.starts_with("BAR2+10100 > 00005280\nBAR2+10100 < 00005200\n")) << log;
+    EXPECT_NE(log.find("0C950 > 00004200\nBAR2+0C950 < 00004213\nBAR2+0C950 < 00004203\n"),
+              std::string::npos);
+    n.slot().finish(adapter);
+    EXPECT_TRUE(n.registers().ends_with("BAR2+10100 > 00005200\nBAR2+10100 < 00005280\n"));
+}
+
 TEST(NorProbe, KnowsSixChipsByIdentificationAndSize) {
     for (const auto& [id, shown] : {std::pair(0x227E0001U, "800000, ID[227E0001]"),
                                     std::pair(0x22C900C2U, "800000, ID[22C900C2]"),
@@ -222,6 +237,16 @@ TEST(NorRead, MovesTheWindowForEveryWordAndKeepsWithinAnEvenBuffer) {
     n.lab.faults().memory_read.fail(n.lab.faults().memory_read.calls() + 3);
     EXPECT_EQ(n.slot().read(adapter, 0x401FFE, buffer.data(), 4), 0U);
     EXPECT_EQ(buffer, (Bytes{0x5A, 0x5A, 3, 4, 0xEE})) << "the first word cannot be read";
+    // Width and base of the window are what the registers say: 5A5A5A5A when they cannot be read.
+    n.registers();
+    auto& reads = n.lab.faults().memory_read;
+    reads.fail(reads.calls() + 1);
+    n.slot().read(adapter, 0x401FFE, buffer.data(), 2);
+    EXPECT_NE(n.registers().find("BAR2+08428 < FC400B4D\n"), std::string::npos);
+    reads.fail(reads.calls() + 2);
+    n.slot().read(adapter, 0x401FFE, buffer.data(), 2);
+    EXPECT_NE(n.registers().find("BAR2+08428 < 5A9A5001\n"), std::string::npos);
+    n.lab.take_misuses();
 }
 
 TEST(NorWrite, ProgramsWordsInBypassModeAndSkipsErasedOnes) {
@@ -319,6 +344,9 @@ TEST(NorEraseRange, ErasesEachBlockOnceAtItsFirstByteInTheRange) {
         return erased_at(n.lab.cycles());
     };
     using Addresses = std::vector<std::uint32_t>;
+    n.slot().erase_sector(adapter, 0x6000);
+    EXPECT_TRUE(n.registers().starts_with("BAR2+08420 < 00003001\n" + kUnlock));
+    n.lab.cycles();
     EXPECT_EQ(erase(0x1000, 0x1000), Addresses{0x1000});
     EXPECT_EQ(n.lab.printed(), progress({"0"}));
     EXPECT_EQ(n.chip.contents()[0], 0xFF);
