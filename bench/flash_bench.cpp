@@ -4,6 +4,7 @@
 #include "image.h"
 #include "source.h"
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cstdlib>
 #include <filesystem>
@@ -36,12 +37,11 @@ class Bench {
               chiplist::encode(chiplist::read_source(QFU_SOURCE_DIR "/chiplist/chips.toml")));
         Adapter& adapter = machine_.add(*find_adapter_model(0x1E5D, subject.device), {0, 2, 0}, 0);
         if (subject.nor_id != 0) {
-            contents_ = &machine_.add_nor_chip(adapter, *find_nor_part(subject.nor_id), kNeverBusy)
-                             .contents();
+            contents_ = machine_.add_nor_chip(adapter, *find_nor_part(subject.nor_id), kNeverBusy)
+                            .contents();
         } else {
-            contents_ =
-                &machine_.add_spi_chip(adapter, *find_spi_part(subject.spi_part), kNeverBusy)
-                     .contents();
+            contents_ = machine_.add_spi_chip(adapter, *find_spi_part(subject.spi_part), kNeverBusy)
+                            .contents();
         }
         machine_.assign_bars();
         firmware_.emplace(machine_, clock_, folder_);
@@ -63,14 +63,14 @@ class Bench {
     }
 
     std::uint64_t accesses() const { return machine_.accesses(); }
-    std::vector<std::uint8_t>& contents() { return *contents_; }
+    std::span<std::uint8_t> contents() const { return contents_; }
 
   private:
     std::filesystem::path folder_;
     VirtualClock clock_;
     Machine machine_{clock_};
     std::optional<Firmware> firmware_;
-    std::vector<std::uint8_t>* contents_ = nullptr; ///< of the chip
+    std::span<std::uint8_t> contents_; ///< of the chip
 };
 
 Bytes random_bytes(std::size_t count) {
@@ -105,7 +105,7 @@ void program_and_verify(benchmark::State& state, const Subject& subject, std::in
 void dump(benchmark::State& state, const Subject& subject) {
     constexpr std::int64_t kSize = 1024 * kKiB;
     Bench bench(subject);
-    bench.contents() = random_bytes(bench.contents().size());
+    std::ranges::copy(random_bytes(bench.contents().size()), bench.contents().begin());
     const std::uint64_t before = bench.accesses();
     for (auto _ : state) {
         bench.run({"-rfb", "dump.bin", "-addr", "0", "-sz", std::to_string(kSize)});

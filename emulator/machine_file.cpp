@@ -4,7 +4,6 @@
 #include "uefi/call_faults.h"
 
 #include <algorithm>
-#include <fstream>
 
 namespace emulator {
 namespace {
@@ -164,31 +163,6 @@ BusyTimes read_times(TableReader& reader) {
     return kNeverBusy;
 }
 
-void fill(std::vector<std::uint8_t>& contents, const std::filesystem::path& image) {
-    if (image.empty() || !std::filesystem::exists(image)) {
-        return;
-    }
-    std::ifstream in(image, std::ios::binary);
-    if (std::filesystem::file_size(image) != contents.size() ||
-        !in.read(reinterpret_cast<char*>(contents.data()),
-                 static_cast<std::streamsize>(contents.size()))) {
-        throw support::InputError(image.string() + ": must hold the " +
-                                  std::to_string(contents.size()) + " bytes of its chip");
-    }
-}
-
-void save(const std::vector<std::uint8_t>& contents, const std::filesystem::path& image) {
-    if (image.empty()) {
-        return;
-    }
-    std::ofstream out(image, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(contents.data()),
-              static_cast<std::streamsize>(contents.size()));
-    if (!out.flush()) {
-        throw support::InputError(image.string() + ": cannot be written");
-    }
-}
-
 void apply(const PhyDescription& description, PhyBlock& phy) {
     if (description.ports_implemented) {
         phy.set_ports_implemented(*description.ports_implemented);
@@ -214,13 +188,14 @@ MachineDescription load_machine_file(const std::filesystem::path& file) {
     return machine;
 }
 
-std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock) {
+std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock,
+                                       ImageFiles& images) {
     auto machine = std::make_unique<Machine>(clock);
     for (const AdapterDescription& a : description.adapters) {
         Adapter& adapter = machine->add(*a.model, a.address, a.revision);
         if (a.spi) {
-            SpiChip& chip = machine->add_spi_chip(adapter, *a.spi->part, description.times);
-            fill(chip.contents(), a.spi->image);
+            SpiChip& chip = machine->add_spi_chip(adapter, *a.spi->part, description.times,
+                                                  images.open(a.spi->image, a.spi->part->size));
             if (a.spi->status) {
                 chip.set_status(*a.spi->status);
             }
@@ -229,8 +204,8 @@ std::unique_ptr<Machine> build_machine(const MachineDescription& description, co
             }
         }
         if (a.nor) {
-            NorChip& chip = machine->add_nor_chip(adapter, *a.nor->part, description.times);
-            fill(chip.contents(), a.nor->image);
+            NorChip& chip = machine->add_nor_chip(adapter, *a.nor->part, description.times,
+                                                  images.open(a.nor->image, a.nor->part->size));
             for (const Fault& fault : a.nor->faults) {
                 chip.faults().add(fault);
             }
@@ -240,18 +215,6 @@ std::unique_ptr<Machine> build_machine(const MachineDescription& description, co
         }
     }
     return machine;
-}
-
-void save_images(const MachineDescription& description, const Machine& machine) {
-    for (std::size_t i = 0; i < description.adapters.size(); ++i) {
-        const AdapterDescription& adapter = description.adapters[i];
-        if (adapter.spi) {
-            save(machine.adapter(i).spi().chip()->contents(), adapter.spi->image);
-        }
-        if (adapter.nor) {
-            save(machine.adapter(i).nor()->chip()->contents(), adapter.nor->image);
-        }
-    }
 }
 
 } // namespace emulator

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "hardware/machine.h"
+#include "image_files.h"
 
 #include <filesystem>
 #include <optional>
@@ -59,12 +60,10 @@ struct MachineDescription {
 /// @throws support::InputError when the file cannot be used
 MachineDescription load_machine_file(const std::filesystem::path& file);
 
-/// Builds the described machine, its chips filled from their image files.
-/// @throws support::InputError when an image does not have its chip's size
-std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock);
-
-/// Writes the chips' contents back to their image files.
-/// @throws support::InputError when an image cannot be written
-void save_images(const MachineDescription& description, const Machine& machine);
+/// Builds the described machine. Chips that have an image file keep their contents in it, through
+/// `images`, which must outlive the machine.
+/// @throws support::InputError when an image file cannot be used
+std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock,
+                                       ImageFiles& images);
 
 } // namespace emulator

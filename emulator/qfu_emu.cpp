@@ -81,11 +81,15 @@ void print_notes(Firmware& firmware) {
 int run(const Options& options) {
     const MachineDescription description = load_machine_file(options.machine);
     VirtualClock clock;
-    const auto machine = build_machine(description, clock);
+    ImageFiles images;
+    const auto machine = build_machine(description, clock, images);
     machine->assign_bars();
     const CycleLog log(options.log, machine->journal());
     Firmware firmware(*machine, clock, options.folder);
     firmware.terminal().on_output([](std::string_view text) { std::cout << text << std::flush; });
+    std::vector<std::filesystem::path> own = images.names();
+    own.emplace_back(options.machine);
+    firmware.files().protect(own);
     std::optional<Keyboard> keyboard;
     press_keys(firmware.terminal(), options, keyboard);
     const CtrlC ctrl_c(firmware);
@@ -99,8 +103,8 @@ int run(const Options& options) {
     std::vector<std::string> arguments = {kCommandName};
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
-    save_images(description, *machine);
     print_notes(firmware);
+    images.expect_kept();
     return static_cast<int>(status & 0xFF);
 }
 

@@ -6,8 +6,10 @@
 #include "support/version.h"
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstring>
 #include <iostream>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +34,7 @@ pid_t start(const std::vector<std::string>& command) {
     arguments.push_back(nullptr);
     const pid_t child = fork();
     if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM); // without its adapters the guest is of no use
         execvp(arguments[0], arguments.data());
         std::cerr << "qfu-qemu: " << arguments[0] << ": " << std::strerror(errno) << '\n';
         _exit(kBridgeFailed);
@@ -48,8 +51,13 @@ int run(const Options& options) {
         throw support::InputError(options.machine + ": a guest's firmware does not fail on demand");
     }
     const SteadyClock clock;
-    const auto machine = build_machine(description, clock);
+    ImageFiles images;
+    const auto machine = build_machine(description, clock, images);
     const CycleLog log(options.log, machine->journal());
+    for (const auto& image : images.read_only()) {
+        std::cerr << "qfu-qemu: " << image.string()
+                  << ": is read-only; what the guest writes to its chip will be lost\n";
+    }
     QemuBridge bridge(*machine);
     std::vector<std::string> command = options.command;
     const auto devices = bridge.arguments();
@@ -59,8 +67,8 @@ int run(const Options& options) {
     bridge.serve();
     int status = 0;
     waitpid(qemu, &status, 0);
-    save_images(description, *machine);
     print_misuse("qfu-qemu", machine->journal());
+    images.expect_kept();
     return WIFEXITED(status) ? WEXITSTATUS(status) : kBridgeFailed;
 }
 

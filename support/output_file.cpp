@@ -19,14 +19,6 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kMostPending = 65536;
 
-bool is_same_file(const fs::path& a, const fs::path& b) {
-    std::error_code error;
-    if (fs::exists(a, error) && fs::exists(b, error)) {
-        return fs::equivalent(a, b, error);
-    }
-    return fs::weakly_canonical(fs::absolute(a)) == fs::weakly_canonical(fs::absolute(b));
-}
-
 bool is_source(const fs::path& name) {
     std::string ending = name.extension().string();
     std::ranges::transform(ending, ending.begin(), [](unsigned char c) { return std::tolower(c); });
@@ -47,6 +39,14 @@ int standard_stream(const struct stat& file) {
 }
 
 } // namespace
+
+bool is_same_file(const fs::path& a, const fs::path& b) {
+    std::error_code error;
+    if (fs::exists(a, error) && fs::exists(b, error)) {
+        return fs::equivalent(a, b, error);
+    }
+    return fs::weakly_canonical(fs::absolute(a)) == fs::weakly_canonical(fs::absolute(b));
+}
 
 OutputFile::OutputFile(const fs::path& name, std::span<const fs::path> inputs, Appears appears)
     : name_(name) {

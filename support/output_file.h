@@ -8,6 +8,9 @@
 
 namespace support {
 
+/// True when both names mean one file, whether it is there yet or not.
+bool is_same_file(const std::filesystem::path& a, const std::filesystem::path& b);
+
 /// When an output file gets its name.
 enum class Appears {
     kWhole,    ///< when it is finished: until then, and after a failure, the old file stays

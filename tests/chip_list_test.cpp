@@ -129,7 +129,8 @@ class Exercise {
     void want_erased(std::uint32_t first, std::uint32_t end, const std::string& by) {
         Bytes expected(part_.size, 0);
         std::fill(expected.begin() + first, expected.begin() + end, std::uint8_t{0xFF});
-        want(chip_.contents() == expected, by + " did not erase just what it should");
+        want(std::ranges::equal(chip_.contents(), expected),
+             by + " did not erase just what it should");
     }
 
     /// The last sector: the highest address bits count.

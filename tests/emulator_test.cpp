@@ -71,21 +71,19 @@ TEST(MachineFile, DescribesAdaptersChipsAndFaults) {
                                        (lab.folder() / "nor.bin").string() + "\"\n");
     const auto description = load_machine_file(lab.folder() / "machine.toml");
     VirtualClock clock;
-    const auto machine = build_machine(description, clock);
+    ImageFiles images;
+    const auto machine = build_machine(description, clock, images);
     EXPECT_EQ(machine->config_read({1, 4, 0}, 8, 1), 0x10U);
     SpiChip& chip = *machine->adapter(0).spi().chip();
-    EXPECT_EQ(chip.contents(), lab::pattern(0x80000));
+    EXPECT_TRUE(std::ranges::equal(chip.contents(), lab::pattern(0x80000)));
     EXPECT_EQ(chip.status(), 0x1C);
     EXPECT_FALSE(chip.faults().empty());
     chip.contents()[0] = 0x77;
     NorChip& nor = *machine->adapter(1).nor()->chip();
-    EXPECT_EQ(nor.contents(), lab::pattern(0x400000));
+    EXPECT_TRUE(std::ranges::equal(nor.contents(), lab::pattern(0x400000)));
     nor.contents()[1] = 0x78;
-    save_images(description, *machine);
-    EXPECT_EQ(lab.read_file("chip.bin")[0], 0x77);
+    EXPECT_EQ(lab.read_file("chip.bin")[0], 0x77) << "what a chip holds is in its file at once";
     EXPECT_EQ(lab.read_file("nor.bin")[1], 0x78);
-    std::filesystem::resize_file(lab.folder() / "chip.bin", 5);
-    EXPECT_THROW(build_machine(description, clock), support::InputError);
 }
 
 TEST(MachineFile, EveryShippedMachineLoads) {

@@ -64,7 +64,7 @@ TEST_P(Kind, ErasesARangeAndWipesTheChip) {
     EXPECT_EQ(stored(chip, 0x1000, 0x2000), Bytes(0x2000, 0xFF));
     EXPECT_EQ(stored(chip, 0x3000, 1), Bytes{0});
     EXPECT_EQ(lab.run("-wpa -y" + slot()).text(), found() + "Wipe whole SPI-Flash Chip...Ok!\n");
-    EXPECT_EQ(chip.contents(), Bytes(0x80000, 0xFF));
+    EXPECT_EQ(std::ranges::count(chip.contents(), 0xFF), 0x80000);
 }
 
 INSTANTIATE_TEST_SUITE_P(Interfaces, Kind, testing::Values(1, 2, 4));
@@ -92,7 +92,7 @@ TEST(Confirmation, SkipsEveryCommandThatChangesTheChip) {
     EXPECT_EQ(lab.run("-wpa").text(), question);
     EXPECT_EQ(lab.run("-se -addr 0 -sz 1", "n").text(), question);
     EXPECT_TRUE(lab.run("-wbf image.bin -addr 0", "n").text().ends_with("is 1.\n" + question));
-    EXPECT_EQ(chip.contents(), Bytes(0x80000, 0));
+    EXPECT_EQ(std::ranges::count(chip.contents(), 0), 0x80000);
 }
 
 TEST(Program, AnEmptyImageErasesAndWritesNothing) {
@@ -572,7 +572,7 @@ TEST(Break, HidesNoMismatchThatCameBeforeIt) {
 TEST(Break, ADumpHoldsNothingThatWasNotRead) {
     Lab lab;
     auto& chip = lab.kind(4);
-    chip.contents() = lab::pattern(0x80000);
+    std::ranges::copy(lab::pattern(0x80000), chip.contents().begin());
     lab.run("-rfb dump.bin -addr 0 -sz 0x4000");
     const std::uint64_t all = lab.faults().break_query.calls();
     lab.faults().break_query.fail(2 * all - 100);

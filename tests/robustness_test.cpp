@@ -20,14 +20,14 @@ enum class Target : std::uint8_t { kSpi1 = 1, kNor = 2, kSpi4 = 4 };
 struct ProgramRun {
     explicit ProgramRun(Target target, emulator::BusyTimes times = {}) {
         if (target == Target::kNor) {
-            contents = &lab.nor_chip(lab.adapter(0xC703), 0x257E00EC, times).contents();
+            contents = lab.nor_chip(lab.adapter(0xC703), 0x257E00EC, times).contents();
             begin = 0;
             end = 0x4000;
         } else {
             spi = &lab.kind(static_cast<int>(target), "W25X40", times);
-            contents = &spi->contents();
+            contents = spi->contents();
         }
-        std::ranges::fill(*contents, std::uint8_t{0});
+        std::ranges::fill(contents, std::uint8_t{0});
         lab.write_file("image.bin", image);
         line = target == Target::kSpi1  ? "-cdid c709 -wbf image.bin -addr 0x1ff0 -y"
                : target == Target::kNor ? "-cdid c703 -wbf image.bin -addr 0x1ff0 -y"
@@ -46,7 +46,7 @@ struct ProgramRun {
     }
 
     void expect_only_allowed_contents(bool success) const {
-        const Bytes& now = *contents;
+        const auto& now = contents;
         for (std::size_t i = 0; i < now.size(); ++i) {
             const bool in_units = i >= begin && i < end;
             const bool in_image = i >= kAddress && i < kAddress + kSize;
@@ -60,7 +60,7 @@ struct ProgramRun {
 
     Lab lab;
     SpiChip* spi = nullptr;
-    Bytes* contents;
+    std::span<std::uint8_t> contents;
     std::size_t begin = 0x1000; ///< of the units that the image touches
     std::size_t end = 0x3000;
     Bytes image = lab::pattern(kSize);

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -38,6 +39,9 @@ struct Folder {
         return shell("cd " + lab.folder().string() + " && " QFU_TOOLS "/" + tool + " " + arguments);
     }
     Lab lab;
+    /// Takes the right to overlook file permissions from a superuser.
+    std::string as_owner =
+        geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
 };
 
 TEST(QfuEmu, KeepsFlashContentsFromRunToRunAndLogsCycles) {
@@ -52,6 +56,28 @@ TEST(QfuEmu, KeepsFlashContentsFromRunToRunAndLogsCycles) {
     EXPECT_EQ(f.run("qfu-emu", "--machine machine.toml -- -rfb dump.bin -addr 16 -sz 10").status,
               0);
     EXPECT_EQ(f.lab.read_file("dump.bin"), lab::pattern(10));
+}
+
+TEST(QfuEmu, TakesNoImageFileThatItCannotKeepAndLetsNobodyElseWriteToOne) {
+    Folder f;
+    const auto run = [&](const std::string& before, const std::string& arguments) {
+        return shell("cd " + f.lab.folder().string() + " && " + before + " && " + f.as_owner +
+                     QFU_TOOLS "/qfu-emu --machine machine.toml --keys '' -- " + arguments);
+    };
+    const std::string chip = "qfu-emu: chip.bin: ";
+    EXPECT_EQ(run("mkdir chip.bin", "-l").output,
+              chip + "is a folder; it must be a file of 524288 bytes\n");
+    EXPECT_EQ(run("rmdir chip.bin && echo >chip.bin", "-l").output,
+              chip + "holds 1 bytes; it must hold the 524288 bytes of its chip\n");
+    EXPECT_EQ(run("rm chip.bin && touch chip.bin && chmod 0 chip.bin", "-l").output,
+              chip + "cannot be read: Permission denied\n");
+    EXPECT_EQ(run("rm -f chip.bin", "-rfb chip.bin -addr 0 -sz 1").status, 3);
+    EXPECT_EQ(f.lab.read_file("chip.bin").size(), 0x80000U) << "its own chip's";
+    EXPECT_EQ(run("chmod 444 chip.bin", "-l").status, 0);
+    const Result lost = run("true", "-wbf machine.toml -addr 0 -y");
+    EXPECT_EQ(lost.status, 2);
+    EXPECT_TRUE(
+        lost.output.ends_with(chip + "is read-only; what was written to its chip is lost\n"));
 }
 
 TEST(QfuEmu, ExitsWithTheShellsStatusAndSaysWhatIsWrong) {

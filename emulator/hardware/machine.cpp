@@ -16,15 +16,17 @@ Adapter& Machine::add(const AdapterModel& model, PciAddress address, std::uint8_
     return *adapters_.back();
 }
 
-SpiChip& Machine::add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes times) {
+SpiChip& Machine::add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes times,
+                               std::span<std::uint8_t> kept) {
     adapter.spi().attach(
-        std::make_unique<SpiChip>(part, adapter.name() + ".cs1", *clock_, journal_, times));
+        std::make_unique<SpiChip>(part, adapter.name() + ".cs1", *clock_, journal_, times, kept));
     return *adapter.spi().chip();
 }
 
-NorChip& Machine::add_nor_chip(Adapter& adapter, const NorPart& part, BusyTimes times) {
+NorChip& Machine::add_nor_chip(Adapter& adapter, const NorPart& part, BusyTimes times,
+                               std::span<std::uint8_t> kept) {
     adapter.nor()->attach(
-        std::make_unique<NorChip>(part, adapter.name() + ".cs0", *clock_, journal_, times));
+        std::make_unique<NorChip>(part, adapter.name() + ".cs0", *clock_, journal_, times, kept));
     return *adapter.nor()->chip();
 }
 

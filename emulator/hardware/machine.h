@@ -20,11 +20,14 @@ class Machine {
     /// Puts an adapter on the bus. Its name is its position.
     Adapter& add(const AdapterModel& model, PciAddress address, std::uint8_t revision);
 
-    /// Puts a chip behind the adapter's chip select 1.
-    SpiChip& add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes times);
+    /// Puts a chip behind the adapter's chip select 1, with contents that somebody else keeps or
+    /// its own.
+    SpiChip& add_spi_chip(Adapter& adapter, const SpiPart& part, BusyTimes times,
+                          std::span<std::uint8_t> kept = {});
 
     /// Puts a parallel chip behind chip select 0 of an adapter that has a NOR controller.
-    NorChip& add_nor_chip(Adapter& adapter, const NorPart& part, BusyTimes times);
+    NorChip& add_nor_chip(Adapter& adapter, const NorPart& part, BusyTimes times,
+                          std::span<std::uint8_t> kept = {});
 
     std::span<const std::unique_ptr<Adapter>> adapters() const { return adapters_; }
     Adapter& adapter(std::size_t i) const { return *adapters_[i]; }

@@ -27,9 +27,9 @@ std::string cycle(std::uint32_t address, std::uint16_t data) {
 } // namespace
 
 NorChip::NorChip(const NorPart& part, std::string place, const Clock& clock, Journal& journal,
-                 BusyTimes times)
+                 BusyTimes times, std::span<std::uint8_t> kept)
     : part_(&part), place_(std::move(place)), clock_(&clock), journal_(&journal), times_(times),
-      contents_(part.size, 0xFF) {}
+      own_(kept.empty() ? part.size : 0, 0xFF), contents_(kept.empty() ? std::span(own_) : kept) {}
 
 const NorChip::Step* NorChip::find_step(State state, std::uint32_t address, std::uint16_t data) {
     using enum State;

@@ -9,18 +9,20 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace emulator {
 
-/// A chip of a given part. Contents live as long as the chip; a chip starts erased. Addresses on
-/// the bus count 16-bit words.
+/// A chip of a given part. Its contents are memory of its own, erased at first, or the part's size
+/// of memory that somebody else keeps for longer than the chip lives. Addresses on the bus count
+/// 16-bit words.
 class NorChip {
   public:
     NorChip(const NorPart& part, std::string place, const Clock& clock, Journal& journal,
-            BusyTimes times);
+            BusyTimes times, std::span<std::uint8_t> kept = {});
 
     /// One write cycle.
     /// @returns the command that it completes; unknown while there is none
@@ -42,7 +44,7 @@ class NorChip {
     bool holds_controller() const { return holds_controller_; }
 
     const NorPart& part() const { return *part_; }
-    std::vector<std::uint8_t>& contents() { return contents_; }
+    std::span<std::uint8_t> contents() const { return contents_; }
     Faults& faults() { return faults_; }
 
     /// How often each operation was carried out.
@@ -80,7 +82,8 @@ class NorChip {
     const Clock* clock_;
     Journal* journal_;
     BusyTimes times_;
-    std::vector<std::uint8_t> contents_;
+    std::vector<std::uint8_t> own_; ///< empty when somebody else keeps the contents
+    std::span<std::uint8_t> contents_;
     std::array<std::uint64_t, kOperationCount> counts_{};
     Faults faults_;
     State state_ = State::kRead;

@@ -65,9 +65,9 @@ bool takes_no_data(Operation operation) {
 } // namespace
 
 SpiChip::SpiChip(const SpiPart& part, std::string place, const Clock& clock, Journal& journal,
-                 BusyTimes times)
+                 BusyTimes times, std::span<std::uint8_t> kept)
     : part_(&part), place_(std::move(place)), clock_(&clock), journal_(&journal), times_(times),
-      contents_(part.size, 0xFF) {
+      own_(kept.empty() ? part.size : 0, 0xFF), contents_(kept.empty() ? std::span(own_) : kept) {
     for (const auto& [opcode, operation] : kCommonCommands) {
         know(opcode, operation);
     }
@@ -231,7 +231,7 @@ void SpiChip::read(const SpiTransfer& transfer) {
     const std::size_t before_end = contents_.size() - start;
     const std::size_t count = transfer.miso.size();
     if (count <= before_end) {
-        answer(transfer, std::span(contents_).subspan(start, std::max<std::size_t>(count, 1)));
+        answer(transfer, contents_.subspan(start, std::max<std::size_t>(count, 1)));
         return;
     }
     // Reading goes on at the start of the chip.

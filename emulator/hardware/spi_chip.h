@@ -25,11 +25,12 @@ struct SpiTransfer {
     std::span<std::uint8_t> miso;       ///< from the chip; an idle line leaves 0
 };
 
-/// A chip of a given part. Contents live as long as the chip; a chip starts erased.
+/// A chip of a given part. Its contents are memory of its own, erased at first, or the part's size
+/// of memory that somebody else keeps for longer than the chip lives.
 class SpiChip {
   public:
     SpiChip(const SpiPart& part, std::string place, const Clock& clock, Journal& journal,
-            BusyTimes times);
+            BusyTimes times, std::span<std::uint8_t> kept = {});
 
     /// Carries out one chip-select period.
     /// @returns what the chip took it for
@@ -39,7 +40,7 @@ class SpiChip {
     bool holds_controller() const { return holds_controller_; }
 
     const SpiPart& part() const { return *part_; }
-    std::vector<std::uint8_t>& contents() { return contents_; }
+    std::span<std::uint8_t> contents() const { return contents_; }
     Faults& faults() { return faults_; }
     std::uint8_t status();
     void set_status(std::uint8_t status) { status_ = status; }
@@ -78,7 +79,8 @@ class SpiChip {
     const Clock* clock_;
     Journal* journal_;
     BusyTimes times_;
-    std::vector<std::uint8_t> contents_;
+    std::vector<std::uint8_t> own_; ///< empty when somebody else keeps the contents
+    std::span<std::uint8_t> contents_;
     std::array<Command, 256> commands_{}; ///< by opcode
     std::array<std::uint64_t, kOperationCount> counts_{};
     Faults faults_;

@@ -236,6 +236,13 @@ std::vector<std::string> ShellFiles::matches(const std::string& pattern) const {
     return found;
 }
 
+bool ShellFiles::is_protected(const std::filesystem::path& path) const {
+    std::error_code error;
+    return std::ranges::any_of(protected_, [&](const std::filesystem::path& file) {
+        return std::filesystem::equivalent(path, file, error);
+    });
+}
+
 EFI_STATUS ShellFiles::open(const std::string& volume_path, std::uint64_t mode,
                             SHELL_FILE_HANDLE* handle) {
     const std::filesystem::path path = host_path(volume_path);
@@ -258,7 +265,7 @@ EFI_STATUS ShellFiles::open(const std::string& volume_path, std::uint64_t mode,
         ::stat(path.c_str(), &status);
     }
     const bool directory = S_ISDIR(status.st_mode);
-    if (writable && !directory && is_read_only(status)) {
+    if (writable && !directory && (is_read_only(status) || is_protected(path))) {
         return EFI_ACCESS_DENIED;
     }
     const int descriptor = ::open(path.c_str(), writable && !directory ? O_RDWR : O_RDONLY);

@@ -29,6 +29,9 @@ class ShellFiles {
     /// Changes the current directory; `path` is absolute on the volume, like "\\tools".
     void change_directory(std::string path) { current_ = std::move(path); }
 
+    /// Lets no one write to these files of the host, as if they were write-protected.
+    void protect(std::vector<std::filesystem::path> files) { protected_ = std::move(files); }
+
     EFI_STATUS open_list(CHAR16* path, std::uint64_t mode, EFI_SHELL_FILE_INFO** list);
     EFI_STATUS free_list(EFI_SHELL_FILE_INFO** list);
     EFI_STATUS open_by_name(const CHAR16* name, std::uint64_t mode, SHELL_FILE_HANDLE* handle);
@@ -57,6 +60,7 @@ class ShellFiles {
     std::filesystem::path host_path(const std::string& volume_path) const;
     std::vector<std::string> matches(const std::string& pattern) const;
     EFI_STATUS open(const std::string& volume_path, std::uint64_t mode, SHELL_FILE_HANDLE* handle);
+    bool is_protected(const std::filesystem::path& path) const;
     OpenFile* find(SHELL_FILE_HANDLE handle);
 
     std::filesystem::path folder_;
@@ -64,6 +68,7 @@ class ShellFiles {
     Journal* journal_;
     CallFault* fault_;
     CallFault* short_read_;
+    std::vector<std::filesystem::path> protected_;
     std::string current_ = "\\";
     std::vector<std::unique_ptr<OpenFile>> files_;
     std::vector<std::unique_ptr<List>> lists_;

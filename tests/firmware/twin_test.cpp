@@ -142,10 +142,11 @@ void listen(emulator::Machine& machine, std::vector<std::string>& cycles) {
 void collect_hardware(const emulator::Machine& machine, emulator::Journal& journal, Shown& shown) {
     for (const auto& adapter : machine.adapters()) {
         if (emulator::SpiChip* chip = adapter->spi().chip()) {
-            shown.flash.push_back(chip->contents());
+            shown.flash.emplace_back(chip->contents().begin(), chip->contents().end());
         }
         if (adapter->nor() != nullptr && adapter->nor()->chip() != nullptr) {
-            shown.flash.push_back(adapter->nor()->chip()->contents());
+            const auto contents = adapter->nor()->chip()->contents();
+            shown.flash.emplace_back(contents.begin(), contents.end());
         }
     }
     shown.misuses = journal.misuses();
@@ -182,7 +183,8 @@ Shown run_in_process(const Story& story) {
     lab::Lab files_and_clock;
     write_files(story.files, files_and_clock.folder());
     emulator::VirtualClock clock;
-    const auto machine = emulator::build_machine(story.machine, clock);
+    emulator::ImageFiles images;
+    const auto machine = emulator::build_machine(story.machine, clock, images);
     machine->assign_bars();
     listen(*machine, shown.cycles);
     emulator::Firmware in_process(*machine, clock, files_and_clock.folder());
@@ -225,7 +227,8 @@ std::string script_of(const Story& story) {
 Shown run_in_guest(const Story& story) {
     Shown shown;
     const emulator::SteadyClock clock;
-    const auto machine = emulator::build_machine(story.machine, clock);
+    emulator::ImageFiles images;
+    const auto machine = emulator::build_machine(story.machine, clock, images);
     listen(*machine, shown.cycles);
     Volume volume = story.files;
     add_program(volume);

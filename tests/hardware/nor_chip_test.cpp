@@ -264,7 +264,7 @@ TEST(NorController, WantsFreshCyclesAndAnAcknowledgedEnd) {
 TEST(NorController, ShowsThePageThatTheWindowBaseNames) {
     Board b;
     b.set_up();
-    auto& contents = b.adapter.nor()->chip()->contents();
+    const auto contents = b.adapter.nor()->chip()->contents();
     contents[0x402002] = 0x34;
     contents[0x402003] = 0x12;
     b.write(0x8428, 0xFC402001);
