@@ -86,9 +86,8 @@ class Exercise {
         }
     }
 
-    /// A part that answers to another opcode is asked with the common one first. Parts of maker 1F
-    /// are asked for sector protection: those without it do not know the opcodes, and the query of
-    /// window controllers is one that sets protection.
+    /// Parts of maker 1F are asked for sector protection: those without it do not know the opcodes,
+    /// and the query of window controllers is one that sets protection.
     bool announced(const std::string& misuse) const {
         const auto unknown = [&](const char* opcode) {
             return misuse.ends_with(std::string("opcode ") + opcode +
@@ -96,9 +95,6 @@ class Exercise {
         };
         if (part_.protection == Protection::kSectorRegisters) {
             return misuse.ends_with("protect sector without write enable");
-        }
-        if (part_.id_opcode != 0x9F && unknown("9F")) {
-            return true;
         }
         return part_.id[0] == 0x1F && (unknown("36") || unknown("39") || unknown("3C"));
     }

@@ -109,7 +109,10 @@ Operation SpiChip::transfer(const SpiTransfer& transfer) {
     }
     holds_controller_ = faults_.striking(FaultKind::kControllerBusy).has_value();
     if (operation == Operation::kUnknown) {
-        complain("opcode " + hex(transfer.opcode, 2) + " is none that the chip knows");
+        // Whoever identifies a chip has to try; one that does not know the opcode stays silent.
+        if (!asks_for_identification(transfer.opcode)) {
+            complain("opcode " + hex(transfer.opcode, 2) + " is none that the chip knows");
+        }
     } else if (transfer.has_address != command.takes_address) {
         complain(std::string(operation_name(operation)) +
                  (transfer.has_address ? " with an address" : " without an address"));

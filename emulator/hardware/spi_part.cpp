@@ -1,5 +1,8 @@
 #include "hardware/spi_part.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace emulator {
 namespace {
 
@@ -96,6 +99,11 @@ constexpr SpiPart kParts[] = {
 
 std::span<const SpiPart> spi_parts() {
     return kParts;
+}
+
+bool asks_for_identification(std::uint8_t opcode) {
+    constexpr std::uint8_t kOpcodes[] = {0x15, 0x90, 0x9F, 0xAB};
+    return std::ranges::find(kOpcodes, opcode) != std::end(kOpcodes);
 }
 
 const SpiPart* find_spi_part(std::string_view name) {

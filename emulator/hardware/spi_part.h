@@ -42,6 +42,9 @@ struct SpiPart {
 
 std::span<const SpiPart> spi_parts();
 
+/// True for opcodes that ask any part for its identification.
+bool asks_for_identification(std::uint8_t opcode);
+
 /// The part of that name, or null.
 const SpiPart* find_spi_part(std::string_view name);
 
