@@ -1,152 +1,300 @@
 #include "machine_file.h"
 
+#include "support/nearest_word.h"
+#include "support/output_file.h"
 #include "support/table_reader.h"
 #include "uefi/call_faults.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace emulator {
 namespace {
 
 using support::TableReader;
 
-Fault read_fault(const toml::table& table, const std::filesystem::path& file) {
-    TableReader reader(table, file);
+/// Where qfu looks for adapters.
+constexpr std::int64_t kLastBus = 63;
+constexpr std::int64_t kLastSlot = 15;
+constexpr char kWhereQfuLooks[] = "qfu looks at buses 0 to 63, slots 0 to 15 and function 0";
+
+std::string in_quotes(std::string_view word) {
+    return "\"" + std::string(word) + "\"";
+}
+
+std::string hexadecimal(std::uint64_t value, int digits) {
+    return "0x" + hex(value, digits);
+}
+
+/// One file's reading: what was found so far, so that nothing is given twice.
+class MachineReader {
+  public:
+    explicit MachineReader(std::filesystem::path file) : file_(std::move(file)) {}
+
+    MachineDescription read(const toml::table& root);
+
+  private:
+    struct Chip {
+        ChipKind kind;
+        std::uint32_t size;
+    };
+    struct Image {
+        std::filesystem::path name;
+        std::size_t line;
+    };
+
+    AdapterDescription read_adapter(const toml::table& table);
+    static const AdapterModel* read_model(TableReader& reader);
+    PciAddress read_place(TableReader& reader);
+    SpiChipDescription read_spi(const toml::table& table);
+    NorChipDescription read_nor(const toml::table& table);
+    PhyDescription read_phy(const toml::table& table, std::uint8_t ports) const;
+    std::filesystem::path read_image(TableReader& reader);
+    std::vector<FaultDescription> read_faults(TableReader& reader, Chip chip) const;
+    FaultDescription read_fault(const toml::table& table, Chip chip) const;
+    PhyFaultDescription read_phy_fault(const toml::table& table, std::uint8_t ports) const;
+    FirmwareFaultDescription read_firmware_fault(const toml::table& table) const;
+
+    std::filesystem::path file_;
+    std::vector<Image> images_;
+    std::vector<AdapterDescription> adapters_;
+};
+
+Operation read_operation(TableReader& reader, FaultKind kind, ChipKind chip) {
+    const std::string word = reader.text("on");
+    const auto allowed = operations_of(chip, kind);
+    if (std::ranges::find(allowed, word) != allowed.end()) {
+        return *operation_named(word);
+    }
+    if (!operation_named(word)) {
+        reader.fail("on", support::unknown_word("operation", word, allowed));
+    }
+    std::string what = in_quotes(fault_kind_name(kind)) + " has no effect on " + in_quotes(word) +
+                       " of such a chip; allowed:";
+    for (const std::string_view operation : allowed) {
+        what += (operation == allowed.front() ? " " : ", ") + in_quotes(operation);
+    }
+    reader.fail("on", what);
+}
+
+FaultDescription MachineReader::read_fault(const toml::table& table, Chip chip) const {
+    TableReader reader(table, file_);
     Fault fault;
-    const auto kind = fault_kind_named(reader.text("kind"));
+    const std::string word = reader.text("kind");
+    const auto kind = fault_kind_named(word);
     if (!kind) {
-        reader.fail("kind", "is no kind of fault that is known");
+        reader.fail("kind", support::unknown_word("kind of fault", word, fault_kind_names()));
     }
     fault.kind = *kind;
     if (reader.has("on")) {
-        fault.on = operation_named(reader.text("on"));
-        if (!fault.on) {
-            reader.fail("on", "is no operation that is known");
-        }
+        fault.on = read_operation(reader, *kind, chip.kind);
     }
     if (reader.has("address")) {
-        fault.address = static_cast<std::uint32_t>(reader.number("address", 0, 0xFFFFFF));
+        if (fault.on && !has_address(*fault.on)) {
+            reader.fail("address", in_quotes(operation_name(*fault.on)) + " has no address");
+        }
+        fault.address = static_cast<std::uint32_t>(reader.number("address", 0, UINT32_MAX));
+        if (*fault.address >= chip.size) {
+            reader.fail("address", "is past the end of the chip; the last is " +
+                                       hexadecimal(chip.size - 1, 1));
+        }
     }
     fault.nth = static_cast<std::uint64_t>(reader.number("nth", 1, INT64_MAX, 1));
     fault.times = static_cast<std::uint64_t>(reader.number("times", 0, INT64_MAX, 0));
-    fault.mask = static_cast<std::uint8_t>(reader.number("mask", 0, 0xFF, 0xFF));
+    if (reader.has("mask") && !has_mask(*kind)) {
+        reader.fail("mask", in_quotes(word) + " has none; \"stuck bits\" and \"wrong data\" have");
+    }
+    fault.mask = static_cast<std::uint8_t>(reader.number("mask", 1, 0xFF, 0xFF));
     reader.finish();
-    return fault;
+    return {fault, reader.line()};
 }
 
-std::vector<Fault> read_faults(TableReader& reader, const std::filesystem::path& file) {
-    std::vector<Fault> faults;
+std::vector<FaultDescription> MachineReader::read_faults(TableReader& reader, Chip chip) const {
+    std::vector<FaultDescription> faults;
     for (const toml::table* fault : reader.tables("fault")) {
-        faults.push_back(read_fault(*fault, file));
+        faults.push_back(read_fault(*fault, chip));
     }
     return faults;
 }
 
-SpiChipDescription read_spi(const toml::table& table, const std::filesystem::path& file) {
-    TableReader reader(table, file);
-    SpiChipDescription chip{};
-    chip.part = find_spi_part(reader.text("part"));
-    if (chip.part == nullptr) {
-        reader.fail("part", "is no part that the emulator knows");
+std::filesystem::path MachineReader::read_image(TableReader& reader) {
+    std::filesystem::path image = reader.text("image", "");
+    if (image.empty()) {
+        return image;
     }
-    chip.image = reader.text("image", "");
+    if (support::is_same_file(image, file_)) {
+        reader.fail("image", "is this machine file");
+    }
+    for (const Image& other : images_) {
+        if (support::is_same_file(image, other.name)) {
+            reader.fail("image", "is the image of the chip of line " + std::to_string(other.line) +
+                                     " too; each chip needs its own");
+        }
+    }
+    images_.push_back({image, reader.line()});
+    return image;
+}
+
+SpiChipDescription MachineReader::read_spi(const toml::table& table) {
+    TableReader reader(table, file_);
+    SpiChipDescription chip{};
+    const std::string part = reader.text("part");
+    chip.part = find_spi_part(part);
+    if (chip.part == nullptr) {
+        std::vector<std::string_view> names;
+        std::ranges::transform(spi_parts(), std::back_inserter(names), &SpiPart::name);
+        reader.fail("part", support::unknown_word("part", part, names,
+                                                  "\"qfu-emu list parts\" prints all"));
+    }
+    chip.image = read_image(reader);
     if (reader.has("status")) {
         chip.status = static_cast<std::uint8_t>(reader.number("status", 0, 0xFF));
     }
-    chip.faults = read_faults(reader, file);
+    chip.faults = read_faults(reader, {ChipKind::kSpi, chip.part->size});
     reader.finish();
     return chip;
 }
 
-NorChipDescription read_nor(const toml::table& table, const std::filesystem::path& file) {
-    TableReader reader(table, file);
+NorChipDescription MachineReader::read_nor(const toml::table& table) {
+    TableReader reader(table, file_);
     NorChipDescription chip{};
-    chip.part = find_nor_part(static_cast<std::uint32_t>(reader.number("id", 0, UINT32_MAX)));
+    const auto id = static_cast<std::uint32_t>(reader.number("id", 0, UINT32_MAX));
+    chip.part = find_nor_part(id);
     if (chip.part == nullptr) {
-        reader.fail("id", "is no part that the emulator knows");
+        std::vector<std::string> ids;
+        std::ranges::transform(nor_parts(), std::back_inserter(ids),
+                               [](const NorPart& p) { return hexadecimal(p.id(), 8); });
+        const std::vector<std::string_view> words(ids.begin(), ids.end());
+        reader.fail("id", support::unknown_word("part", hexadecimal(id, 8), words));
     }
-    chip.image = reader.text("image", "");
-    chip.faults = read_faults(reader, file);
+    chip.image = read_image(reader);
+    chip.faults = read_faults(reader, {ChipKind::kNor, chip.part->size});
     reader.finish();
     return chip;
 }
 
-PhyFault read_phy_fault(const toml::table& table, const std::filesystem::path& file,
-                        std::uint8_t ports) {
-    TableReader reader(table, file);
+PhyFaultDescription MachineReader::read_phy_fault(const toml::table& table,
+                                                  std::uint8_t ports) const {
+    TableReader reader(table, file_);
     PhyFault fault;
-    const auto kind = phy_fault_kind_named(reader.text("kind"));
+    const std::string word = reader.text("kind");
+    const auto kind = phy_fault_kind_named(word);
     if (!kind) {
-        reader.fail("kind", "is no kind of PHY fault that is known");
+        reader.fail("kind",
+                    support::unknown_word("kind of PHY fault", word, phy_fault_kind_names()));
     }
     fault.kind = *kind;
     fault.port = static_cast<std::uint8_t>(reader.number("port", 0, ports - 1));
     fault.nth = static_cast<std::uint64_t>(reader.number("nth", 1, INT64_MAX, 1));
     fault.times = static_cast<std::uint64_t>(reader.number("times", 0, INT64_MAX, 0));
-    const std::int64_t usual_value = fault.kind == PhyFaultKind::kErrors ? 1 : 0;
-    fault.value = static_cast<std::uint32_t>(reader.number("value", 0, UINT32_MAX, usual_value));
+    const bool errors = fault.kind == PhyFaultKind::kErrors;
+    if (reader.has("value") && !errors && fault.kind != PhyFaultKind::kCount) {
+        reader.fail("value", in_quotes(word) + " has none; \"errors\" and \"count\" have");
+    }
+    fault.value = static_cast<std::uint32_t>(
+        reader.number("value", errors ? 1 : 0, UINT32_MAX, errors ? 1 : 0));
     reader.finish();
-    return fault;
+    return {fault, reader.line()};
 }
 
-PhyDescription read_phy(const toml::table& table, const std::filesystem::path& file,
-                        std::uint8_t ports) {
-    TableReader reader(table, file);
+PhyDescription MachineReader::read_phy(const toml::table& table, std::uint8_t ports) const {
+    TableReader reader(table, file_);
     PhyDescription phy{};
     if (reader.has("ports_implemented")) {
         phy.ports_implemented =
             static_cast<std::uint32_t>(reader.number("ports_implemented", 0, UINT32_MAX));
     }
     for (const toml::table* fault : reader.tables("fault")) {
-        phy.faults.push_back(read_phy_fault(*fault, file, ports));
+        phy.faults.push_back(read_phy_fault(*fault, ports));
     }
     reader.finish();
     return phy;
 }
 
-AdapterDescription read_adapter(const toml::table& table, const std::filesystem::path& file) {
+const AdapterModel* MachineReader::read_model(TableReader& reader) {
     constexpr std::int64_t kUsualVendor = 0x1E5D;
-    TableReader reader(table, file);
-    AdapterDescription adapter{};
     const auto vendor =
         static_cast<std::uint16_t>(reader.number("vendor", 0, 0xFFFF, kUsualVendor));
     const auto device = static_cast<std::uint16_t>(reader.number("device", 0, 0xFFFF));
-    adapter.model = find_adapter_model(vendor, device);
-    if (adapter.model == nullptr) {
-        reader.fail("device", "is no adapter that the emulator knows");
+    const AdapterModel* model = find_adapter_model(vendor, device);
+    if (model == nullptr) {
+        std::vector<std::string> devices;
+        for (const AdapterModel& known : adapter_models()) {
+            if (known.vendor == vendor) {
+                devices.push_back(hexadecimal(known.device, 4));
+            }
+        }
+        const std::vector<std::string_view> words(devices.begin(), devices.end());
+        reader.fail("device", support::unknown_word("adapter of vendor " + hexadecimal(vendor, 4),
+                                                    hexadecimal(device, 4), words,
+                                                    "\"qfu-emu list adapters\" prints all"));
     }
-    adapter.address = {static_cast<std::uint8_t>(reader.number("bus", 0, 255, 0)),
-                       static_cast<std::uint8_t>(reader.number("slot", 0, 31)),
-                       static_cast<std::uint8_t>(reader.number("function", 0, 7, 0))};
+    return model;
+}
+
+PciAddress MachineReader::read_place(TableReader& reader) {
+    const std::int64_t bus = reader.number("bus", 0, 255, 0);
+    const std::int64_t slot = reader.number("slot", 0, 31);
+    const std::int64_t function = reader.number("function", 0, 7, 0);
+    const bool hidden = reader.flag("hidden");
+    const char* beyond = bus > kLastBus     ? "bus"
+                         : slot > kLastSlot ? "slot"
+                         : function != 0    ? "function"
+                                            : nullptr;
+    if (beyond != nullptr && !hidden) {
+        reader.fail(beyond, std::string(kWhereQfuLooks) +
+                                "; an adapter that it does not find needs hidden = true");
+    }
+    if (beyond == nullptr && hidden) {
+        reader.fail("hidden", std::string("this adapter is found; ") + kWhereQfuLooks);
+    }
+    const PciAddress place{static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(slot),
+                           static_cast<std::uint8_t>(function)};
+    const auto other = std::ranges::find(adapters_, place, &AdapterDescription::address);
+    if (other != adapters_.end()) {
+        reader.fail("slot",
+                    "the adapter of line " + std::to_string(other->line) + " is there already");
+    }
+    return place;
+}
+
+AdapterDescription MachineReader::read_adapter(const toml::table& table) {
+    TableReader reader(table, file_);
+    AdapterDescription adapter{};
+    adapter.line = reader.line();
+    adapter.model = read_model(reader);
+    adapter.address = read_place(reader);
     adapter.revision = static_cast<std::uint8_t>(reader.number("revision", 0, 0xFF, 0));
     if (const toml::table* spi = reader.table("spi")) {
-        adapter.spi = read_spi(*spi, file);
+        adapter.spi = read_spi(*spi);
     }
     if (const toml::table* nor = reader.table("nor")) {
         if (adapter.model->interface != Interface::kBar2) {
-            reader.fail("nor", "is nothing that this adapter has");
+            reader.fail("nor", "this adapter has no NOR flash; those of kind 2 have, see "
+                               "\"qfu-emu list adapters\"");
         }
-        adapter.nor = read_nor(*nor, file);
+        adapter.nor = read_nor(*nor);
     }
     if (const toml::table* phy = reader.table("phy")) {
         if (adapter.model->interface != Interface::kIndexed) {
-            reader.fail("phy", "is nothing that this adapter has");
+            reader.fail("phy", "this adapter has no PHY test; those of kind 1 have, see "
+                               "\"qfu-emu list adapters\"");
         }
-        adapter.phy = read_phy(*phy, file, adapter.model->ports);
+        adapter.phy = read_phy(*phy, adapter.model->ports);
     }
     reader.finish();
     return adapter;
 }
 
-FirmwareFaultDescription read_firmware_fault(const toml::table& table,
-                                             const std::filesystem::path& file) {
-    TableReader reader(table, file);
+FirmwareFaultDescription MachineReader::read_firmware_fault(const toml::table& table) const {
+    TableReader reader(table, file_);
     FirmwareFaultDescription fault{
         reader.text("call"), static_cast<std::uint64_t>(reader.number("nth", 1, INT64_MAX, 1)),
-        static_cast<std::uint64_t>(reader.number("times", 0, INT64_MAX, 1))};
-    if (std::ranges::none_of(kNamedCalls,
-                             [&](const NamedCall& call) { return call.name == fault.call; })) {
-        reader.fail("call", "is no firmware call that is known");
+        static_cast<std::uint64_t>(reader.number("times", 0, INT64_MAX, 1)), reader.line()};
+    std::vector<std::string_view> calls;
+    std::ranges::transform(kNamedCalls, std::back_inserter(calls), &NamedCall::name);
+    if (std::ranges::find(calls, fault.call) == calls.end()) {
+        reader.fail("call", support::unknown_word("firmware call", fault.call, calls));
     }
     reader.finish();
     return fault;
@@ -163,29 +311,56 @@ BusyTimes read_times(TableReader& reader) {
     return kNeverBusy;
 }
 
+MachineDescription MachineReader::read(const toml::table& root) {
+    TableReader reader(root, file_);
+    MachineDescription machine{file_, read_times(reader), {}, {}};
+    for (const toml::table* table : reader.tables("firmware_fault")) {
+        const FirmwareFaultDescription fault = read_firmware_fault(*table);
+        const auto other =
+            std::ranges::find(machine.firmware_faults, fault.call, &FirmwareFaultDescription::call);
+        if (other != machine.firmware_faults.end()) {
+            TableReader(*table, file_)
+                .fail("call", "has a fault already, on line " + std::to_string(other->line));
+        }
+        machine.firmware_faults.push_back(fault);
+    }
+    for (const toml::table* adapter : reader.tables("adapter")) {
+        adapters_.push_back(read_adapter(*adapter));
+    }
+    reader.finish();
+    machine.adapters = std::move(adapters_);
+    return machine;
+}
+
 void apply(const PhyDescription& description, PhyBlock& phy) {
     if (description.ports_implemented) {
         phy.set_ports_implemented(*description.ports_implemented);
     }
-    for (const PhyFault& fault : description.faults) {
-        phy.add_fault(fault);
+    for (const PhyFaultDescription& fault : description.faults) {
+        phy.add_fault(fault.fault);
+    }
+}
+
+void add(const std::vector<FaultDescription>& described, Faults& faults) {
+    for (const FaultDescription& fault : described) {
+        faults.add(fault.fault);
+    }
+}
+
+/// Adds the lines of described faults that have not struck.
+template <class Described, class Faulty>
+void collect_idle(const Described& faults, const Faulty& faulty, std::vector<std::size_t>& lines) {
+    for (std::size_t i = 0; i < faults.size(); ++i) {
+        if (!faulty.has_struck(i)) {
+            lines.push_back(faults[i].line);
+        }
     }
 }
 
 } // namespace
 
 MachineDescription load_machine_file(const std::filesystem::path& file) {
-    const toml::table root = support::parse_toml(file);
-    TableReader reader(root, file);
-    MachineDescription machine{read_times(reader), {}, {}};
-    for (const toml::table* fault : reader.tables("firmware_fault")) {
-        machine.firmware_faults.push_back(read_firmware_fault(*fault, file));
-    }
-    for (const toml::table* adapter : reader.tables("adapter")) {
-        machine.adapters.push_back(read_adapter(*adapter, file));
-    }
-    reader.finish();
-    return machine;
+    return MachineReader(file).read(support::parse_toml(file));
 }
 
 std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock,
@@ -199,22 +374,37 @@ std::unique_ptr<Machine> build_machine(const MachineDescription& description, co
             if (a.spi->status) {
                 chip.set_status(*a.spi->status);
             }
-            for (const Fault& fault : a.spi->faults) {
-                chip.faults().add(fault);
-            }
+            add(a.spi->faults, chip.faults());
         }
         if (a.nor) {
             NorChip& chip = machine->add_nor_chip(adapter, *a.nor->part, description.times,
                                                   images.open(a.nor->image, a.nor->part->size));
-            for (const Fault& fault : a.nor->faults) {
-                chip.faults().add(fault);
-            }
+            add(a.nor->faults, chip.faults());
         }
         if (a.phy) {
             apply(*a.phy, *adapter.phy());
         }
     }
     return machine;
+}
+
+std::vector<std::size_t> idle_faults(const MachineDescription& description,
+                                     const Machine& machine) {
+    std::vector<std::size_t> lines;
+    for (std::size_t i = 0; i < description.adapters.size(); ++i) {
+        const AdapterDescription& described = description.adapters[i];
+        Adapter& adapter = machine.adapter(i);
+        if (described.spi) {
+            collect_idle(described.spi->faults, adapter.spi().chip()->faults(), lines);
+        }
+        if (described.nor) {
+            collect_idle(described.nor->faults, adapter.nor()->chip()->faults(), lines);
+        }
+        if (described.phy) {
+            collect_idle(described.phy->faults, *adapter.phy(), lines);
+        }
+    }
+    return lines;
 }
 
 } // namespace emulator

@@ -11,25 +11,37 @@
 
 namespace emulator {
 
+/// A fault of a chip, and the line of the machine file that it begins on.
+struct FaultDescription {
+    Fault fault;
+    std::size_t line;
+};
+
+/// A fault of a port, and the line of the machine file that it begins on.
+struct PhyFaultDescription {
+    PhyFault fault;
+    std::size_t line;
+};
+
 /// One serial flash chip of a machine file.
 struct SpiChipDescription {
     const SpiPart* part;
     std::filesystem::path image; ///< contents, kept from run to run; empty: a blank chip each time
     std::optional<std::uint8_t> status;
-    std::vector<Fault> faults;
+    std::vector<FaultDescription> faults;
 };
 
 /// One parallel flash chip of a machine file.
 struct NorChipDescription {
     const NorPart* part;
     std::filesystem::path image; ///< contents, kept from run to run; empty: a blank chip each time
-    std::vector<Fault> faults;
+    std::vector<FaultDescription> faults;
 };
 
 /// What is special about an adapter's PHY test block.
 struct PhyDescription {
     std::optional<std::uint32_t> ports_implemented;
-    std::vector<PhyFault> faults;
+    std::vector<PhyFaultDescription> faults;
 };
 
 /// One adapter of a machine file.
@@ -40,6 +52,7 @@ struct AdapterDescription {
     std::optional<SpiChipDescription> spi;
     std::optional<NorChipDescription> nor;
     std::optional<PhyDescription> phy;
+    std::size_t line; ///< of the machine file
 };
 
 /// A firmware call of a machine file that fails, by its name.
@@ -47,10 +60,12 @@ struct FirmwareFaultDescription {
     std::string call;
     std::uint64_t nth;
     std::uint64_t times;
+    std::size_t line; ///< of the machine file
 };
 
 /// A machine file.
 struct MachineDescription {
+    std::filesystem::path file;
     BusyTimes times;
     std::vector<FirmwareFaultDescription> firmware_faults; ///< for firmware in a process alone
     std::vector<AdapterDescription> adapters;
@@ -65,5 +80,8 @@ MachineDescription load_machine_file(const std::filesystem::path& file);
 /// @throws support::InputError when an image file cannot be used
 std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock,
                                        ImageFiles& images);
+
+/// The lines of hardware faults that changed nothing so far, in the order of the machine file.
+std::vector<std::size_t> idle_faults(const MachineDescription& description, const Machine& machine);
 
 } // namespace emulator

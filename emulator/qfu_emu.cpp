@@ -1,11 +1,16 @@
 // The program in a Linux process, on an emulated machine.
+#include "command_line.h"
 #include "in_process.h"
 #include "keyboard.h"
+#include "known.h"
 #include "machine_file.h"
 #include "report.h"
+#include "support/input_error.h"
+#include "support/nearest_word.h"
 #include "support/version.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <iostream>
@@ -14,15 +19,12 @@ namespace {
 
 using namespace emulator;
 
-/// Exit status when the emulator itself cannot do what it was asked for; the program's own statuses
-/// are 0 and 3.
-constexpr int kEmulatorFailed = 2;
-
 struct Options {
     std::string machine;
     std::optional<std::string> keys;
     std::string folder = ".";
     std::string log;
+    std::string things; ///< what to list, instead of a run
     std::vector<std::string> arguments;
 };
 
@@ -71,11 +73,31 @@ void press_keys(Terminal& terminal, const Options& options, std::optional<Keyboa
     });
 }
 
-void print_notes(Firmware& firmware) {
+void print_notes(Firmware& firmware, const MachineDescription& description) {
     print_misuse("qfu-emu", firmware.journal());
     if (firmware.terminal().starved()) {
         std::cerr << "qfu-emu: the program asked for a key and there was none; it got Enter\n";
     }
+    std::vector<std::size_t> lines = idle_faults(description, firmware.machine());
+    for (const FirmwareFaultDescription& fault : description.firmware_faults) {
+        if ((firmware.faults().*call_named(fault.call)).never_struck()) {
+            lines.push_back(fault.line);
+        }
+    }
+    print_idle_faults("qfu-emu", description.file, std::move(lines));
+}
+
+/// The files that the log must not replace: what the machine is made of, and files in the shell's
+/// volume that the program reads.
+std::vector<std::filesystem::path> inputs(const Options& options, const ImageFiles& images) {
+    std::vector<std::filesystem::path> files = images.names();
+    files.emplace_back(options.machine);
+    const std::filesystem::path volume = options.folder;
+    files.push_back(volume / "spilist.bin");
+    for (const std::string& argument : options.arguments) {
+        files.push_back(volume / argument);
+    }
+    return files;
 }
 
 int run(const Options& options) {
@@ -84,7 +106,7 @@ int run(const Options& options) {
     ImageFiles images;
     const auto machine = build_machine(description, clock, images);
     machine->assign_bars();
-    const CycleLog log(options.log, machine->journal());
+    CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
     Firmware firmware(*machine, clock, options.folder);
     firmware.terminal().on_output([](std::string_view text) { std::cout << text << std::flush; });
     std::vector<std::filesystem::path> own = images.names();
@@ -94,46 +116,70 @@ int run(const Options& options) {
     press_keys(firmware.terminal(), options, keyboard);
     const CtrlC ctrl_c(firmware);
     for (const FirmwareFaultDescription& fault : description.firmware_faults) {
-        for (const NamedCall& call : kNamedCalls) {
-            if (call.name == fault.call) {
-                (firmware.faults().*call.fault).fail(fault.nth, fault.times);
-            }
-        }
+        (firmware.faults().*call_named(fault.call)).fail(fault.nth, fault.times);
     }
     std::vector<std::string> arguments = {kCommandName};
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
-    print_notes(firmware);
+    print_notes(firmware, description);
+    log.finish();
     images.expect_kept();
+    support::finish_standard_output();
     return static_cast<int>(status & 0xFF);
+}
+
+int list(const std::string& wanted) {
+    const auto* things = std::ranges::find(kKnownThings, wanted, &KnownThings::name);
+    if (things == kKnownThings.end()) {
+        std::vector<std::string_view> names;
+        std::ranges::transform(kKnownThings, std::back_inserter(names), &KnownThings::name);
+        throw support::InputError(support::unknown_word("list", wanted, names));
+    }
+    things->print();
+    support::finish_standard_output();
+    return 0;
 }
 
 } // namespace
 
 int main(int argc, char** argv) try {
+    const CommandLine line(argc, argv);
     CLI::App app{"Runs qfu on an emulated machine and shows its console.\n"
                  "The exit status is what the UEFI shell would show: 0, or 3 when qfu reports a "
-                 "failure; 2 when the emulator cannot run."};
+                 "failure. It is 2 when the emulator cannot do its part.",
+                 "qfu-emu"};
+    set_usage(app, "Usage: qfu-emu --machine FILE [OPTION...] -- QFU-ARGUMENT...\n"
+                   "       qfu-emu list parts|adapters|faults");
     Options options;
-    app.add_option("--machine", options.machine, "machine file (TOML): adapters, chips, faults")
-        ->required();
+    options.arguments = line.behind;
+    app.add_option("--machine", options.machine, "machine file (TOML): adapters, chips, faults");
     app.add_option("--keys", options.keys,
                    "keys that are pressed, in order; without it they come from standard input");
     app.add_option("--dir", options.folder, "folder that the shell sees as its volume FS0:")
         ->check(CLI::ExistingDirectory);
     app.add_option("--log", options.log,
                    "file that receives what happens on the flash bus and in the PHY test block");
-    app.add_option("arguments", options.arguments, "arguments of qfu, behind --");
-    app.footer("Example:\n  qfu-emu --machine emulator/machines/indexed.toml --dir work -- "
-               "-wbf image.bin -addr 0 -y");
+    CLI::App* known = app.add_subcommand("list", "print what machine files can name");
+    known->add_option("things", options.things, "parts, adapters or faults");
+    set_usage(*known, "Usage: qfu-emu list parts|adapters|faults");
+    known->footer("Example:\n  qfu-emu list parts");
+    app.footer("Examples:\n"
+               "  qfu-emu --machine emulator/machines/indexed.toml --dir work -- -l\n"
+               "  qfu-emu --machine emulator/machines/indexed.toml --dir work --log cycles.txt -- "
+               "-wbf image.bin -addr 0 -y\n"
+               "  qfu-emu list parts");
     app.set_version_flag("--version", support::version_line("qfu-emu"));
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kEmulatorFailed;
+    if (const auto status = parse(app, line, "qfu-emu --machine FILE -- -l")) {
+        return *status;
+    }
+    if (known->parsed()) {
+        return list(options.things);
+    }
+    if (options.machine.empty()) {
+        throw support::InputError("--machine is missing; \"qfu-emu --help\" tells more");
     }
     return run(options);
 } catch (const std::exception& error) {
     std::cerr << "qfu-emu: " << error.what() << '\n';
-    return kEmulatorFailed;
+    return emulator::kCannotRun;
 }

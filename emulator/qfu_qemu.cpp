@@ -1,4 +1,5 @@
 // Runs QEMU with a machine file's adapters in the guest.
+#include "command_line.h"
 #include "machine_file.h"
 #include "qemu_bridge.h"
 #include "report.h"
@@ -16,8 +17,6 @@
 namespace {
 
 using namespace emulator;
-
-constexpr int kBridgeFailed = 2;
 
 struct Options {
     std::string machine;
@@ -37,7 +36,7 @@ pid_t start(const std::vector<std::string>& command) {
         prctl(PR_SET_PDEATHSIG, SIGTERM); // without its adapters the guest is of no use
         execvp(arguments[0], arguments.data());
         std::cerr << "qfu-qemu: " << arguments[0] << ": " << std::strerror(errno) << '\n';
-        _exit(kBridgeFailed);
+        _exit(kCannotRun);
     }
     if (child < 0) {
         throw support::InputError("no process for QEMU");
@@ -45,19 +44,37 @@ pid_t start(const std::vector<std::string>& command) {
     return child;
 }
 
+/// The files that the log must not replace: what the machine is made of, and the guest's drives.
+std::vector<std::filesystem::path> inputs(const Options& options, const ImageFiles& images) {
+    constexpr std::string_view kFile = "file=";
+    std::vector<std::filesystem::path> files = images.names();
+    files.emplace_back(options.machine);
+    for (const std::string& word : options.command) {
+        files.emplace_back(word);
+        const std::size_t name = word.find(kFile);
+        if (name != word.npos) {
+            files.emplace_back(
+                word.substr(name + kFile.size(), word.find(',', name) - name - kFile.size()));
+        }
+    }
+    return files;
+}
+
 int run(const Options& options) {
     const MachineDescription description = load_machine_file(options.machine);
     if (!description.firmware_faults.empty()) {
-        throw support::InputError(options.machine + ": a guest's firmware does not fail on demand");
+        throw support::InputError(options.machine + ":" +
+                                  std::to_string(description.firmware_faults.front().line) +
+                                  ": a guest's firmware does not fail on demand; qfu-emu's does");
     }
     const SteadyClock clock;
     ImageFiles images;
     const auto machine = build_machine(description, clock, images);
-    const CycleLog log(options.log, machine->journal());
     for (const auto& image : images.read_only()) {
         std::cerr << "qfu-qemu: " << image.string()
                   << ": is read-only; what the guest writes to its chip will be lost\n";
     }
+    CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
     QemuBridge bridge(*machine);
     std::vector<std::string> command = options.command;
     const auto devices = bridge.arguments();
@@ -68,33 +85,43 @@ int run(const Options& options) {
     int status = 0;
     waitpid(qemu, &status, 0);
     print_misuse("qfu-qemu", machine->journal());
+    print_idle_faults("qfu-qemu", description.file, idle_faults(description, *machine));
+    log.finish();
     images.expect_kept();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : kBridgeFailed;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : kCannotRun;
 }
 
 } // namespace
 
 int main(int argc, char** argv) try {
+    const CommandLine line(argc, argv);
     CLI::App app{
         "Runs QEMU with a machine file's adapters in the guest. The guest's memory must be "
         "shared (memory-backend-memfd).\n"
-        "The exit status is QEMU's, or 2 when QEMU or the machine file cannot be used."};
+        "The exit status is QEMU's, or 2 when the adapters cannot be served.",
+        "qfu-qemu"};
+    set_usage(app, "Usage: qfu-qemu --machine FILE [OPTION...] -- QEMU [QEMU-ARGUMENT...]");
     Options options;
+    options.command = line.behind;
     app.add_option("--machine", options.machine, "machine file (TOML)")->required();
     app.add_option("--log", options.log,
                    "file that receives what happens on the flash bus and in the PHY test block");
-    app.add_option("command", options.command, "QEMU and its arguments, behind --")->required();
-    app.set_version_flag("--version", support::version_line("qfu-qemu"));
-    app.footer("Example:\n  qfu-qemu --machine emulator/machines/two.toml -- qemu-system-x86_64 "
+    app.footer("Example:\n"
+               "  qfu-qemu --machine emulator/machines/indexed.toml -- qemu-system-x86_64 "
                "-machine q35,memory-backend=m0 -m 256 "
-               "-object memory-backend-memfd,id=m0,size=256M,share=on");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kBridgeFailed;
+               "-object memory-backend-memfd,id=m0,size=256M,share=on\n"
+               "scripts/run starts a whole guest, firmware and shell included.");
+    app.set_version_flag("--version", support::version_line("qfu-qemu"));
+    constexpr char kRightLine[] = "qfu-qemu --machine FILE -- qemu-system-x86_64 ...";
+    if (const auto status = parse(app, line, kRightLine)) {
+        return *status;
+    }
+    if (options.command.empty()) {
+        throw support::InputError("QEMU's command line is missing; it stands behind \"--\": " +
+                                  std::string(kRightLine));
     }
     return run(options);
 } catch (const std::exception& error) {
     std::cerr << "qfu-qemu: " << error.what() << '\n';
-    return kBridgeFailed;
+    return emulator::kCannotRun;
 }

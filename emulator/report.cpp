@@ -1,25 +1,71 @@
 #include "report.h"
 
-#include "support/input_error.h"
-
+#include <algorithm>
+#include <array>
+#include <cstdio>
 #include <iostream>
 
 namespace emulator {
+namespace {
 
-CycleLog::CycleLog(const std::filesystem::path& file, Journal& journal) {
+/// Seconds with six decimals, in a column of its own.
+std::string time_column(std::uint64_t ns) {
+    constexpr std::uint64_t kNsPerUs = 1'000;
+    constexpr std::uint64_t kUsPerSecond = 1'000'000;
+    const std::uint64_t us = ns / kNsPerUs;
+    std::array<char, 40> text{};
+    std::snprintf(text.data(), text.size(), "%5llu.%06llu  ",
+                  static_cast<unsigned long long>(us / kUsPerSecond),
+                  static_cast<unsigned long long>(us % kUsPerSecond));
+    return text.data();
+}
+
+} // namespace
+
+CycleLog::CycleLog(const std::filesystem::path& file, std::span<const std::filesystem::path> inputs,
+                   Journal& journal, const Clock& clock)
+    : journal_(&journal) {
     if (file.empty()) {
         return;
     }
-    file_.open(file);
-    if (!file_) {
-        throw support::InputError(file.string() + ": cannot be written");
+    file_.emplace(file, inputs, support::Appears::kAsWritten);
+    journal.listen_to_cycles([this, &clock, start = clock.now_ns()](std::string_view line) {
+        file_->write(time_column(clock.now_ns() - start));
+        file_->write(line);
+        file_->write("\n");
+    });
+}
+
+CycleLog::~CycleLog() {
+    if (file_) {
+        journal_->listen_to_cycles(nullptr);
     }
-    journal.listen_to_cycles([this](std::string_view line) { file_ << line << '\n'; });
+}
+
+void CycleLog::finish() {
+    if (file_) {
+        journal_->listen_to_cycles(nullptr);
+        file_->finish();
+    }
 }
 
 void print_misuse(const char* program, const Journal& journal) {
-    for (const std::string& misuse : journal.misuses()) {
-        std::cerr << program << ": misuse: " << misuse << '\n';
+    constexpr std::size_t kShown = 10;
+    const std::size_t shown = std::min(kShown, journal.misuses().size());
+    for (std::size_t i = 0; i < shown; ++i) {
+        std::cerr << program << ": misuse: " << journal.misuses()[i] << '\n';
+    }
+    if (journal.misuse_count() > shown) {
+        std::cerr << program << ": misuse: and " << journal.misuse_count() - shown << " more\n";
+    }
+}
+
+void print_idle_faults(const char* program, const std::filesystem::path& machine,
+                       std::vector<std::size_t> lines) {
+    std::ranges::sort(lines);
+    for (const std::size_t line : lines) {
+        std::cerr << program << ": " << machine.string() << ":" << line
+                  << ": this fault never struck\n";
     }
 }
 

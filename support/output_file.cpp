@@ -42,10 +42,13 @@ int standard_stream(const struct stat& file) {
 
 bool is_same_file(const fs::path& a, const fs::path& b) {
     std::error_code error;
-    if (fs::exists(a, error) && fs::exists(b, error)) {
+    const bool a_exists = fs::exists(a, error);
+    const bool b_exists = fs::exists(b, error);
+    if (a_exists && b_exists) {
         return fs::equivalent(a, b, error);
     }
-    return fs::weakly_canonical(fs::absolute(a)) == fs::weakly_canonical(fs::absolute(b));
+    return a_exists == b_exists && fs::weakly_canonical(fs::absolute(a), error) ==
+                                       fs::weakly_canonical(fs::absolute(b), error);
 }
 
 OutputFile::OutputFile(const fs::path& name, std::span<const fs::path> inputs, Appears appears)

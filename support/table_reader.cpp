@@ -1,5 +1,10 @@
 #include "support/table_reader.h"
 
+#include "support/nearest_word.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
 #include <utility>
 
 namespace support {
@@ -22,8 +27,15 @@ std::string range(std::int64_t least, std::int64_t most) {
 } // namespace
 
 toml::table parse_toml(const std::filesystem::path& file) {
+    if (std::filesystem::is_directory(file)) {
+        throw InputError(file.string() + ": is a folder; it must be a TOML file");
+    }
+    std::ifstream text(file);
+    if (!text) {
+        throw InputError(file.string() + ": cannot be read: " + std::strerror(errno));
+    }
     try {
-        return toml::parse_file(file.string());
+        return toml::parse(text, file.string());
     } catch (const toml::parse_error& error) {
         throw InputError(file.string() + ":" + std::to_string(error.source().begin.line) + ": " +
                          std::string(error.description()));
@@ -63,6 +75,14 @@ std::string TableReader::text(std::string_view key, std::optional<std::string> o
         fail(key, "must be a text");
     }
     return *value;
+}
+
+bool TableReader::flag(std::string_view key) {
+    const toml::node* node = take(key);
+    if (node != nullptr && !node->is_boolean()) {
+        fail(key, "must be true or false");
+    }
+    return node != nullptr && node->as_boolean()->get();
 }
 
 std::vector<std::int64_t> TableReader::numbers(std::string_view key, std::int64_t least,
@@ -120,9 +140,19 @@ const toml::table* TableReader::table(std::string_view key) {
 void TableReader::finish() const {
     for (const auto& [key, node] : table_) {
         if (!asked_.contains(key.str())) {
-            fail(key.str(), "is no key that is known here");
+            const std::vector<std::string_view> known(asked_.begin(), asked_.end());
+            fail(key.str(), unknown_word("key", key.str(), known));
         }
     }
+}
+
+std::size_t TableReader::line() const {
+    return table_.source().begin.line;
+}
+
+bool TableReader::has(std::string_view key) {
+    asked_.emplace(key);
+    return table_.contains(key);
 }
 
 const toml::node* TableReader::take(std::string_view key) {

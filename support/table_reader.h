@@ -24,12 +24,18 @@ class TableReader {
 
     [[noreturn]] void fail(std::string_view key, const std::string& what) const;
 
-    bool has(std::string_view key) const { return table_.contains(key); }
+    /// The line that the table begins on.
+    std::size_t line() const;
+
+    bool has(std::string_view key);
 
     /// The key's value; `otherwise` when the key is not there, which without one is an error.
     std::int64_t number(std::string_view key, std::int64_t least, std::int64_t most,
                         std::optional<std::int64_t> otherwise = std::nullopt);
     std::string text(std::string_view key, std::optional<std::string> otherwise = std::nullopt);
+
+    /// True or false; false when the key is not there.
+    bool flag(std::string_view key);
 
     /// The elements of the key's array; none when the key is not there.
     std::vector<std::int64_t> numbers(std::string_view key, std::int64_t least, std::int64_t most);

@@ -52,7 +52,22 @@ TEST(QfuEmu, KeepsFlashContentsFromRunToRunAndLogsCycles) {
     EXPECT_EQ(program.status, 0) << program.output;
     EXPECT_NE(program.output.find("Write file is successful!!"), std::string::npos);
     EXPECT_EQ(f.lab.read_file("chip.bin").size(), 0x80000U);
-    EXPECT_NE(f.lab.read_text("log.txt").find("0.cs1  02 @000019 > "), std::string::npos);
+    const std::string log = f.lab.read_text("log.txt");
+    const std::size_t cycle = log.find("  0.cs1  02 @000019 > ");
+    ASSERT_NE(cycle, std::string::npos);
+    EXPECT_GT(std::stod(log.substr(log.rfind('\n', cycle), 12)), 0.0) << "the time";
+    for (const char* input : {"machine.toml", "./chip.bin", "image.bin", "new.toml"}) {
+        EXPECT_EQ(f.run("qfu-emu", std::string("--machine machine.toml --log ") + input +
+                                       " -- -wbf image.bin -addr 0")
+                      .status,
+                  2)
+            << input;
+    }
+    EXPECT_EQ(f.lab.read_file("image.bin"), lab::pattern(10));
+    EXPECT_TRUE(f.run("qfu-emu", "--machine machine.toml --log /dev/full -- -l")
+                    .output.ends_with("qfu-emu: /dev/full: cannot be written: No space left on "
+                                      "device\n"));
+    EXPECT_EQ(f.run("qfu-emu", "--machine machine.toml -- -l >/dev/full").status, 2);
     EXPECT_EQ(f.run("qfu-emu", "--machine machine.toml -- -rfb dump.bin -addr 16 -sz 10").status,
               0);
     EXPECT_EQ(f.lab.read_file("dump.bin"), lab::pattern(10));
@@ -87,9 +102,41 @@ TEST(QfuEmu, ExitsWithTheShellsStatusAndSaysWhatIsWrong) {
     EXPECT_EQ(file.status, 2);
     EXPECT_NE(file.output.find("none.toml"), std::string::npos);
     EXPECT_EQ(f.run("qfu-emu", "-- -l").status, 2);
-    EXPECT_NE(f.run("qfu-emu", "--help").output.find("--machine"), std::string::npos);
+    const Result no_separator = f.run("qfu-emu", "--machine machine.toml -l");
+    EXPECT_EQ(no_separator.status, 2);
+    EXPECT_NE(no_separator.output.find("qfu-emu --machine FILE -- -l"), std::string::npos);
+    EXPECT_NE(f.run("qfu-emu", "lst parts").output.find("Did you mean \"list\"?"),
+              std::string::npos);
+    EXPECT_NE(f.run("qfu-emu", "list fault").output.find("did you mean \"faults\"?"),
+              std::string::npos);
+    EXPECT_NE(f.run("qfu-emu", "list parts").output.find("W25X40       EF 30 13   512 KiB"),
+              std::string::npos);
+    EXPECT_EQ(f.run("qfu-emu", "--machine . -- -l").output,
+              "qfu-emu: .: is a folder; it must be a TOML file\n");
     const Result starved = f.run("qfu-emu", "--machine machine.toml -- -wpa");
     EXPECT_NE(starved.output.find("asked for a key and there was none"), std::string::npos);
+}
+
+TEST(QfuEmu, SaysInFewWordsWhatTheHardwareSuffered) {
+    Folder f;
+    const std::string machine = f.lab.read_text("machine.toml");
+    const std::string fault = "[[adapter.spi.fault]]\nkind = ";
+    f.lab.write_file("machine.toml", machine + fault + "\"not stored\"\non = \"sector erase\"\n" +
+                                         fault + "\"no answer\"\non = \"read\"\nnth = 9999\n" +
+                                         "[[firmware_fault]]\ncall = \"pool\"\nnth = 9999\n");
+    f.lab.write_file("chip.bin", lab::Bytes(0x80000, 0));
+    f.lab.write_file("image.bin", std::string(25, 'A'));
+    const std::string output =
+        f.run("qfu-emu", "--machine machine.toml -- -wbf image.bin -addr 0 -y").output;
+    std::string notes;
+    for (int i = 0; i < 10; ++i) {
+        notes += "qfu-emu: misuse: 0.cs1: program of 41 over 00 at 00000" + std::to_string(i) +
+                 " sets bits\n";
+    }
+    EXPECT_TRUE(output.ends_with(notes + "qfu-emu: misuse: and 15 more\n"
+                                         "qfu-emu: machine.toml:10: this fault never struck\n"
+                                         "qfu-emu: machine.toml:14: this fault never struck\n"))
+        << output;
 }
 
 TEST(QfuEmu, EndsAnEndlessLoopbackThatNobodyWatches) {

@@ -78,6 +78,10 @@ SpiLayout layout(Interface interface) {
 
 } // namespace
 
+std::span<const AdapterModel> adapter_models() {
+    return kModels;
+}
+
 const AdapterModel* find_adapter_model(std::uint16_t vendor, std::uint16_t device) {
     for (const AdapterModel& model : kModels) {
         if (model.vendor == vendor && model.device == device) {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,8 @@ struct AdapterModel {
     std::uint8_t generation;
     std::uint8_t ports;
 };
+
+std::span<const AdapterModel> adapter_models();
 
 /// The model with these IDs, or null.
 const AdapterModel* find_adapter_model(std::uint16_t vendor, std::uint16_t device);

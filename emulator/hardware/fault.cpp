@@ -1,29 +1,43 @@
 #include "hardware/fault.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
 namespace emulator {
 namespace {
 
-constexpr std::array<std::pair<Operation, std::string_view>, 16> kOperations = {
+/// What an operation is, as far as faults are concerned.
+struct OperationTraits {
+    Operation operation;
+    std::string_view name;
+    bool on_spi;
+    bool on_nor;
+    bool addressed; ///< touches bytes of the chip
+    bool changes;   ///< programs or erases them
+    bool stores;    ///< changes something that the chip keeps
+    bool answers;   ///< sends bytes
+};
+
+constexpr std::array<OperationTraits, 16> kOperations = {
     {
-     {Operation::kReadId, "read id"},
-     {Operation::kWriteEnable, "write enable"},
-     {Operation::kWriteDisable, "write disable"},
-     {Operation::kReadStatus, "read status"},
-     {Operation::kWriteStatus, "write status"},
-     {Operation::kRead, "read"},
-     {Operation::kProgram, "program"},
-     {Operation::kSectorErase, "sector erase"},
-     {Operation::kBlockErase, "block erase"},
-     {Operation::kChipErase, "chip erase"},
-     {Operation::kQueryProtection, "query protection"},
-     {Operation::kProtectSector, "protect sector"},
-     {Operation::kUnprotectSector, "unprotect sector"},
-     {Operation::kReset, "reset"},
-     {Operation::kUnlockBypass, "unlock bypass"},
-     {Operation::kBypassReset, "bypass reset"},
+     // operation, name, on SPI and NOR flash; is addressed, changes, stores, answers
+        {Operation::kReadId, "read id", true, true, false, false, false, true},
+     {Operation::kWriteEnable, "write enable", true, false, false, false, false, false},
+     {Operation::kWriteDisable, "write disable", true, false, false, false, false, false},
+     {Operation::kReadStatus, "read status", true, false, false, false, false, true},
+     {Operation::kWriteStatus, "write status", true, false, false, false, true, false},
+     {Operation::kRead, "read", true, true, true, false, false, true},
+     {Operation::kProgram, "program", true, true, true, true, true, false},
+     {Operation::kSectorErase, "sector erase", true, true, true, true, true, false},
+     {Operation::kBlockErase, "block erase", true, false, true, true, true, false},
+     {Operation::kChipErase, "chip erase", true, true, true, true, true, false},
+     {Operation::kQueryProtection, "query protection", true, false, true, false, false, true},
+     {Operation::kProtectSector, "protect sector", true, false, false, false, true, false},
+     {Operation::kUnprotectSector, "unprotect sector", true, false, false, false, true, false},
+     {Operation::kReset, "reset", false, true, false, false, false, false},
+     {Operation::kUnlockBypass, "unlock bypass", false, true, false, false, false, false},
+     {Operation::kBypassReset, "bypass reset", false, true, false, false, false, false},
      }
 };
 
@@ -39,26 +53,6 @@ constexpr std::array<std::pair<FaultKind, std::string_view>, 7> kFaultKinds = {
      }
 };
 
-template <class Table, class Key>
-std::string_view name_of(const Table& table, Key key) {
-    for (const auto& [value, name] : table) {
-        if (value == key) {
-            return name;
-        }
-    }
-    return "unknown";
-}
-
-template <class Key, class Table>
-std::optional<Key> value_of(const Table& table, std::string_view wanted) {
-    for (const auto& [value, name] : table) {
-        if (name == wanted) {
-            return value;
-        }
-    }
-    return std::nullopt;
-}
-
 bool touches(const Fault& fault, std::uint32_t address, std::uint64_t length) {
     return !fault.address || (*fault.address >= address && *fault.address - address < length);
 }
@@ -68,19 +62,58 @@ static_assert(kOperations.size() + 1 == kOperationCount, "all but the unknown on
 } // namespace
 
 std::string_view operation_name(Operation operation) {
-    return name_of(kOperations, operation);
+    const auto* found = std::ranges::find(kOperations, operation, &OperationTraits::operation);
+    return found == kOperations.end() ? "unknown" : found->name;
 }
 
 std::optional<Operation> operation_named(std::string_view name) {
-    return value_of<Operation>(kOperations, name);
+    const auto* found = std::ranges::find(kOperations, name, &OperationTraits::name);
+    return found == kOperations.end() ? std::nullopt : std::optional(found->operation);
+}
+
+std::vector<std::string_view> fault_kind_names() {
+    std::vector<std::string_view> names;
+    for (const auto& [kind, name] : kFaultKinds) {
+        names.push_back(name);
+    }
+    return names;
 }
 
 std::string_view fault_kind_name(FaultKind kind) {
-    return name_of(kFaultKinds, kind);
+    return std::ranges::find(kFaultKinds, kind, [](const auto& row) { return row.first; })->second;
 }
 
 std::optional<FaultKind> fault_kind_named(std::string_view name) {
-    return value_of<FaultKind>(kFaultKinds, name);
+    const auto* found =
+        std::ranges::find(kFaultKinds, name, [](const auto& row) { return row.second; });
+    return found == kFaultKinds.end() ? std::nullopt : std::optional(found->first);
+}
+
+bool has_mask(FaultKind kind) {
+    return kind == FaultKind::kStuckBits || kind == FaultKind::kWrongData;
+}
+
+std::vector<std::string_view> operations_of(ChipKind chip, FaultKind kind) {
+    std::vector<std::string_view> names;
+    for (const OperationTraits& o : kOperations) {
+        const bool known = chip == ChipKind::kSpi ? o.on_spi : o.on_nor;
+        // Reading parallel flash is no command: nothing of it can be ignored or go on.
+        const bool command = chip == ChipKind::kSpi || o.operation != Operation::kRead;
+        const bool concerned = kind == FaultKind::kNotStored   ? o.stores
+                               : kind == FaultKind::kStuckBits ? o.changes
+                               : kind == FaultKind::kWrongData || kind == FaultKind::kNoAnswer
+                                   ? o.answers
+                                   : command;
+        if (known && concerned) {
+            names.push_back(o.name);
+        }
+    }
+    return names;
+}
+
+bool has_address(Operation operation) {
+    const auto* found = std::ranges::find(kOperations, operation, &OperationTraits::operation);
+    return found != kOperations.end() && found->addressed;
 }
 
 void Faults::begin(Operation operation, std::uint32_t address, std::uint64_t length) {
@@ -100,6 +133,7 @@ void Faults::begin(Operation operation, std::uint32_t address, std::uint64_t len
 std::optional<std::uint8_t> Faults::search(FaultKind kind) const {
     for (const Counted& c : faults_) {
         if (c.strikes && c.fault.kind == kind) {
+            c.struck = true;
             return c.fault.mask;
         }
     }

@@ -46,8 +46,22 @@ enum class FaultKind : std::uint8_t {
     kNoAnswer,       ///< the chip's output stays idle
 };
 
+/// The kinds' names in machine files.
+std::vector<std::string_view> fault_kind_names();
 std::string_view fault_kind_name(FaultKind kind);
 std::optional<FaultKind> fault_kind_named(std::string_view name);
+
+/// What sort of chip has a fault.
+enum class ChipKind : std::uint8_t { kSpi, kNor };
+
+/// True for kinds that look at the mask.
+bool has_mask(FaultKind kind);
+
+/// The operations of such a chip that a fault of the kind changes anything about.
+std::vector<std::string_view> operations_of(ChipKind chip, FaultKind kind);
+
+/// True for operations that touch bytes of the chip.
+bool has_address(Operation operation);
 
 /// One fault. It strikes operations `on` (any when absent) that touch `address` (any when absent),
 /// from the `nth` of them on (the first is 1), `times` times (0: for ever).
@@ -67,6 +81,9 @@ class Faults {
     void clear() { faults_.clear(); }
     bool empty() const { return faults_.empty(); }
 
+    /// True when the fault, by the order of adding, has changed anything so far.
+    bool has_struck(std::size_t i) const { return faults_[i].struck; }
+
     /// Notes an operation that starts and finds out which faults strike it. `address` and `length`
     /// are the bytes that it touches; a length of 0 means that it touches none in particular.
     void begin(Operation operation, std::uint32_t address, std::uint64_t length);
@@ -81,6 +98,7 @@ class Faults {
         Fault fault;
         std::uint64_t met;
         bool strikes = false;
+        mutable bool struck = false; ///< noted when somebody asks for it
     };
     std::optional<std::uint8_t> search(FaultKind kind) const;
 

@@ -17,9 +17,13 @@ constexpr NorPart kParts[] = {
 
 } // namespace
 
+std::span<const NorPart> nor_parts() {
+    return kParts;
+}
+
 const NorPart* find_nor_part(std::uint32_t id) {
     for (const NorPart& part : kParts) {
-        if ((std::uint32_t{part.device} << 16 | part.manufacturer) == id) {
+        if (part.id() == id) {
             return &part;
         }
     }

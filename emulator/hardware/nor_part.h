@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 namespace emulator {
 
@@ -12,10 +13,14 @@ struct NorPart {
     std::uint16_t device;
     std::uint32_t size; ///< bytes
     bool boot_blocks_at_top;
+
+    /// Its identification, manufacturer in bits 0 to 15 and device in bits 16 to 31.
+    constexpr std::uint32_t id() const { return std::uint32_t{device} << 16 | manufacturer; }
 };
 
-/// The part that answers with this identification, manufacturer in bits 0 to 15 and device in bits
-/// 16 to 31; or null.
+std::span<const NorPart> nor_parts();
+
+/// The part that answers with this identification, or null.
 const NorPart* find_nor_part(std::uint32_t id);
 
 /// A range of bytes that is erased as one.

@@ -98,6 +98,14 @@ constexpr std::array<std::pair<PhyFaultKind, std::string_view>, 4> kFaultKinds =
 
 } // namespace
 
+std::vector<std::string_view> phy_fault_kind_names() {
+    std::vector<std::string_view> names;
+    for (const auto& [kind, name] : kFaultKinds) {
+        names.push_back(name);
+    }
+    return names;
+}
+
 std::optional<PhyFaultKind> phy_fault_kind_named(std::string_view name) {
     for (const auto& [kind, known] : kFaultKinds) {
         if (known == name) {

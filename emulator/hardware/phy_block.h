@@ -21,7 +21,8 @@ enum class PhyFaultKind : std::uint8_t {
     kCount,  ///< the PRBS counter shows `value`
 };
 
-/// The kind with that name in machine files.
+/// The kinds' names in machine files, and the kind with a name.
+std::vector<std::string_view> phy_fault_kind_names();
 std::optional<PhyFaultKind> phy_fault_kind_named(std::string_view name);
 
 /// One fault of one port. It strikes the reads that show it (status, error counter, latch) from the
@@ -58,6 +59,9 @@ class PhyBlock {
 
     void set_ports_implemented(std::uint32_t ports) { ports_implemented_ = ports; }
     void add_fault(const PhyFault& fault) { faults_.push_back({fault, 0}); }
+
+    /// True when the fault, by the order of adding, has struck so far.
+    bool has_struck(std::size_t i) const { return faults_[i].met >= faults_[i].fault.nth; }
 
   private:
     struct Register;

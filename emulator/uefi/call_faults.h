@@ -1,6 +1,7 @@
 // Firmware calls that fail on demand.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string_view>
@@ -21,6 +22,9 @@ class CallFault {
         ++calls_;
         return nth_ != 0 && calls_ >= nth_ && (times_ == 0 || calls_ < nth_ + times_);
     }
+
+    /// True when calls should have failed and none has.
+    bool never_struck() const { return nth_ != 0 && calls_ < nth_; }
 
     std::uint64_t calls() const { return calls_; }
 
@@ -74,5 +78,10 @@ inline constexpr std::array<NamedCall, 15> kNamedCalls = {
      {"clock", &FirmwareFaults::clock},
      }
 };
+
+/// The calls of that name, which must be one of the named.
+constexpr CallFault FirmwareFaults::*call_named(std::string_view name) {
+    return std::ranges::find(kNamedCalls, name, &NamedCall::name)->fault;
+}
 
 } // namespace emulator

@@ -1,0 +1,32 @@
+// What the emulator's programs have in common on their command lines.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace emulator {
+
+/// A command line: the program's own words and, behind "--", the words of what it runs.
+struct CommandLine {
+    std::vector<std::string> own;
+    std::vector<std::string> behind;
+
+    CommandLine(int argc, const char* const* argv);
+};
+
+/// Sets the lines that the help shows first.
+void set_usage(CLI::App& app, std::string usage);
+
+/// Exit status of a program that cannot do what it was asked for.
+inline constexpr int kCannotRun = 2;
+
+/// Parses a program's own words.
+/// @param hint  a right command line, shown when there are words that belong behind "--"
+/// @returns the exit status when the program has to end: after help, or after a usage error that
+///          was printed
+std::optional<int> parse(CLI::App& app, const CommandLine& line, std::string_view hint);
+
+} // namespace emulator
