@@ -7,8 +7,10 @@
 #include "hardware/spi_part.h"
 #include "uefi/call_faults.h"
 
+#include <algorithm>
 #include <iomanip>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -99,9 +101,7 @@ void print_faults() {
     print_chip_faults("nor", ChipKind::kNor);
     std::cout << "[[adapter.phy.fault]]\nkind: " << joined(phy_fault_kind_names()) << "\n\n";
     std::vector<std::string_view> calls;
-    for (const NamedCall& call : kNamedCalls) {
-        calls.push_back(call.name);
-    }
+    std::ranges::transform(kNamedCalls, std::back_inserter(calls), &NamedCall::name);
     std::cout << "[[firmware_fault]]\ncall: " << joined(calls) << '\n';
 }
 

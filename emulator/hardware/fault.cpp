@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <utility>
 
 namespace emulator {
@@ -73,9 +74,8 @@ std::optional<Operation> operation_named(std::string_view name) {
 
 std::vector<std::string_view> fault_kind_names() {
     std::vector<std::string_view> names;
-    for (const auto& [kind, name] : kFaultKinds) {
-        names.push_back(name);
-    }
+    std::ranges::transform(kFaultKinds, std::back_inserter(names),
+                           [](const auto& row) { return row.second; });
     return names;
 }
 

@@ -1,6 +1,7 @@
 #include "hardware/phy_block.h"
 
 #include <algorithm>
+#include <iterator>
 #include <span>
 #include <utility>
 
@@ -100,9 +101,8 @@ constexpr std::array<std::pair<PhyFaultKind, std::string_view>, 4> kFaultKinds =
 
 std::vector<std::string_view> phy_fault_kind_names() {
     std::vector<std::string_view> names;
-    for (const auto& [kind, name] : kFaultKinds) {
-        names.push_back(name);
-    }
+    std::ranges::transform(kFaultKinds, std::back_inserter(names),
+                           [](const auto& row) { return row.second; });
     return names;
 }
 
