@@ -27,7 +27,8 @@ template <class Words>
 std::string joined(const Words& words) {
     std::string text;
     for (const auto& word : words) {
-        text += (text.empty() ? "" : ", ") + std::string(word);
+        text.append(text.empty() ? "" : ", ");
+        text.append(word);
     }
     return text;
 }
@@ -48,7 +49,8 @@ void print_parts() {
     for (const SpiPart& part : spi_parts()) {
         std::string id;
         for (std::size_t i = 0; i < part.id_length; ++i) {
-            id += (i == 0 ? "" : " ") + hex(part.id[i], 2);
+            id.append(i == 0 ? "" : " ");
+            id.append(hex(part.id[i], 2));
         }
         std::vector<std::string> units;
         for (const EraseCommand& erase : part.erases->units) {

@@ -72,7 +72,8 @@ Operation read_operation(TableReader& reader, FaultKind kind, ChipKind chip) {
     std::string what = in_quotes(fault_kind_name(kind)) + " has no effect on " + in_quotes(word) +
                        " of such a chip; allowed:";
     for (const std::string_view operation : allowed) {
-        what += (operation == allowed.front() ? " " : ", ") + in_quotes(operation);
+        what.append(operation == allowed.front() ? " " : ", ");
+        what.append(in_quotes(operation));
     }
     reader.fail("on", what);
 }

@@ -56,7 +56,9 @@ std::string unknown_word(std::string_view what, std::string_view typed,
     }
     text += "known:";
     for (const std::string_view word : words) {
-        text += (word == words.front() ? " \"" : ", \"") + std::string(word) + "\"";
+        text.append(word == words.front() ? " \"" : ", \"");
+        text.append(word);
+        text.append("\"");
     }
     return text;
 }
