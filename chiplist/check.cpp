@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <optional>
+#include <set>
 #include <span>
 
 namespace chiplist {
@@ -35,38 +36,55 @@ std::optional<std::span<const std::uint8_t>> compared_bytes(const QFU_CHIP_ENTRY
 /// The findings of one list, as they are made.
 class Checker {
   public:
-    explicit Checker(const ChipList& list) : list_(list) {}
+    explicit Checker(const ChipList& list) : list_(list), findings_(list.findings) {}
 
     std::vector<Finding> run() {
-        check_id_opcodes();
-        check_count();
-        for (std::size_t i = 0; i < list_.chips.size(); ++i) {
-            check_id(i);
-            check_order(i);
-            check_sizes(i);
-            check_opcodes(i);
+        if (list_.is_list) {
+            check_id_opcodes();
+            check_count();
+            for (std::size_t i = 0; i < list_.chips.size(); ++i) {
+                check_parts(i);
+                check_id(i);
+                check_order(i);
+                check_sizes(i);
+                check_opcodes(i);
+            }
         }
+        std::ranges::stable_sort(findings_, {}, &Finding::line);
         return findings_;
     }
 
   private:
-    void add(std::string entry, std::string field, std::string what,
-             Effect effect = Effect::kMisused) {
-        findings_.push_back({std::move(entry), std::move(field), std::move(what), effect});
+    /// The line of a key, or of its table when the key is not written there.
+    static std::uint32_t line_of(const Lines& lines, const std::string& key) {
+        const auto own = lines.find(key);
+        const auto at = own != lines.end() ? own : lines.find("");
+        return at != lines.end() ? at->second : 0;
+    }
+
+    void add(std::size_t i, const std::string& field, std::string what) {
+        findings_.push_back({label(list_, i), field, std::move(what), Effect::kMisused,
+                             line_of(list_.chips[i].lines, field)});
+    }
+
+    void add_to_list(const std::string& field, std::string what, Effect effect) {
+        findings_.push_back({"list", field, std::move(what), effect, line_of(list_.lines, field)});
     }
 
     void check_id_opcodes() {
         if (list_.id_opcodes.empty()) {
-            add("list", "id_opcodes", "holds no opcode, so no chip is ever asked for its ID");
+            add_to_list("id_opcodes", "holds no opcode, so no chip is ever asked for its ID",
+                        Effect::kMisused);
         }
         if (list_.id_opcodes.size() > kMostOpcodes) {
-            add("list", "id_opcodes", "holds more than " + std::to_string(kMostOpcodes),
-                Effect::kRejected);
+            add_to_list("id_opcodes", "holds more than " + std::to_string(kMostOpcodes),
+                        Effect::kRejected);
         }
         for (const std::uint32_t word : list_.id_opcodes) {
             if (word > 0xFF) {
-                add("list", "id_opcodes",
-                    std::to_string(word) + " is more than the byte that an opcode is");
+                add_to_list("id_opcodes",
+                            std::to_string(word) + " does not fit into the byte of an opcode",
+                            Effect::kMisused);
             } else {
                 check_id_opcode(static_cast<std::uint8_t>(word));
             }
@@ -78,9 +96,10 @@ class Checker {
         for (std::size_t i = 0; i < list_.chips.size(); ++i) {
             for (const OpcodeField& field : kOpcodeFields) {
                 if (list_.chips[i].entry.*field.value == opcode) {
-                    add("list", "id_opcodes",
-                        hex_byte(opcode) + " is the opcode " + field.name + " of " +
-                            label(list_, i));
+                    add_to_list("id_opcodes",
+                                hex_byte(opcode) + " is the opcode " + field.name + " of " +
+                                    label(list_, i),
+                                Effect::kMisused);
                     return;
                 }
             }
@@ -89,38 +108,47 @@ class Checker {
 
     void check_count() {
         if (list_.chips.empty()) {
-            add("list", "records", "there are none", Effect::kRejected);
+            add_to_list("records", "there are none", Effect::kRejected);
         }
         if (list_.chips.size() > kMostChips) {
-            add("list", "records",
-                std::to_string(list_.chips.size()) + " are more than the " +
-                    std::to_string(kMostChips) + " that a list has room for",
-                Effect::kRejected);
+            add_to_list("records",
+                        "there are " + std::to_string(list_.chips.size()) +
+                            "; a list has room for " + std::to_string(kMostChips),
+                        Effect::kRejected);
+            findings_.back().line = line_of(list_.chips[kMostChips].lines, "");
+        }
+    }
+
+    /// Two entries with one name: one of them has the name of another part.
+    void check_parts(std::size_t i) {
+        for (const std::string& part : list_.chips[i].parts) {
+            if (!parts_.insert(part).second) {
+                add(i, "parts", part + " is already in the list");
+            }
         }
     }
 
     void check_id(std::size_t i) {
         const QFU_CHIP_ENTRY& entry = list_.chips[i].entry;
-        const std::string name = label(list_, i);
         if (entry.id_len == 0) {
-            add(name, "id", "is empty, which matches every chip");
+            add(i, "id", "is empty, which matches every chip");
             return;
         }
         if (entry.id_len > kIdBytes) {
-            add(name, "id",
+            add(i, "id",
                 "has " + std::to_string(entry.id_len) + " bytes; a chip is asked for " +
                     std::to_string(kIdBytes));
         }
         const auto id = compared_bytes(entry);
         if (!id) {
-            add(name, "id", "matches no chip");
+            add(i, "id", "matches no chip");
             return;
         }
         const auto all = [&](std::uint8_t byte) {
             return std::ranges::all_of(*id, [&](std::uint8_t b) { return b == byte; });
         };
         if (all(0x00) || all(0xFF)) {
-            add(name, "id", "is what a bus without a chip answers");
+            add(i, "id", "is what a bus without a chip answers");
         }
     }
 
@@ -133,7 +161,7 @@ class Checker {
                 !std::ranges::equal(*other, mine->first(other->size()))) {
                 continue;
             }
-            add(label(list_, i), "id",
+            add(i, "id",
                 (other->size() == mine->size() ? "is also the ID of "
                                                : "is hidden by the shorter ID of ") +
                     label(list_, before));
@@ -142,21 +170,20 @@ class Checker {
 
     void check_sizes(std::size_t i) {
         const QFU_CHIP_ENTRY& entry = list_.chips[i].entry;
-        const std::string name = label(list_, i);
         for (const SizeField& field : kSizeFields) {
             const std::uint32_t size = entry.*field.value;
             if (!std::has_single_bit(size)) {
-                add(name, field.name, std::to_string(size) + " is no power of two");
+                add(i, field.name, std::to_string(size) + " is not a power of two");
             }
         }
         if (entry.whole_size > kAddressable) {
-            add(name, "size", "is more than the 16 MiB that 24 address bits reach");
+            add(i, "size", "is more than the 16 MiB that 24 address bits reach");
         }
         if (entry.sector_size > entry.whole_size) {
-            add(name, "sector", "is larger than the chip");
+            add(i, "sector", "is larger than the chip");
         }
         if (entry.block_size > entry.whole_size) {
-            add(name, "block", "is larger than the chip");
+            add(i, "block", "is larger than the chip");
         }
     }
 
@@ -165,13 +192,12 @@ class Checker {
         for (const OpcodeField& field : kOpcodeFields) {
             const std::uint8_t opcode = entry.*field.value;
             if (opcode == 0) {
-                add(label(list_, i), field.name, "is missing");
+                add(i, field.name, "is missing");
                 continue;
             }
             for (const OpcodeField* other = kOpcodeFields; other != &field; ++other) {
                 if (entry.*other->value == opcode && !may_be_equal(entry, *other, field)) {
-                    add(label(list_, i), field.name,
-                        hex_byte(opcode) + " is also the opcode " + other->name);
+                    add(i, field.name, hex_byte(opcode) + " is also the opcode " + other->name);
                 }
             }
         }
@@ -186,12 +212,17 @@ class Checker {
 
     const ChipList& list_;
     std::vector<Finding> findings_;
+    std::set<std::string> parts_; ///< of the records that were looked at
 };
 
 } // namespace
 
 std::vector<Finding> check(const ChipList& list) {
     return Checker(list).run();
+}
+
+bool is_rejected(const std::vector<Finding>& findings) {
+    return std::ranges::find(findings, Effect::kRejected, &Finding::effect) != findings.end();
 }
 
 } // namespace chiplist

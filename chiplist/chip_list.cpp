@@ -19,14 +19,18 @@ std::string label(const ChipList& list, std::size_t index) {
     return "record " + std::to_string(index) + " (" + id_text(chip.entry) + ")";
 }
 
-std::string id_text(const QFU_CHIP_ENTRY& entry) {
+std::string bytes_text(std::span<const std::uint8_t> bytes) {
     std::string text;
-    const std::size_t length = std::min<std::size_t>(entry.id_len, entry.id_bytes.size());
-    for (std::size_t i = 0; i < length; ++i) {
-        text += i == 0 ? "" : " ";
-        text += hex_byte(entry.id_bytes[i]);
+    for (const std::uint8_t byte : bytes) {
+        text += text.empty() ? "" : " ";
+        text += hex_byte(byte);
     }
     return text;
+}
+
+std::string id_text(const QFU_CHIP_ENTRY& entry) {
+    return bytes_text(std::span(entry.id_bytes)
+                          .first(std::min<std::size_t>(entry.id_len, entry.id_bytes.size())));
 }
 
 std::string hex_byte(std::uint8_t byte) {
@@ -62,6 +66,14 @@ double least_erase_seconds(const QFU_CHIP_ENTRY& entry) {
     }
     const std::uint32_t sectors = entry.whole_size / entry.sector_size;
     return sectors * kPauseAfterSectorErase;
+}
+
+std::set<std::uint32_t> erase_units(const ChipList& list) {
+    std::set<std::uint32_t> units;
+    for (const Chip& chip : list.chips) {
+        units.insert({chip.entry.sector_size, chip.entry.block_size});
+    }
+    return units;
 }
 
 void use_erase_unit(ChipList& list, std::uint32_t unit) {

@@ -1,20 +1,28 @@
 // The chip list as the compiler handles it: the program's records with the names people know.
 #pragma once
 
+#include "finding.h"
 #include "spi_list.h"
 
 #include <cstdint>
+#include <map>
+#include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace chiplist {
 
-/// One chip record. Parts and note come from the source; a list file does not carry them.
+/// The line of each key in a table of a source; that of the table itself has the empty key.
+using Lines = std::map<std::string, std::uint32_t, std::less<>>;
+
+/// One chip record. Parts, note and lines come from the source; a list file does not carry them.
 struct Chip {
     QFU_CHIP_ENTRY entry;
     std::vector<std::string> parts;
     std::string note;
+    Lines lines = {};
 };
 
 /// A chip list.
@@ -23,6 +31,9 @@ struct ChipList {
     std::uint8_t version_lo;
     std::vector<std::uint32_t> id_opcodes;
     std::vector<Chip> chips;
+    Lines lines = {};
+    std::vector<Finding> findings = {}; ///< what showed while it was read
+    bool is_list = true; ///< false for a file of another kind, which is not looked into
 };
 
 /// A field of a record and its name in sources and messages.
@@ -54,6 +65,9 @@ inline constexpr SizeField kSizeFields[] = {
 /// How messages name a record: by its part numbers, else by its place and identification.
 std::string label(const ChipList& list, std::size_t index);
 
+/// Bytes in hexadecimal with spaces between them, "EF 40 16".
+std::string bytes_text(std::span<const std::uint8_t> bytes);
+
 /// The record's identification bytes in hexadecimal, "EF 40 16".
 std::string id_text(const QFU_CHIP_ENTRY& entry);
 
@@ -69,6 +83,9 @@ std::string parts_text(const Chip& chip);
 /// The least time that the program takes to erase the whole chip sector by sector: it pauses 100 ms
 /// after each. 0 for a record without sectors.
 double least_erase_seconds(const QFU_CHIP_ENTRY& entry);
+
+/// The sizes of the list's sectors and blocks.
+std::set<std::uint32_t> erase_units(const ChipList& list);
 
 /// Makes each chip's sector the largest of its erase units that is not larger than `unit`; a chip
 /// whose units are all larger keeps its sector.

@@ -18,6 +18,7 @@ struct Finding {
     std::string field;
     std::string what;
     Effect effect;
+    std::uint32_t line = 0; ///< in the source; 0 when there is none
 };
 
 } // namespace chiplist

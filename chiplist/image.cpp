@@ -14,7 +14,7 @@ std::uint8_t sum_of(std::span<const std::uint8_t> bytes) {
     return sum;
 }
 
-/// Reads one file. Bytes that a short one lacks are 0 and not complained about one by one.
+/// Reads one file. What a short one lacks is not complained about field by field.
 class Decoder {
   public:
     explicit Decoder(std::span<const std::uint8_t> file) : file_(file) {
@@ -22,41 +22,49 @@ class Decoder {
                           reinterpret_cast<std::uint8_t*>(&image_));
     }
 
-    Decoded run() {
-        check_header();
-        result_.list = {image_.version_hi, image_.version_lo, {}, {}};
-        read_opcodes();
-        read_records();
-        return result_;
+    ChipList run() {
+        list_.version_hi = image_.version_hi;
+        list_.version_lo = image_.version_lo;
+        list_.is_list = is_list();
+        if (list_.is_list) {
+            check_header();
+            read_opcodes();
+            read_records();
+        }
+        return list_;
     }
 
   private:
     bool holds(std::size_t bytes) const { return file_.size() >= bytes; }
 
     void add(std::string field, std::string what, Effect effect = Effect::kRejected) {
-        result_.findings.push_back({"list", std::move(field), std::move(what), effect});
+        list_.findings.push_back({"list", std::move(field), std::move(what), effect});
+    }
+
+    /// Bytes that do not start as a list does mean nothing where a list has its fields.
+    bool is_list() {
+        if (holds(sizeof image_.magic) && image_.magic != QFU_CHIP_LIST_MAGIC) {
+            add("magic", "is not \"LUFQ\", so this is no chip list");
+            return false;
+        }
+        if (!holds(sizeof image_)) {
+            add("length", "is " + std::to_string(file_.size()) + " bytes; a list has " +
+                              std::to_string(sizeof image_));
+        }
+        return holds(offsetof(QFU_CHIP_LIST, records));
     }
 
     void check_header() {
-        if (!holds(sizeof image_)) {
-            add("length", std::to_string(file_.size()) + " bytes are less than the " +
-                              std::to_string(sizeof image_) + " of a list");
+        if (image_.marker != QFU_CHIP_LIST_MARKER) {
+            add("marker", "is " + hex_byte(image_.marker) + ", must be FF");
         }
-        if (holds(offsetof(QFU_CHIP_LIST, marker)) && image_.magic != QFU_CHIP_LIST_MAGIC) {
-            add("magic", "is not \"LUFQ\"");
-        }
-        if (holds(offsetof(QFU_CHIP_LIST, reserved_5)) && image_.marker != QFU_CHIP_LIST_MARKER) {
-            add("marker", hex_byte(image_.marker) + " is not FF");
-        }
-        if (holds(offsetof(QFU_CHIP_LIST, reserved_8)) &&
-            image_.body_size != QFU_CHIP_LIST_BODY_SIZE) {
-            add("body_size", std::to_string(image_.body_size) + " is not " +
+        if (image_.body_size != QFU_CHIP_LIST_BODY_SIZE) {
+            add("body_size", "is " + std::to_string(image_.body_size) + ", must be " +
                                  std::to_string(QFU_CHIP_LIST_BODY_SIZE));
         }
-        if (holds(offsetof(QFU_CHIP_LIST, reserved_12)) &&
-            (image_.version_hi == 0 || (image_.version_hi == 1 && image_.version_lo == 0))) {
+        if (image_.version_hi == 0 || (image_.version_hi == 1 && image_.version_lo == 0)) {
             add("version", std::to_string(image_.version_hi) + "." +
-                               std::to_string(image_.version_lo) + " is older than 1.1");
+                               std::to_string(image_.version_lo) + " is too old; 1.1 is the first");
         }
         if (holds(sizeof image_)) {
             const std::uint8_t sum = sum_of(file_.first(sizeof image_));
@@ -67,14 +75,11 @@ class Decoder {
     }
 
     void read_opcodes() {
-        if (!holds(offsetof(QFU_CHIP_LIST, records))) {
-            return;
-        }
         for (const std::uint32_t word : image_.id_opcodes) {
             if (word == 0) {
                 break;
             }
-            result_.list.id_opcodes.push_back(word);
+            list_.id_opcodes.push_back(word);
         }
     }
 
@@ -83,21 +88,22 @@ class Decoder {
         std::size_t count = 0;
         while (count < records.size() && records[count].whole_size != 0 &&
                holds(offsetof(QFU_CHIP_LIST, records) + (count + 1) * sizeof(QFU_CHIP_ENTRY))) {
-            result_.list.chips.push_back({records[count++], {}, {}});
+            list_.chips.push_back({records[count++], {}, {}});
         }
         const auto behind = std::ranges::count_if(
             records.subspan(count), [](const auto& record) { return record.whole_size != 0; });
         if (behind != 0 && records[count].whole_size == 0) {
             add("records",
-                "the size 0 in slot " + std::to_string(count) + " ends the list before " +
-                    std::to_string(behind) + " more",
+                "slot " + std::to_string(count) +
+                    " has size 0, which ends the list; not read behind it: " +
+                    std::to_string(behind),
                 Effect::kMisused);
         }
     }
 
     std::span<const std::uint8_t> file_;
     QFU_CHIP_LIST image_{};
-    Decoded result_;
+    ChipList list_{};
 };
 
 } // namespace
@@ -119,7 +125,7 @@ std::vector<std::uint8_t> encode(const ChipList& list) {
     return bytes;
 }
 
-Decoded decode(std::span<const std::uint8_t> file) {
+ChipList decode(std::span<const std::uint8_t> file) {
     return Decoder(file).run();
 }
 

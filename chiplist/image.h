@@ -2,7 +2,6 @@
 #pragma once
 
 #include "chip_list.h"
-#include "finding.h"
 
 #include <cstdint>
 #include <span>
@@ -13,13 +12,8 @@ namespace chiplist {
 /// Lays a list out as a file with a correct checksum. The list must have passed its checks.
 std::vector<std::uint8_t> encode(const ChipList& list);
 
-/// What a file says, and what is wrong with its form.
-struct Decoded {
-    ChipList list; ///< the opcodes and whole records up to their ends
-    std::vector<Finding> findings;
-};
-
-/// Reads any bytes as a list file, as far as they go.
-Decoded decode(std::span<const std::uint8_t> file);
+/// Reads any bytes as a list file: the opcodes and whole records up to their ends, and what is
+/// wrong with its form.
+ChipList decode(std::span<const std::uint8_t> file);
 
 } // namespace chiplist

@@ -77,9 +77,9 @@ void show(const ChipList& list, std::ostream& out) {
         rows.push_back(row_of(list.chips[i], i));
     }
     print_table(rows, out);
-    out << "Opcodes:";
+    out << "Opcodes: ";
     for (const OpcodeField& field : kOpcodeFields) {
-        out << ' ' << field.column << ' ' << field.name;
+        out << (&field == kOpcodeFields ? "" : ", ") << field.column << " = " << field.name;
     }
     out << ".\nFull erase: the least time that erasing every sector takes.\n";
     for (std::size_t i = 0; i < list.chips.size(); ++i) {
@@ -117,10 +117,11 @@ Json to_json(const Chip& chip) {
 
 Json to_json(const Finding& finding) {
     return {
-        {"entry",    finding.entry                      },
-        {"field",    finding.field                      },
-        {"what",     finding.what                       },
-        {"rejected", finding.effect == Effect::kRejected}
+        {"line",     finding.line == 0 ? Json() : Json(finding.line)},
+        {"entry",    finding.entry                                  },
+        {"field",    finding.field                                  },
+        {"what",     finding.what                                   },
+        {"rejected", finding.effect == Effect::kRejected            }
     };
 }
 

@@ -54,10 +54,34 @@ void read_id(TableReader& reader, QFU_CHIP_ENTRY& entry) {
     }
 }
 
+Lines lines_of(const toml::table& table) {
+    Lines lines = {
+        {"", table.source().begin.line}
+    };
+    for (const auto& [key, value] : table) {
+        lines.emplace(key.str(), value.source().begin.line);
+    }
+    return lines;
+}
+
+/// The common opcode erases the common sector; a sector of another size needs an opcode of its own.
+/// That does not hold for blocks: there are chips whose D8 erases 32 KiB.
+void check_sector(const Chip& chip, const QFU_CHIP_ENTRY& common, std::vector<Finding>& findings) {
+    const std::uint32_t size = chip.entry.sector_size;
+    if (common.sector_size != 0 && size != common.sector_size &&
+        !chip.lines.contains("sector_erase")) {
+        findings.push_back({chip.parts.front(), "sector",
+                            size_text(size) +
+                                " needs its own sector_erase; the common one erases " +
+                                size_text(common.sector_size),
+                            Effect::kMisused, chip.lines.at("sector")});
+    }
+}
+
 Chip read_chip(const toml::table& table, const std::filesystem::path& file,
                const QFU_CHIP_ENTRY& common) {
     TableReader reader(table, file);
-    Chip chip{common, reader.texts("parts"), reader.text("note", "")};
+    Chip chip{common, reader.texts("parts"), reader.text("note", ""), lines_of(table)};
     if (chip.parts.empty()) {
         reader.fail("parts", "must name at least one part");
     }
@@ -88,6 +112,7 @@ ChipList read_source(const std::filesystem::path& file) {
     const toml::table root = support::parse_toml(file);
     TableReader reader(root, file);
     ChipList list{1, 1, {}, {}};
+    list.lines = lines_of(root);
     for (const std::int64_t opcode : reader.numbers("id_opcodes", 1, 0xFF)) {
         list.id_opcodes.push_back(static_cast<std::uint32_t>(opcode));
     }
@@ -99,6 +124,7 @@ ChipList read_source(const std::filesystem::path& file) {
     }
     for (const toml::table* chip : reader.tables("chip")) {
         list.chips.push_back(read_chip(*chip, file, common));
+        check_sector(list.chips.back(), common, list.findings);
     }
     reader.finish();
     return list;

@@ -2,14 +2,18 @@
 #include "check.h"
 #include "diff.h"
 #include "image.h"
+#include "match.h"
 #include "show.h"
 #include "source.h"
 #include "support/input_error.h"
+#include "support/nearest_word.h"
+#include "support/output_file.h"
 #include "support/version.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -25,39 +29,69 @@ constexpr int kUsage = 2;
 constexpr std::size_t kMostBytes = 4096;
 
 std::vector<std::uint8_t> read_bytes(const std::string& name) {
+    if (std::filesystem::is_directory(name)) {
+        throw support::InputError(name + ": is a folder; it must be a chip list");
+    }
     std::ifstream file(name, std::ios::binary);
     std::vector<std::uint8_t> bytes(kMostBytes);
     file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (file.bad() || !file.is_open() || (file.gcount() == 0 && !file.eof())) {
-        throw support::InputError(name + ": cannot be read");
+    if (!file.is_open() || file.bad()) {
+        throw support::InputError(name + ": cannot be read: " + std::strerror(errno));
     }
     bytes.resize(static_cast<std::size_t>(file.gcount()));
     return bytes;
 }
 
 /// A source when the name ends in ".toml", else a list file.
-Decoded read_list(const std::string& name) {
+ChipList read_list(const std::string& name) {
     if (name.ends_with(".toml")) {
-        return {read_source(name), {}};
+        return read_source(name);
     }
     return decode(read_bytes(name));
 }
 
-std::vector<Finding> all_findings(const Decoded& read) {
-    std::vector<Finding> findings = read.findings;
-    std::ranges::copy(check(read.list), std::back_inserter(findings));
-    return findings;
-}
-
 void print(const std::string& file, const std::vector<Finding>& findings, std::ostream& out) {
     for (const Finding& finding : findings) {
-        out << file << ": " << finding.entry << ": " << finding.field << ": " << finding.what
-            << '\n';
+        out << file << ':';
+        if (finding.line != 0) {
+            out << finding.line << ':';
+        }
+        out << ' ' << finding.entry << ": " << finding.field << ": " << finding.what << '\n';
     }
+}
+
+/// What comes of the findings.
+const char* verdict(const std::vector<Finding>& findings) {
+    if (findings.empty()) {
+        return "nothing is wrong";
+    }
+    return is_rejected(findings) ? "the program would reject the list"
+                                 : "the program would load the list but misuse it";
+}
+
+/// Warns of a list whose contents are about to be printed. @returns what is wrong with it
+std::vector<Finding> warn(const std::string& file, const ChipList& list) {
+    std::vector<Finding> findings = check(list);
+    if (!findings.empty()) {
+        print(file, findings, std::cerr);
+        std::cerr << file << ": " << verdict(findings) << '\n';
+    }
+    return findings;
 }
 
 void print(const Json& json) {
     std::cout << json.dump(2) << '\n';
+}
+
+/// The part of an answer that says what is wrong with the list.
+Json json_of(const std::vector<Finding>& findings) {
+    Json json;
+    json["rejected"] = is_rejected(findings);
+    json["findings"] = Json::array();
+    for (const Finding& finding : findings) {
+        json["findings"].push_back(to_json(finding));
+    }
+    return json;
 }
 
 /// What the command line asks for.
@@ -66,73 +100,98 @@ struct Options {
     std::string other;
     std::string output = "spilist.bin";
     std::string source;
-    std::string id;
+    std::vector<std::string> id;
     std::optional<std::string> erase_unit;
     bool json = false;
 };
 
-int run_build(const Options& options) {
-    ChipList list = read_source(options.list);
-    if (options.erase_unit) {
-        const auto unit = parse_size(*options.erase_unit);
-        if (!unit) {
-            throw support::InputError("--erase-unit must be a size like 64K");
+/// @throws support::InputError unless the text is an erase unit of a chip
+std::uint32_t read_erase_unit(const std::string& text, const ChipList& list) {
+    const std::set<std::uint32_t> units = erase_units(list);
+    const auto unit = parse_size(text);
+    if (!unit || !units.contains(*unit)) {
+        std::string all;
+        for (const std::uint32_t other : units) {
+            all += (all.empty() ? "" : ", ") + size_text(other);
         }
-        use_erase_unit(list, *unit);
+        throw support::InputError("--erase-unit: " + text +
+                                  " is no erase unit of these chips; they have " + all);
+    }
+    return *unit;
+}
+
+int run_build(const Options& options) {
+    const std::filesystem::path source = options.list;
+    support::OutputFile file(options.output, std::span(&source, 1));
+    ChipList list = read_source(source);
+    if (options.erase_unit) {
+        use_erase_unit(list, read_erase_unit(*options.erase_unit, list));
     }
     const std::vector<Finding> findings = check(list);
     print(options.list, findings, std::cerr);
     if (!findings.empty()) {
+        std::cerr << options.output << ": not written\n";
         return kFound;
     }
     const std::vector<std::uint8_t> bytes = encode(list);
-    std::ofstream file(options.output, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-    if (!file.flush()) {
-        throw support::InputError(options.output + ": cannot be written");
-    }
+    file.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    file.finish();
     return 0;
 }
 
 int run_check(const Options& options) {
-    const Decoded read = read_list(options.list);
-    const std::vector<Finding> findings = all_findings(read);
-    const bool rejected = std::ranges::any_of(
-        findings, [](const Finding& finding) { return finding.effect == Effect::kRejected; });
+    const ChipList list = read_list(options.list);
+    const std::vector<Finding> findings = check(list);
     if (options.json) {
-        Json json;
-        json["rejected"] = rejected;
-        json["findings"] = Json::array();
-        for (const Finding& finding : findings) {
-            json["findings"].push_back(to_json(finding));
-        }
-        print(json);
+        print(json_of(findings));
     } else {
         print(options.list, findings, std::cout);
-        std::cout << options.list << ": " << read.list.chips.size() << " chips, " << findings.size()
-                  << " findings" << (rejected ? "; the program rejects the list" : "") << '\n';
+        std::cout << options.list << ": " << list.chips.size()
+                  << (list.chips.size() == 1 ? " record, " : " records, ") << findings.size()
+                  << (findings.size() == 1 ? " finding: " : " findings: ") << verdict(findings)
+                  << '\n';
     }
     return findings.empty() ? 0 : kFound;
 }
 
-int run_show(const Options& options) {
-    Decoded read = read_list(options.list);
+/// Reads the list that is shown or searched, with the names of the source if there is one.
+ChipList read_named_list(const Options& options, std::vector<Finding>& findings) {
+    ChipList list = read_list(options.list);
+    findings = warn(options.list, list);
     if (!options.source.empty()) {
-        take_names(read.list, read_source(options.source));
+        take_names(list, read_source(options.source));
     }
+    return list;
+}
+
+int run_show(const Options& options) {
+    std::vector<Finding> findings;
+    const ChipList list = read_named_list(options, findings);
     if (options.json) {
-        print(to_json(read.list));
-    } else {
-        show(read.list, std::cout);
+        Json json = json_of(findings);
+        json.update(to_json(list));
+        print(json);
+    } else if (list.is_list) {
+        show(list, std::cout);
     }
-    print(options.list, read.findings, std::cerr);
-    return read.findings.empty() ? 0 : kFound;
+    return findings.empty() ? 0 : kFound;
+}
+
+/// @throws support::InputError for a file that is no list, which differs in everything
+ChipList read_compared_list(const std::string& name) {
+    ChipList list = read_list(name);
+    if (!list.is_list) {
+        throw support::InputError(name + ": " + list.findings.front().field + ": " +
+                                  list.findings.front().what);
+    }
+    warn(name, list);
+    return list;
 }
 
 int run_diff(const Options& options) {
-    const std::vector<Difference> differences =
-        diff(read_list(options.list).list, read_list(options.other).list);
+    const ChipList before = read_compared_list(options.list);
+    const ChipList after = read_compared_list(options.other);
+    const std::vector<Difference> differences = diff(before, after);
     Json json = Json::array();
     for (const Difference& difference : differences) {
         json.push_back({
@@ -153,111 +212,131 @@ int run_diff(const Options& options) {
     return differences.empty() ? 0 : kFound;
 }
 
-/// An identification as a chip sends it, "EF 40 16", or as the program holds it, "0x1640EF" with
-/// the first byte lowest. Bytes that are not given are 0.
-std::uint32_t parse_id(const std::string& text) {
-    const bool number = text.starts_with("0x") || text.starts_with("0X");
-    std::string digits = number ? text.substr(2) : text;
-    std::erase(digits, ' ');
-    std::uint32_t value = 0;
-    const char* end = digits.data() + digits.size();
-    const auto [stop, error] = std::from_chars(digits.data(), end, value, 16);
-    if (error != std::errc() || stop != end || digits.size() > 8 ||
-        (!number && digits.size() % 2 != 0)) {
-        throw support::InputError(text + ": must be an ID like \"EF 40 16\" or 0x1640EF");
-    }
-    if (number) {
-        return value;
-    }
-    std::uint32_t id = 0;
-    for (std::size_t i = 0; i < digits.size() / 2; ++i) {
-        const std::uint32_t byte = value >> (4 * digits.size() - 8 * (i + 1)) & 0xFF;
-        id |= byte << 8 * i;
-    }
-    return id;
-}
-
-/// The records that match, the one that the program chooses first. It takes the value 0 for no
-/// answer.
-std::vector<std::size_t> matching(const ChipList& list, std::uint32_t id) {
-    std::vector<std::size_t> matches;
-    for (std::size_t i = 0; id != 0 && i < list.chips.size(); ++i) {
-        if (qfu_spiflash_id_match(list.chips[i].entry, id) == 0) {
-            matches.push_back(i);
+Json json_of(const ChipList& list, const Match& match) {
+    Json json;
+    json["id"] = bytes_text(match.bytes);
+    json["chosen"] = nullptr;
+    json["hidden"] = Json::array();
+    for (const std::size_t record : match.records) {
+        Json chip = to_json(list.chips[record]);
+        chip["record"] = record;
+        if (record == match.records.front()) {
+            json["chosen"] = chip;
+        } else {
+            json["hidden"].push_back(chip);
         }
     }
-    return matches;
+    return json;
 }
 
+void print(const ChipList& list, const Match& match) {
+    std::cout << "The chip sends " << bytes_text(match.bytes)
+              << (match.records.empty()
+                      ? ". No record matches.\n"
+                      : ". The program takes the first record whose ID bytes all match.\n");
+    for (const std::size_t record : match.records) {
+        const Chip& chip = list.chips[record];
+        std::cout << (record == match.records.front() ? "chosen" : "hidden") << ": record "
+                  << record << ", ID " << id_text(chip.entry) << ", "
+                  << size_text(chip.entry.whole_size) << (chip.parts.empty() ? "" : ", ")
+                  << parts_text(chip) << '\n';
+        if (!chip.note.empty()) {
+            std::cout << "note: " << chip.note << '\n';
+        }
+    }
+}
+
+/// From a list that the program rejects it takes no record.
 int run_match(const Options& options) {
-    Decoded read = read_list(options.list);
-    if (!options.source.empty()) {
-        take_names(read.list, read_source(options.source));
-    }
-    const std::vector<std::size_t> matches = matching(read.list, parse_id(options.id));
+    const ChipId id = parse_id(CLI::detail::join(options.id, " "));
+    std::vector<Finding> findings;
+    const ChipList list = read_named_list(options, findings);
+    const Match found = is_rejected(findings) ? Match{id.bytes, {}} : match(list, id);
     if (options.json) {
-        Json json;
-        json["chosen"] = nullptr;
-        json["hidden"] = Json::array();
-        for (const std::size_t match : matches) {
-            Json chip = to_json(read.list.chips[match]);
-            chip["record"] = match;
-            if (match == matches.front()) {
-                json["chosen"] = chip;
-            } else {
-                json["hidden"].push_back(chip);
-            }
-        }
+        Json json = json_of(findings);
+        json.update(json_of(list, found));
         print(json);
-    } else if (matches.empty()) {
-        std::cout << "no record matches\n";
-    } else {
-        for (const std::size_t match : matches) {
-            const Chip& chip = read.list.chips[match];
-            std::cout << (match == matches.front() ? "chosen" : "hidden") << ": record " << match
-                      << ", ID " << id_text(chip.entry) << ", " << size_text(chip.entry.whole_size)
-                      << (chip.parts.empty() ? "" : ", ") << parts_text(chip) << '\n';
+    } else if (!is_rejected(findings)) {
+        if (found.bytes != id.bytes) {
+            std::cout << "No record matches " << bytes_text(id.bytes) << ". " << options.id.front()
+                      << " is taken as a number whose lowest byte is sent first.\n";
         }
+        print(list, found);
     }
-    return matches.empty() ? kFound : 0;
+    return findings.empty() && !found.records.empty() ? 0 : kFound;
 }
 
-} // namespace
+/// What CLI11 does not say: which command a mistyped one was meant to be, and where help is.
+int explain(const CLI::ParseError& error, const std::string& first) {
+    constexpr std::string_view kCommands[] = {"build", "check", "show", "diff", "match"};
+    const bool known = std::ranges::find(kCommands, first) != std::end(kCommands);
+    const bool says_it = known || first.empty() || first.starts_with('-');
+    std::cerr << "spilist: "
+              << (says_it ? error.what() : support::unknown_word("command", first, kCommands))
+              << '\n';
+    std::cerr << "Try: spilist " << (known ? first + " " : "") << "--help\n";
+    return kUsage;
+}
 
-int main(int argc, char** argv) try {
-    CLI::App app{"Builds, checks and compares chip lists for qfu.\n"
+int run(int argc, char** argv) {
+    CLI::App app{"Builds, checks, shows and compares chip lists for qfu.\n"
                  "A LIST is a list file or, when its name ends in .toml, a source.\n"
-                 "The exit status is 0, 1 when there is something to report, 2 when a command or "
-                 "file cannot be used."};
+                 "The exit status is 0; 1 when there is something to report; 2 when a command or "
+                 "file cannot be used.",
+                 "spilist"};
     app.require_subcommand(1);
     app.set_version_flag("--version", support::version_line("spilist"));
+    app.footer("Examples:\n"
+               "  spilist check spilist.bin\n"
+               "  spilist build chips.toml -o spilist.bin\n"
+               "  spilist match spilist.bin EF 40 16\n"
+               "\"spilist COMMAND --help\" says more about a command.");
     Options options;
 
     CLI::App* build = app.add_subcommand("build", "make a list file from its source");
     build->add_option("source", options.list, "source (TOML)")->required();
     build->add_option("-o,--output", options.output, "list file")->capture_default_str();
     build->add_option("--erase-unit", options.erase_unit,
-                      "take each chip's largest erase unit up to this size as its sector");
+                      "make each chip's sector its largest erase unit up to this size");
+    build->footer("The list file is written only if nothing is wrong with the source.\n"
+                  "Examples:\n"
+                  "  spilist build chips.toml -o spilist.bin\n"
+                  "  spilist build chips.toml --erase-unit 64K -o fast.bin");
 
-    CLI::App* check = app.add_subcommand("check", "say why the program would reject or misuse it");
-    CLI::App* show = app.add_subcommand("show", "print a table of its records");
+    CLI::App* check = app.add_subcommand("check", "say what is wrong with a list");
+    check->footer("Examples:\n"
+                  "  spilist check spilist.bin\n"
+                  "  spilist check chips.toml --json");
+    CLI::App* show = app.add_subcommand("show", "print a table of a list's records");
+    show->footer("Examples:\n"
+                 "  spilist show chips.toml\n"
+                 "  spilist show spilist.bin --source chips.toml");
     CLI::App* diff = app.add_subcommand("diff", "say what differs between two lists");
+    diff->footer("Example:\n"
+                 "  spilist diff old.bin chips.toml");
     CLI::App* match = app.add_subcommand("match", "say which record a chip would get");
+    match->footer(
+        "The ID is what the data sheet gives as the answer to opcode 9F, and what \"qfu -l\" "
+        "prints:\n"
+        "1 to 4 bytes, the first one first. Bytes that are left out count as 00.\n"
+        "Examples:\n"
+        "  spilist match spilist.bin EF 40 16\n"
+        "  spilist match chips.toml 0xEF4016");
     for (CLI::App* command : {check, show, diff, match}) {
-        command->add_option("list", options.list, "list")->required();
+        command->add_option("list", options.list, "list file, or source that ends in .toml")
+            ->required();
         command->add_flag("--json", options.json, "print JSON");
     }
     for (CLI::App* command : {show, match}) {
         command->add_option("--source", options.source, "source that has part names and notes");
     }
-    diff->add_option("other", options.other, "other list")->required();
-    match->add_option("id", options.id, "what the chip answers, \"EF 40 16\" or 0x1640EF")
-        ->required();
-    app.footer("Example:\n  spilist build chips.toml -o spilist.bin");
+    diff->add_option("other", options.other, "other list file or source")->required();
+    match->add_option("id", options.id, "bytes that the chip answers")->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
+        return error.get_exit_code() == 0 ? app.exit(error)
+                                          : explain(error, argc > 1 ? argv[1] : "");
     }
     if (build->parsed()) {
         return run_build(options);
@@ -269,6 +348,14 @@ int main(int argc, char** argv) try {
         return run_show(options);
     }
     return diff->parsed() ? run_diff(options) : run_match(options);
+}
+
+} // namespace
+
+int main(int argc, char** argv) try {
+    const int status = run(argc, argv);
+    support::finish_standard_output();
+    return status;
 } catch (const std::exception& error) {
     std::cerr << "spilist: " << error.what() << '\n';
     return kUsage;

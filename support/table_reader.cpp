@@ -56,7 +56,7 @@ std::int64_t TableReader::number(std::string_view key, std::int64_t least, std::
                                  std::optional<std::int64_t> otherwise) {
     const toml::node* node = take(key);
     if (node == nullptr) {
-        return otherwise ? *otherwise : (fail(key, "is missing"), 0);
+        return otherwise ? *otherwise : (fail_missing(key), 0);
     }
     const auto value = node->value_exact<std::int64_t>();
     if (!value || *value < least || *value > most) {
@@ -68,7 +68,7 @@ std::int64_t TableReader::number(std::string_view key, std::int64_t least, std::
 std::string TableReader::text(std::string_view key, std::optional<std::string> otherwise) {
     const toml::node* node = take(key);
     if (node == nullptr) {
-        return otherwise ? *otherwise : (fail(key, "is missing"), "");
+        return otherwise ? *otherwise : (fail_missing(key), "");
     }
     const auto value = node->value_exact<std::string>();
     if (!value) {
@@ -153,6 +153,18 @@ std::size_t TableReader::line() const {
 bool TableReader::has(std::string_view key) {
     asked_.emplace(key);
     return table_.contains(key);
+}
+
+/// The key may be there, mistyped.
+void TableReader::fail_missing(std::string_view key) const {
+    std::vector<std::string_view> unknown;
+    for (const auto& [other, node] : table_) {
+        if (!asked_.contains(other.str())) {
+            unknown.push_back(other.str());
+        }
+    }
+    const std::string mistyped(nearest_word(key, unknown));
+    fail(key, mistyped.empty() ? "is missing" : "is missing; is \"" + mistyped + "\" meant?");
 }
 
 const toml::node* TableReader::take(std::string_view key) {

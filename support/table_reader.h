@@ -49,6 +49,7 @@ class TableReader {
     void finish() const;
 
   private:
+    [[noreturn]] void fail_missing(std::string_view key) const;
     const toml::node* take(std::string_view key);
 
     const toml::table& table_;

@@ -20,7 +20,7 @@ struct Result {
 };
 
 Result shell(const std::string& command) {
-    FILE* pipe = popen((command + " 2>&1 </dev/null").c_str(), "r");
+    FILE* pipe = popen(("(" + command + ") 2>&1 </dev/null").c_str(), "r");
     std::string output;
     std::array<char, 4096> buffer{};
     for (std::size_t got = 0; (got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
@@ -165,6 +165,8 @@ TEST(QfuEmu, CtrlCEndsAnEndlessLoopbackAndKeepsFlashContents) {
     EXPECT_EQ(f.lab.read_file("chip.bin").size(), 0x80000U);
 }
 
+const std::string kSource = QFU_SOURCE_DIR "/chiplist/chips.toml";
+
 TEST(Spilist, BuildsTheShippedListAndNamesWhatItRefuses) {
     Folder f;
     const std::string common = "id_opcodes = [0x9F]\n[common]\nwrite_enable = 6\nread_status = 5\n"
@@ -177,30 +179,43 @@ TEST(Spilist, BuildsTheShippedListAndNamesWhatItRefuses) {
     };
     const std::string a = "[[chip]]\nparts = [\"A\"]\nid = \"EF 40\"\nsize = \"1M\"\n";
     EXPECT_EQ(build(a).status, 0);
-    EXPECT_EQ(f.lab.read_file("out.bin").size(), 2944U);
-    std::filesystem::remove(f.lab.folder() / "out.bin");
+    const lab::Bytes built = f.lab.read_file("out.bin");
+    EXPECT_EQ(built.size(), 2944U);
 
-    const Result hidden = build(a + "[[chip]]\nparts = [\"B\"]\nid = \"EF4016\"\nsize = \"4M\"\n"
-                                    "[[chip]]\nparts = [\"C\"]\nid = \"EF40\"\nsize = \"3M\"\n");
-    EXPECT_EQ(hidden.status, 1);
-    EXPECT_EQ(hidden.output, "chips.toml: B: id: is hidden by the shorter ID of A\n"
-                             "chips.toml: C: id: is also the ID of A\n"
-                             "chips.toml: C: size: 3145728 is no power of two\n");
-    EXPECT_FALSE(f.lab.exists("out.bin"));
+    const Result wrong =
+        build(a + "[[chip]]\nparts = [\"B\"]\nid = \"EF4016\"\nsize = \"4M\"\n"
+                  "[[chip]]\nparts = [\"C\", \"B\"]\nid = \"EF40\"\nsize = \"3M\"\n"
+                  "sector = \"64K\"\n");
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_EQ(wrong.output,
+              "chips.toml:19: B: id: is hidden by the shorter ID of A\n"
+              "chips.toml:22: C: parts: B is already in the list\n"
+              "chips.toml:23: C: id: is also the ID of A\n"
+              "chips.toml:24: C: size: 3145728 is not a power of two\n"
+              "chips.toml:25: C: sector: 64K needs its own sector_erase; the common one erases 4K\n"
+              "out.bin: not written\n");
+    EXPECT_EQ(f.lab.read_file("out.bin"), built) << "the old list is lost";
+    const std::string source = f.lab.read_text("chips.toml");
+    EXPECT_EQ(f.run("spilist", "build chips.toml -o ./chips.toml").status, 2);
+    EXPECT_EQ(f.lab.read_text("chips.toml"), source) << "the source is lost";
 
     std::string many;
     for (int i = 0; i < 64; ++i) {
         many +=
             "[[chip]]\nparts = [\"P\"]\nid = \"01" + std::to_string(10 + i) + "\"\nsize = \"1M\"\n";
     }
-    EXPECT_NE(build(many).output.find("list: records: 64 are more than the 63"), std::string::npos);
+    EXPECT_NE(build(many).output.find("chips.toml:265: list: records: there are 64;"),
+              std::string::npos);
     const Result typo = build("[[chip]]\nparts = [\"A\"]\nid = \"EF 4\"\nsize = \"1M\"\n");
     EXPECT_EQ(typo.status, 2);
     EXPECT_EQ(typo.output,
               "spilist: chips.toml:15: id: must be bytes in hexadecimal like \"EF 40 16\"\n");
+    EXPECT_EQ(build(a + "sectr = \"4K\"\n").output,
+              "spilist: chips.toml:17: sectr: unknown key \"sectr\"; did you mean \"sector\"?\n");
+    EXPECT_EQ(
+        f.run("spilist", "build " + kSource + " --erase-unit 128K").output,
+        "spilist: --erase-unit: 128K is no erase unit of these chips; they have 4K, 32K, 64K\n");
 }
-
-const std::string kSource = QFU_SOURCE_DIR "/chiplist/chips.toml";
 
 TEST(Spilist, SaysEverythingThatIsWrongWithABrokenList) {
     const std::filesystem::path folder = QFU_SOURCE_DIR "/tests/chip_lists";
@@ -222,7 +237,7 @@ TEST(Spilist, SaysEverythingThatIsWrongWithABrokenList) {
         const Result result = f.run("spilist", "check " + file);
         const std::size_t summary = result.output.rfind(file + ": ");
         EXPECT_EQ(result.output.substr(0, summary), expected);
-        EXPECT_EQ(result.output.find("rejects the list", summary) != std::string::npos,
+        EXPECT_EQ(result.output.find("would reject the list", summary) != std::string::npos,
                   reader.number("rejected", 0, 1) == 1)
             << result.output;
         EXPECT_EQ(result.status, findings.empty() ? 0 : 1) << file;
@@ -254,22 +269,36 @@ TEST(Spilist, ShowsComparesAndMatchesLists) {
         << differ.output;
     const std::string lists = QFU_SOURCE_DIR "/tests/chip_lists/";
     EXPECT_EQ(
-        f.run("spilist", "diff " + lists + "good.bin " + lists + "end-in-the-middle.bin").output,
+        f.run("spilist", "diff " + lists + "good.bin " + lists + "end-in-the-middle.bin 2>errors")
+            .output,
         "record 1 (C2 20 13): record: C2 20 13, 512K -> none\n");
 
-    const Result hides = f.run("spilist", "match " + lists + "id-hidden.bin 0x0013_40EF");
-    EXPECT_EQ(hides.status, 2) << hides.output;
-    EXPECT_EQ(f.run("spilist", "match " + lists + "id-hidden.bin 0x1340EF").output,
-              "chosen: record 0, ID EF 40, 512K\nhidden: record 1, ID EF 40 13, 512K\n");
-    EXPECT_TRUE(f.run("spilist", "match " + kSource + " '1F 44 01'")
-                    .output.ends_with(", ID 1F 44, 512K, AT25DF041A\n"));
+    const Result hides = f.run("spilist", "match " + lists + "id-hidden.bin EF 40 13");
+    EXPECT_EQ(hides.status, 1) << "the list is broken";
+    EXPECT_NE(hides.output.find("id-hidden.bin: the program would load the list but misuse it\n"),
+              std::string::npos);
+    EXPECT_NE(hides.output.find(
+                  "chosen: record 0, ID EF 40, 512K\nhidden: record 1, ID EF 40 13, 512K\n"),
+              std::string::npos);
+    const std::string w25x40 = "ID EF 30 13, 512K, W25X40\n";
+    const std::string forward = f.run("spilist", "match " + kSource + " 0xEF3013").output;
+    EXPECT_TRUE(forward.ends_with(w25x40)) << forward;
+    const std::string backward = f.run("spilist", "match " + kSource + " 0x1330EF").output;
+    EXPECT_TRUE(backward.starts_with("No record matches 13 30 EF.")) << backward;
+    EXPECT_TRUE(backward.ends_with(w25x40)) << backward;
+    EXPECT_NE(f.run("spilist", "match slow.bin '1F 44 01' --source " + kSource)
+                  .output.find(", ID 1F 44, 512K, AT25DF041A\nnote: Powers up protected."),
+              std::string::npos);
     EXPECT_EQ(f.run("spilist", "match slow.bin EF4099").status, 1);
+    const Result rejected = f.run("spilist", "match " + lists + "marker.bin EF4013");
+    EXPECT_EQ(rejected.status, 1);
+    EXPECT_EQ(rejected.output.find("chosen"), std::string::npos) << rejected.output;
 }
 
 TEST(Spilist, WritesJsonForScripts) {
     const Folder f;
     const auto json = [&](const std::string& arguments) {
-        return nlohmann::json::parse(f.run("spilist", arguments + " --json").output);
+        return nlohmann::json::parse(f.run("spilist", arguments + " --json 2>errors").output);
     };
     const std::string lists = QFU_SOURCE_DIR "/tests/chip_lists/";
     const auto check = json("check " + lists + "marker.bin");
@@ -290,13 +319,29 @@ TEST(Spilist, WritesJsonForScripts) {
 
 TEST(Spilist, ExitsWith2WhenItCannotWork) {
     const Folder f;
-    for (const char* arguments :
-         {"", "sing", "check", "check none.bin", "check .", "show none.toml", "match spilist.bin 1",
-          "build machine.toml", "diff spilist.bin"}) {
-        EXPECT_EQ(f.run("spilist", arguments).status, 2) << arguments;
+    std::filesystem::create_directory(f.lab.folder() / "folder.toml");
+    const std::string good = QFU_SOURCE_DIR "/tests/chip_lists/good.bin ";
+    const std::string magic = QFU_SOURCE_DIR "/tests/chip_lists/magic.bin ";
+    const std::pair<std::string, std::string> cases[] = {
+        {"",                                    "A subcommand is required"                        },
+        {"shwo",                                "unknown command \"shwo\"; did you mean \"show\"?"},
+        {"check",                               "spilist check --help"                            },
+        {"check none.bin",                      "none.bin: cannot be read: No such file"          },
+        {"check .",                             ".: is a folder; it must be a chip list"          },
+        {"show folder.toml",                    "folder.toml: is a folder; it must be a TOML file"},
+        {"match " + good + "0xEF_40",           "\"0xEF_40\" is no ID"                            },
+        {"match " + good + "EF 40 13 00 00",    "1 to 4 bytes"                                    },
+        {"build machine.toml",                  "machine.toml:"                                   },
+        {"diff " + good + magic,                "no chip list"                                    },
+        {"build " + kSource + " -o /dev/full",  "/dev/full: cannot be written: No space left"     },
+        {"show --json " + good + " >/dev/full", "standard output: cannot be written in full"      },
+        {"--help >/dev/full",                   "standard output: cannot be written in full"      },
+    };
+    for (const auto& [arguments, message] : cases) {
+        const Result result = f.run("spilist", arguments);
+        EXPECT_EQ(result.status, 2) << arguments;
+        EXPECT_NE(result.output.find(message), std::string::npos) << arguments << result.output;
     }
-    EXPECT_EQ(f.run("spilist", "build " + kSource + " --erase-unit 64Q").status, 2);
-    EXPECT_EQ(f.run("spilist", "--help").status, 0);
 }
 
 TEST(Man, HoldsTheProgramsOwnTexts) {

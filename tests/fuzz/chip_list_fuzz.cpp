@@ -104,19 +104,16 @@ void require_served(const chiplist::ChipList& list) {
     }
     const Bytes again = chiplist::encode(list);
     require(qfu_chiplist_valid(again), "what was read cannot be built");
-    require(chiplist::decode(again).list.chips.size() == list.chips.size(), "a record was lost");
+    require(chiplist::decode(again).chips.size() == list.chips.size(), "a record was lost");
 }
 
 void try_list(Shell& shell, const Bytes& bytes) {
-    const chiplist::Decoded decoded = chiplist::decode(bytes);
-    std::vector<chiplist::Finding> findings = decoded.findings;
-    std::ranges::copy(chiplist::check(decoded.list), std::back_inserter(findings));
-    const bool rejected = std::ranges::any_of(findings, [](const chiplist::Finding& finding) {
-        return finding.effect == chiplist::Effect::kRejected;
-    });
-    require(shell.program_takes(bytes) == !rejected, "the program and the tool do not agree");
+    const chiplist::ChipList list = chiplist::decode(bytes);
+    const std::vector<chiplist::Finding> findings = chiplist::check(list);
+    require(shell.program_takes(bytes) == !chiplist::is_rejected(findings),
+            "the program and the tool do not agree");
     if (findings.empty()) {
-        require_served(decoded.list);
+        require_served(list);
     }
 }
 
