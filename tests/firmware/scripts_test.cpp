@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <memory>
 #include <set>
 
 namespace {
@@ -25,7 +26,10 @@ Volume volume_with_tools() {
     volume["work"].folder = true;
     volume["my tools/qfu.efi"] = built["qfu.efi"];
     volume["my tools/spilist.bin"].bytes = lab::shipped_chip_list();
-    for (const char* script : {"flash.nsh", "backup.nsh"}) {
+    volume["my tools/lib"].folder = true;
+    for (const char* script :
+         {"flash.nsh", "verify.nsh", "backup.nsh", "lib/flash.nsh", "lib/verify.nsh",
+          "lib/backup.nsh", "lib/prepare.nsh", "lib/finish.nsh"}) {
         volume["my tools/" + std::string(script)].bytes =
             read_bytes(QFU_SCRIPTS "/" + std::string(script));
     }
@@ -46,15 +50,18 @@ struct Scripts {
     }
 };
 
-/// Runs each line in the folder "work" and presses Y when the program asks.
+/// Runs each line in the folder "work" and gives the next of `answers` at each question.
 Scripts run_lines(emulator::Machine& machine, const Volume& volume,
-                  const std::vector<std::string>& lines) {
+                  const std::vector<std::string>& lines, std::string answers = "") {
     std::string script = "@echo -off\r\nfs0:\r\ncd work\r\n";
     for (std::size_t i = 0; i < lines.size(); ++i) {
         script += lines[i] + "\r\necho %lasterror% >a fs0:\\status" + std::to_string(i) + "\r\n";
     }
-    const auto confirm = [](const std::string& line) {
-        return line.find("Press \"Y\"") == line.npos ? "" : "y";
+    const auto confirm = [&answers](const std::string& line) {
+        const bool asks = line.find("Press \"Y\"") != line.npos;
+        std::string key = answers.substr(0, asks ? 1 : 0);
+        answers.erase(0, key.size());
+        return key;
     };
     Scripts scripts{run_guest(machine, volume, script + "reset -s\r\n", confirm), {}, {}};
     for (std::size_t i = 0; i < lines.size(); ++i) {
@@ -69,62 +76,125 @@ Scripts run_lines(emulator::Machine& machine, const Volume& volume,
     return scripts;
 }
 
-TEST(FlashScript, SaysWhetherTheFlashHoldsTheImage) {
-    const emulator::SteadyClock clock;
-    auto description = emulator::load_machine_file(QFU_SOURCE_DIR "/emulator/machines/faulty.toml");
-    description.adapters[0].spi->image.clear();
+struct Case {
+    std::string line;
+    std::string status;
+    std::string says;
+};
+
+const std::string kFlash = "\"..\\my tools\\flash\" ";
+const std::string kVerify = "\"..\\my tools\\verify\" ";
+
+/// Two adapters, and images to write into them. The first reads bit 1 of the four bytes at 0x1028
+/// wrong.
+struct FlashScripts : testing::Test {
+    FlashScripts() {
+        auto description =
+            emulator::load_machine_file(QFU_SOURCE_DIR "/emulator/machines/faulty.toml");
+        description.adapters[0].spi->image.clear();
+        machine = emulator::build_machine(description, clock, images);
+        auto& second = machine->add(*emulator::find_adapter_model(0x1E5D, 0xC709), {0, 3, 0}, 0);
+        machine->add_spi_chip(second, *emulator::find_spi_part("W25Q16"), {});
+        before = lab::pattern(flash(0).size(), 7);
+        std::ranges::copy(before, flash(0).begin());
+        std::ranges::copy(before, flash(1).begin());
+        volume["work/image.bin"].bytes = volume["work/a b.bin"].bytes = image;
+        volume["work/none.bin"].bytes = {};
+        volume["zeros.bin"].bytes = std::vector<std::uint8_t>(64, 0);
+    }
+
+    std::span<std::uint8_t> flash(std::size_t i) const {
+        return machine->adapter(i).spi().chip()->contents();
+    }
+
+    /// Runs the cases in one guest and looks at what each says.
+    void run(const std::vector<Case>& cases, const std::string& answers) {
+        std::vector<std::string> lines(cases.size());
+        std::ranges::transform(cases, lines.begin(), &Case::line);
+        done = run_lines(*machine, volume, lines, answers);
+        for (std::size_t i = 0; i < cases.size(); ++i) {
+            EXPECT_EQ(done.statuses[i], cases[i].status) << cases[i].line;
+            EXPECT_TRUE(done.prints(cases[i].says)) << cases[i].says;
+        }
+        EXPECT_EQ(machine->journal().misuses(), std::vector<std::string>{});
+    }
+
+    emulator::SteadyClock clock;
     emulator::ImageFiles images;
-    const auto machine = emulator::build_machine(description, clock, images);
-    auto& second = machine->add(*emulator::find_adapter_model(0x1E5D, 0xC709), {0, 3, 0}, 0);
-    machine->add_spi_chip(second, *emulator::find_spi_part("W25Q16"), {});
-    const auto faulty = machine->adapter(0).spi().chip()->contents();
-    const auto good = machine->adapter(1).spi().chip()->contents();
-    const auto before = lab::pattern(good.size(), 7);
-    std::ranges::copy(before, faulty.begin());
-    std::ranges::copy(before, good.begin());
-
+    std::unique_ptr<emulator::Machine> machine;
+    std::vector<std::uint8_t> before;
+    std::vector<std::uint8_t> image = lab::pattern(600);
     Volume volume = volume_with_tools();
-    const auto image = lab::pattern(600);
-    volume["work/image.bin"].bytes = image;
-    volume["work/a b.bin"].bytes = image;
-    volume["work/none.bin"].bytes = {};
-    auto zeros = std::vector<std::uint8_t>(64, 0);
-    volume["zeros.bin"].bytes = zeros;
-    const std::string tool = "\"..\\my tools\\flash\"";
-    Scripts done =
-        run_lines(*machine, volume,
-                  {tool + " image.bin 0x2000 1", tool + " fs0:\\zeros.bin 0x1000 0 -y -csid 1",
-                   tool + " image.bin 0x4000 0 -y", tool + " zeros.bin", tool + " none.bin 0 0",
-                   tool + " \"a b.bin\" 0 0 -y", "copy ..\\zeros.bin zeros.bin",
-                   tool + " zeros.bin 0x4000 5 -y", tool + " zeros.bin 0x4000", tool});
-    EXPECT_EQ(done.statuses, (std::vector<std::string>{"0x0", "0x1", "0x2", "0x2", "0x2", "0x2",
-                                                       "0x0", "0x2", "0x2", "0x2"}));
+    Scripts done;
+};
 
-    // The first, on the other adapter: written and as it should be.
-    EXPECT_TRUE(
-        done.prints("flash: done. The flash holds image.bin; it held image.bin.old before."));
-    EXPECT_TRUE(std::equal(image.begin(), image.end(), good.begin() + 0x2000));
-    EXPECT_TRUE(std::ranges::equal(done.file("image.bin.old"),
+TEST_F(FlashScripts, SayWhetherTheFlashHoldsTheImage) {
+    // Names that are taken, so that each digit of the next one has to be looked for.
+    for (const char* taken : {"old099", "old109", "old110", "new111"}) {
+        volume["work/image.bin." + std::string(taken)].bytes = {1};
+    }
+    run(
+        {
+            {kFlash + "image.bin 0x2000 1",                  "0x2", "flash: skipped. Nothing was written."   },
+            {kFlash + "image.bin 0x2000 1",                  "0x0",
+             "flash: done. The flash holds image.bin; it held image.bin.old112 before."                      },
+            {kFlash + "image.bin 0x2000 1",                  "0x0", "done. The flash held image.bin already."},
+            {kVerify + "image.bin 0x2000 0 -cdid c709",      "0x0", "The flash holds image.bin at"           },
+            {kVerify + "image.bin 0x2001 1",                 "0x1", "The flash does not hold image.bin at"   },
+            {kFlash + "fs0:\\zeros.bin 0x1000 0 -y -csid 1", "0x1",
+             "flash: FAILED. The flash holds fs0:\\zeros.bin.new000, not fs0:\\zeros.bin; it held "
+             "fs0:\\zeros.bin.old000 before."                                                                }
+    },
+        "ny");
+    EXPECT_TRUE(done.prints("flash: adapter 1, VenId=1e5d, DevId=c709, ClassCode=1040000, 2 ports "
+                            "[Bus=0, Dev=3, Fun=0]\r\nflash: chip cs1:SPI FLASH Chip Whole "
+                            "Size=200000, ID[EF 40 15]."));
+    EXPECT_TRUE(std::ranges::equal(done.file("image.bin.old112"),
                                    std::span(before).subspan(0x2000, image.size())));
-    // The second: bit 1 of the four bytes that are read at 0x1028 is inverted.
-    EXPECT_TRUE(done.prints("flash: FAILED. The flash holds fs0:\\zeros.bin.new, not "
-                            "fs0:\\zeros.bin; it held fs0:\\zeros.bin.old before."));
-    std::ranges::fill(std::span(zeros).subspan(0x28, 4), std::uint8_t{2});
-    EXPECT_EQ(done.guest.volume["zeros.bin.new"].bytes, zeros);
-    // The others write nothing and say why.
-    EXPECT_TRUE(done.prints("flash: image.bin.old holds what an earlier run saved. Move it away "
-                            "first. Nothing was written."));
-    EXPECT_TRUE(done.prints("flash: zeros.bin is not there. Nothing was written."));
-    EXPECT_TRUE(done.prints("flash: none.bin is empty. Nothing was written."));
-    EXPECT_TRUE(done.prints("flash: a name with spaces cannot be used. Nothing was written."));
-    EXPECT_TRUE(done.prints("flash: only 0 of 64 bytes could be saved. Nothing was written."));
-    EXPECT_TRUE(done.prints("flash: there are 2 adapters; say which. Nothing was written."));
-    EXPECT_TRUE(done.prints("usage: flash IMAGE [ADDRESS [ADAPTER [OPTION...]]]"));
-    EXPECT_TRUE(std::equal(good.begin() + 0x3000, good.end(), before.begin() + 0x3000));
-    EXPECT_TRUE(std::equal(faulty.begin() + 0x2000, faulty.end(), before.begin() + 0x2000));
-    EXPECT_EQ(done.files, (std::set<std::string>{"a b.bin", "image.bin", "image.bin.old",
-                                                 "none.bin", "zeros.bin"}));
-    EXPECT_EQ(machine->journal().misuses(), std::vector<std::string>{});
+    std::vector<std::uint8_t> wrong(64, 0);
+    std::fill_n(wrong.begin() + 0x28, 4, std::uint8_t{2});
+    EXPECT_EQ(done.guest.volume["zeros.bin.new000"].bytes, wrong);
+    // Only the sector of the image was touched.
+    auto expected = before;
+    std::fill_n(expected.begin() + 0x2000, 0x1000, 0xFF);
+    std::ranges::copy(image, expected.begin() + 0x2000);
+    EXPECT_TRUE(std::ranges::equal(flash(1), expected));
+    EXPECT_EQ(done.files,
+              (std::set<std::string>{"a b.bin", "image.bin", "image.bin.new111", "image.bin.old099",
+                                     "image.bin.old109", "image.bin.old110", "image.bin.old112",
+                                     "none.bin"}));
+}
+
+TEST_F(FlashScripts, LeaveEveryFlashAloneWhenSomethingIsWrong) {
+    run(
+        {
+            {kFlash + "image.bin 0 1 -y -cdid C709", "0x2", "there is no adapter 1; the number of"         },
+            {kFlash + "image.bin 0 5 -y",            "0x2",
+             "no adapter 5; the number of adapters is 2. Nothing"                                          },
+            {kFlash + "image.bin 0 ALL -y",          "0x2", "the adapter must be a number from 0 to 5."    },
+            {kFlash + "image.bin 0x3000",            "0x2", "there are 2 adapters; say which."             },
+            {kFlash + "image.bin 0 0 -y -csid 0",    "0x2",
+             "adapter 0 has no flash chip that is known"                                                   },
+            {kFlash + "image.bin 0x1ffda9 1 -y",     "0x2",
+             "image.bin does not fit at address 0x1ffda9"                                                  },
+            {kVerify + "image.bin 0x200000 1",       "0x2", "is behind the end of the chip"                },
+            {kFlash + "image.bin 0x100002000 1",     "0x2", "address 0x100002000 is behind the end"        },
+            {kFlash + "image.bin -y 1",              "0x2", "the address must be a number, such as 0x1000" },
+            {kFlash + "image.bin 0 1 -wpa",          "0x2", "the word -wpa cannot stand here; see flash -h"},
+            {kFlash + "image.bin 0 1 -y -csid",      "0x2", "the word -csid needs a value."                },
+            {kFlash + "image.bin 0 1 \"\" -csid 0",  "0x2", "an empty word stands before -csid."           },
+            {kFlash + "zeros.bin",                   "0x2", "zeros.bin is not there."                      },
+            {kFlash + "none.bin 0 0",                "0x2", "none.bin is empty."                           },
+            {kFlash + "\"a b.bin\" 0 0 -y",          "0x2", "with spaces or wildcards cannot be used."     },
+            {kFlash + "-y image.bin",                "0x2", "a name cannot begin with a minus sign"        },
+            {kFlash + "-h",                          "0x0", "flash IMAGE [ADDRESS [ADAPTER [OPTION...]]]"  },
+            {kVerify,                                "0x2", "Example: verify image.bin 0x1000 0"           },
+            {kFlash + "image.bin 0 1",               "0x2", ". Nothing was written."                       }
+    },
+        "\003"); // Ctrl-C at the question
+    EXPECT_TRUE(std::ranges::equal(flash(0), before));
+    EXPECT_TRUE(std::ranges::equal(flash(1), before));
+    EXPECT_EQ(done.files, (std::set<std::string>{"a b.bin", "image.bin", "none.bin"}));
 }
 
 TEST(BackupScript, ReadsTheWholeFlashTwice) {
@@ -143,15 +213,17 @@ TEST(BackupScript, ReadsTheWholeFlashTwice) {
     Scripts done = run_lines(machine, volume_with_tools(),
                              {tool + " all.bin", tool + " all.bin 0", tool + " fs0:\\two.bin 0",
                               tool + " none.bin 4", tool + " \"a b.bin\" 0", tool});
-    EXPECT_EQ(done.statuses, (std::vector<std::string>{"0x0", "0x2", "0x1", "0x1", "0x2", "0x2"}));
+    EXPECT_EQ(done.statuses, (std::vector<std::string>{"0x0", "0x2", "0x1", "0x2", "0x2", "0x2"}));
     EXPECT_TRUE(done.prints("backup: done. all.bin holds the flash, 0x10000 bytes read twice."));
     EXPECT_TRUE(std::ranges::equal(done.file("all.bin"), chip.contents()));
     EXPECT_TRUE(done.prints("backup: all.bin is there already. Nothing was read."));
     EXPECT_TRUE(done.prints("backup: FAILED. The two readings fs0:\\two.bin and "
                             "fs0:\\two.bin.new differ."));
-    EXPECT_TRUE(done.prints("backup: FAILED. Adapter 4 has no flash chip that is known."));
-    EXPECT_TRUE(done.prints("backup: a name with spaces cannot be used. Nothing was read."));
-    EXPECT_TRUE(done.prints("usage: backup FILE [ADAPTER [OPTION...]]"));
+    EXPECT_TRUE(done.prints(
+        "backup: there is no adapter 4; the number of adapters is 1. Nothing was read."));
+    EXPECT_TRUE(
+        done.prints("backup: a name with spaces or wildcards cannot be used. Nothing was read."));
+    EXPECT_TRUE(done.prints("backup FILE [ADAPTER [OPTION...]]"));
     EXPECT_EQ(done.files, std::set<std::string>{"all.bin"});
     EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
 }
