@@ -238,42 +238,11 @@ TEST(Digits, AreReadUpToTheFirstOtherCharacter) {
 }
 
 TEST(Parser, SurvivesRandomCommandLines) {
-    const std::vector<std::string> words = {"-cmds",
-                                            "-bp",
-                                            "-help",
-                                            "-h",
-                                            "-phytest",
-                                            "-p",
-                                            "-r",
-                                            "-n",
-                                            "-t",
-                                            "-l",
-                                            "-y",
-                                            "-wpa",
-                                            "-se",
-                                            "-adid",
-                                            "-wbf",
-                                            "-rfb",
-                                            "-getparm",
-                                            "-csid",
-                                            "-cvid",
-                                            "-cdid",
-                                            "-addr",
-                                            "-sz",
-                                            "ALL",
-                                            "0",
-                                            "1",
-                                            "0x",
-                                            "0x10000000",
-                                            "",
-                                            "image.bin",
-                                            "new.bin",
-                                            "99999999999999999999999",
-                                            "prbs7",
-                                            "%s%n%d",
-                                            ".",
-                                            "*",
-                                            "spilist.bin"};
+    std::vector<std::string> words = lab::words(
+        "-cmds -bp -help -h -phytest -p -r -n -t -l -y -wpa -se -adid -wbf -rfb -getparm "
+        "-csid -cvid -cdid -addr -sz ALL 0 1 0x 0x10000000 image.bin new.bin "
+        "99999999999999999999999 prbs7 %s%n%d . * spilist.bin");
+    words.emplace_back();
     std::mt19937 random(11);
     for (int round = 0; round < 150; ++round) {
         Lab lab;

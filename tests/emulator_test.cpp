@@ -3,6 +3,7 @@
 #include "machine_file.h"
 #include "support/input_error.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
@@ -24,69 +25,18 @@ std::string complaint(const std::string& text) {
 }
 
 TEST(MachineFile, NamesTheLineTheMistakeAndWhatIsAllowed) {
-    const std::string adapter = "[[adapter]]\ndevice = 0xC709\nslot = 2\n";
-    const std::string spi = adapter + "[adapter.spi]\npart = \"W25X40\"\n";
-    const std::string fault = spi + "[[adapter.spi.fault]]\n";
-    const std::string nor = "[[adapter]]\ndevice = 0xC703\nslot = 3\n[adapter.nor]\n";
-    const std::string phy = adapter + "[[adapter.phy.fault]]\n";
-    const std::string call = "[[firmware_fault]]\ncall = ";
-    const std::pair<std::string, std::string> cases[] = {
-        {"tim = 1\n",                                                          "1: tim: unknown key \"tim\"; did you mean \"time\"?"           },
-        {"time = \"slow\"\n",                                                  "1: time: must be \"typical\" or \"none\""                      },
-        {"[[adapter]]\nslot = 2\n",                                            "1: device: is missing"                                         },
-        {"[[adapter]]\ndevice = 0xC790\nslot = 2\n",
-         "2: device: unknown adapter of vendor 0x1E5D \"0xC790\"; did you mean \"0xC710\"?"                                                    },
-        {"[[adapter]]\ndevice = 0xC709\nslot = 32\n",                          "3: slot: must be a number from 0 to 31"                        },
-        {"[[adapter]]\ndevice = 0xC709\nslot = 16\n",
-         "3: slot: qfu looks at buses 0 to 63, slots 0 to 15 and function 0; an adapter that it "
-         "does "
-         "not find needs hidden = true"                                                                                                        },
-        {adapter + "hidden = true\n",                                          "4: hidden: this adapter is found; qfu looks at buses 0 to "
-                                      "63, slots 0 to 15 and function 0"                                  },
-        {adapter + adapter,                                                    "6: slot: the adapter of line 1 is there already"               },
-        {adapter + "spi = 3\n",                                                "4: spi: must be a table"                                       },
-        {adapter + "[adapter.spi]\npart = \"w25x4\"\n",
-         "5: part: unknown part \"w25x4\"; did you mean \"W25X40\"?"                                                                           },
-        {adapter + "[adapter.spi]\npart = \"flash\"\n",
-         "5: part: unknown part \"flash\"; \"qfu-emu list parts\" prints all"                                                                  },
-        {spi + "image = \"a\"\n" + nor + "id = 0x22CB00C2\nimage = \"./a\"\n",
-         "12: image: is the image of the chip of line 4 too; each chip needs its own"                                                          },
-        {fault + "kind = \"no anser\"\n",
-         "7: kind: unknown kind of fault \"no anser\"; did you mean \"no answer\"?"                                                            },
-        {fault + "kind = \"ignored\"\non = \"reset\"\n",
-         "8: on: \"ignored\" has no effect on \"reset\" of such a chip; allowed: \"read id\", "
-         "\"write enable\", \"write disable\", \"read status\", \"write status\", \"read\", "
-         "\"program\", \"sector erase\", \"block erase\", \"chip erase\", \"query protection\", "
-         "\"protect sector\", \"unprotect sector\""                                                                                            },
-        {fault + "kind = \"stuck bits\"\non = \"read\"\n",
-         "8: on: \"stuck bits\" has no effect on \"read\" of such a chip; allowed: \"program\", "
-         "\"sector erase\", \"block erase\", \"chip erase\""                                                                                   },
-        {fault + "kind = \"ignored\"\nmask = 1\n",
-         "8: mask: \"ignored\" has none; \"stuck bits\" and \"wrong data\" have"                                                               },
-        {fault + "kind = \"ignored\"\naddress = 0x80000\n",
-         "8: address: is past the end of the chip; the last is 0x7FFFF"                                                                        },
-        {fault + "kind = \"ignored\"\non = \"read id\"\naddress = 0\n",
-         "9: address: \"read id\" has no address"                                                                                              },
-        {phy + "kind = \"noise\"\nport = 0\n",
-         "5: kind: unknown kind of PHY fault \"noise\"; known: \"no pass\", \"no lock\", "
-         "\"errors\", \"count\""                                                                                                               },
-        {phy + "kind = \"errors\"\nport = 2\n",                                "6: port: must be a number from 0 to 1"                         },
-        {phy + "kind = \"no lock\"\nport = 1\nvalue = 1\n",
-         "7: value: \"no lock\" has none; \"errors\" and \"count\" have"                                                                       },
-        {"[[adapter]]\ndevice = 0xC705\nslot = 2\n[adapter.phy]\n",
-         "4: phy: this adapter has no PHY test; those of kind 1 have, see \"qfu-emu list "
-         "adapters\""                                                                                                                          },
-        {adapter + "[adapter.nor]\nid = 0x22CB00C2\n",
-         "4: nor: this adapter has no NOR flash; those of kind 2 have, see \"qfu-emu list "
-         "adapters\""                                                                                                                          },
-        {nor + "id = 0x22CB00C3\n",
-         "5: id: unknown part \"0x22CB00C3\"; did you mean \"0x22CB00C2\"?"                                                                    },
-        {call + "\"pol\"\n",                                                   "2: call: unknown firmware call \"pol\"; did you mean \"pool\"?"},
-        {call + "\"pool\"\n" + call + "\"pool\"\n",                            "4: call: has a fault already, on line 1"                       },
-    };
-    for (const auto& [text, message] : cases) {
-        EXPECT_EQ(complaint(text), "machine.toml:" + message) << text;
+    std::ifstream mistakes(QFU_SOURCE_DIR "/tests/machine_mistakes.txt");
+    std::string line;
+    std::string text;
+    int count = 0;
+    while (std::getline(mistakes, line)) {
+        if (line.starts_with("=> ")) {
+            EXPECT_EQ(complaint(text), "machine.toml:" + line.substr(3)) << text;
+            ++count;
+        }
+        text = line.empty() ? "" : text + line + "\n";
     }
+    EXPECT_GT(count, 20);
     EXPECT_NE(complaint("[[adapter]\n").find("machine.toml:1: "), std::string::npos);
     EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC709\nbus = 64\nslot = 2\nhidden = true\n"),
               "none");
