@@ -99,6 +99,7 @@ void print_chip_faults(std::string_view table, ChipKind chip) {
 }
 
 void print_faults() {
+    std::cout << "[[adapter.fault]]\nkind: " << kPowerFaultKind << "; nth or at_us, off_us\n\n";
     print_chip_faults("spi", ChipKind::kSpi);
     print_chip_faults("nor", ChipKind::kNor);
     std::cout << "[[adapter.phy.fault]]\nkind: " << joined(phy_fault_kind_names()) << "\n\n";

@@ -6,6 +6,7 @@
 #include "uefi/call_faults.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace emulator {
@@ -48,6 +49,7 @@ class MachineReader {
     PciAddress read_place(TableReader& reader);
     SpiChipDescription read_spi(const toml::table& table);
     NorChipDescription read_nor(const toml::table& table);
+    PowerFaultDescription read_power_fault(const toml::table& table) const;
     PhyDescription read_phy(const toml::table& table, std::uint8_t ports) const;
     std::filesystem::path read_image(TableReader& reader);
     std::vector<FaultDescription> read_faults(TableReader& reader, Chip chip) const;
@@ -174,6 +176,29 @@ NorChipDescription MachineReader::read_nor(const toml::table& table) {
     return chip;
 }
 
+PowerFaultDescription MachineReader::read_power_fault(const toml::table& table) const {
+    TableReader reader(table, file_);
+    const std::string word = reader.text("kind");
+    if (word != kPowerFaultKind) {
+        const std::array<std::string_view, 1> known = {kPowerFaultKind};
+        reader.fail("kind", support::unknown_word("kind of adapter fault", word, known));
+    }
+    constexpr std::int64_t kLongestUs = INT64_MAX / 2000; // in nanoseconds a time still fits
+    PowerFault fault;
+    if (reader.has("nth") == reader.has("at_us")) {
+        reader.fail("kind", "\"power\" goes either in the register access \"nth\" or at the time "
+                            "\"at_us\"; give one of them");
+    }
+    if (reader.has("nth")) {
+        fault.nth = static_cast<std::uint64_t>(reader.number("nth", 1, INT64_MAX));
+    } else {
+        fault.at_us = static_cast<std::uint64_t>(reader.number("at_us", 0, kLongestUs));
+    }
+    fault.off_us = static_cast<std::uint64_t>(reader.number("off_us", 0, kLongestUs, 0));
+    reader.finish();
+    return {fault, reader.line()};
+}
+
 PhyFaultDescription MachineReader::read_phy_fault(const toml::table& table,
                                                   std::uint8_t ports) const {
     TableReader reader(table, file_);
@@ -283,6 +308,9 @@ AdapterDescription MachineReader::read_adapter(const toml::table& table) {
         }
         adapter.phy = read_phy(*phy, adapter.model->ports);
     }
+    for (const toml::table* fault : reader.tables("fault")) {
+        adapter.faults.push_back(read_power_fault(*fault));
+    }
     reader.finish();
     return adapter;
 }
@@ -385,6 +413,9 @@ std::unique_ptr<Machine> build_machine(const MachineDescription& description, co
         if (a.phy) {
             apply(*a.phy, *adapter.phy());
         }
+        for (const PowerFaultDescription& fault : a.faults) {
+            adapter.add_power_fault(fault.fault);
+        }
     }
     return machine;
 }
@@ -404,6 +435,7 @@ std::vector<std::size_t> idle_faults(const MachineDescription& description,
         if (described.phy) {
             collect_idle(described.phy->faults, *adapter.phy(), lines);
         }
+        collect_idle(described.faults, adapter.power(), lines);
     }
     return lines;
 }

@@ -17,6 +17,12 @@ struct FaultDescription {
     std::size_t line;
 };
 
+/// A loss of power of an adapter, and the line of the machine file that it begins on.
+struct PowerFaultDescription {
+    PowerFault fault;
+    std::size_t line;
+};
+
 /// A fault of a port, and the line of the machine file that it begins on.
 struct PhyFaultDescription {
     PhyFault fault;
@@ -52,6 +58,7 @@ struct AdapterDescription {
     std::optional<SpiChipDescription> spi;
     std::optional<NorChipDescription> nor;
     std::optional<PhyDescription> phy;
+    std::vector<PowerFaultDescription> faults;
     std::size_t line; ///< of the machine file
 };
 

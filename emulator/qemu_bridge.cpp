@@ -130,11 +130,11 @@ std::uint64_t carry_out(Adapter& adapter, Command command, const Payload& payloa
     switch (command) {
     case Command::kConfigRead: {
         const auto access = payload_as<ConfigAccess>(payload);
-        return adapter.pci().read(access.reg, access.size);
+        return adapter.config_read(access.reg, access.size);
     }
     case Command::kConfigWrite: {
         const auto access = payload_as<ConfigAccess>(payload);
-        adapter.pci().write(access.reg, access.value, access.size);
+        adapter.config_write(access.reg, access.value, access.size);
         return 0;
     }
     case Command::kBarRead: {

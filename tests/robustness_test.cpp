@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <iostream>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -154,6 +157,78 @@ TEST(EveryNth, RegisterReadMayFail) {
             bad.lab.faults().memory_read.fail(nth);
             bad.run();
             bad.lab.take_misuses();
+        }
+    }
+}
+
+/// A short "-wbf" over the border of two erase units of a chip that holds something.
+struct CutRun {
+    explicit CutRun(Target target)
+        : adapter(lab.adapter(target == Target::kSpi1  ? 0xC709
+                              : target == Target::kNor ? 0xC703
+                                                       : 0xC705)) {
+        constexpr emulator::BusyTimes kShort{0, 10, 1}; // erases last for a poll or two
+        contents = target == Target::kNor ? lab.nor_chip(adapter, 0x257E00EC, kShort).contents()
+                                          : lab.chip(adapter, "MX25L512", kShort).contents();
+        unit = target == Target::kNor ? 0x2000 : 0x1000;
+        std::ranges::copy(lab::pattern(contents.size(), 2), contents.begin());
+        expected.assign(contents.begin(), contents.end());
+        std::fill_n(expected.begin() + 2 * unit, 2 * unit, std::uint8_t{0xFF});
+        const Bytes image = lab::pattern(12);
+        std::ranges::copy(image, expected.begin() + 3 * unit - 6);
+        lab.write_file("image.bin", image);
+        line = "-wbf image.bin -y -cdid " + emulator::hex(adapter.model().device, 4) + " -addr " +
+               std::to_string(3 * unit - 6);
+    }
+
+    /// Runs it and looks at the chip. @returns what is wrong
+    std::string run() {
+        const std::string text = lab.run(line).text();
+        const auto [wrong, right] = std::ranges::mismatch(contents, expected);
+        return !text.ends_with("successful!!\n") ? text
+               : right != expected.end() ? "differs at " + std::to_string(wrong - contents.begin())
+               : lab.machine().journal().misuse_count() > 0 ? lab.take_misuses().front()
+                                                            : "";
+    }
+
+    /// The whole machine loses power in an access, comes up again and runs the same once more.
+    [[noreturn]] void run_with_power_cut(std::uint64_t access) {
+        adapter.add_power_fault({.nth = access});
+        lab.machine().journal().listen_to_cycles([this](std::string_view cycle) {
+            if (cycle.ends_with("power is lost")) {
+                adapter.power_up();
+                const std::string wrong = run(); // and the first run never goes on
+                std::cerr << wrong;
+                _exit(wrong.empty() ? 0 : 1);
+            }
+        });
+        run();
+        _exit(2);
+    }
+
+    Lab lab;
+    emulator::Adapter& adapter;
+    std::span<std::uint8_t> contents;
+    std::uint32_t unit;
+    Bytes expected;
+    std::string line;
+};
+
+TEST(PowerCut, InAnyAccessIsMendedByTheSameCommand) {
+    for (const Target target : {Target::kSpi1, Target::kNor, Target::kSpi4}) {
+        CutRun whole(target);
+        ASSERT_EQ(whole.run(), "");
+        const std::uint64_t accesses = whole.adapter.accesses();
+        CutRun cut(target);
+        for (std::uint64_t access = 1; access <= accesses; ++access) {
+            const pid_t child = fork();
+            if (child == 0) {
+                cut.run_with_power_cut(access);
+            }
+            int status = -1;
+            waitpid(child, &status, 0);
+            ASSERT_EQ(status, 0) << "cut in access " << access << " of " << accesses << " with "
+                                 << cut.line;
         }
     }
 }

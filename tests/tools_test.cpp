@@ -123,6 +123,7 @@ TEST(QfuEmu, SaysInFewWordsWhatTheHardwareSuffered) {
     const std::string fault = "[[adapter.spi.fault]]\nkind = ";
     f.lab.write_file("machine.toml", machine + fault + "\"not stored\"\non = \"sector erase\"\n" +
                                          fault + "\"no answer\"\non = \"read\"\nnth = 9999\n" +
+                                         "[[adapter.fault]]\nkind = \"power\"\nat_us = 90000000\n" +
                                          "[[firmware_fault]]\ncall = \"pool\"\nnth = 9999\n");
     f.lab.write_file("chip.bin", lab::Bytes(0x80000, 0));
     f.lab.write_file("image.bin", std::string(25, 'A'));
@@ -135,7 +136,8 @@ TEST(QfuEmu, SaysInFewWordsWhatTheHardwareSuffered) {
     }
     EXPECT_TRUE(output.ends_with(notes + "qfu-emu: misuse: and 15 more\n"
                                          "qfu-emu: machine.toml:10: this fault never struck\n"
-                                         "qfu-emu: machine.toml:14: this fault never struck\n"))
+                                         "qfu-emu: machine.toml:14: this fault never struck\n"
+                                         "qfu-emu: machine.toml:17: this fault never struck\n"))
         << output;
 }
 

@@ -32,8 +32,6 @@ constexpr std::uint32_t kSetUpIndex = 0x02000070;
 constexpr std::uint32_t kSpiCommand = 0;
 constexpr std::uint32_t kSpiSetUp = 20;
 
-constexpr std::uint32_t kSpiWindowSize = 0x20;
-
 constexpr std::uint32_t kKiB = 1024;
 
 PciBars bars(Interface interface) {
@@ -93,23 +91,123 @@ const AdapterModel* find_adapter_model(std::uint16_t vendor, std::uint16_t devic
 
 Adapter::Adapter(const AdapterModel& model, PciAddress address, std::uint8_t revision,
                  std::string name, const Clock& clock, Journal& journal)
-    : model_(&model), address_(address), name_(std::move(name)), journal_(&journal),
-      pci_(identity(model, revision), bars(model.interface)),
+    : model_(&model), address_(address), name_(std::move(name)), clock_(&clock), journal_(&journal),
+      pci_(identity(model, revision), bars(model.interface)), power_(clock),
       spi_(layout(model.interface), name_ + ".cs1", journal),
-      spi_window_(spi_window(model.interface)),
-      set_up_(model.generation == 2 ? SetUp::kDone : SetUp::kNone) {
+      spi_window_(spi_window(model.interface)) {
     if (model.interface == Interface::kBar2) {
         nor_.emplace(name_ + ".cs0", clock, journal);
     }
     if (model.interface == Interface::kIndexed) {
         phy_.emplace(PhyModel{model.generation, model.ports, revision}, name_, clock, journal);
     }
+    come_up();
+}
+
+std::uint32_t Adapter::config_read(std::uint32_t offset, int width) {
+    return has_power() ? pci_.read(offset, width) : all_ones(width);
+}
+
+void Adapter::config_write(std::uint32_t offset, std::uint32_t value, int width) {
+    if (has_power()) {
+        pci_.write(offset, value, width);
+    }
+}
+
+void Adapter::power_up() {
+    power_.turn_on();
+    come_up();
+}
+
+void Adapter::come_up() {
+    auto spi_chip = spi_.detach();
+    spi_ = SpiController(layout(model_->interface), name_ + ".cs1", *journal_);
+    if (spi_chip) {
+        spi_chip->power_up();
+    }
+    spi_.attach(std::move(spi_chip));
+    if (nor_) {
+        auto nor_chip = nor_->detach();
+        nor_.emplace(name_ + ".cs0", *clock_, *journal_);
+        if (nor_chip) {
+            nor_chip->power_up();
+        }
+        nor_->attach(std::move(nor_chip));
+    }
+    if (phy_) {
+        phy_->power_up();
+    }
+    index_ = 0;
+    set_up_ = model_->generation == 2 ? SetUp::kDone : SetUp::kNone;
+}
+
+bool Adapter::has_power() {
+    for (;;) {
+        const Power::Change change = power_.next_change();
+        forget_ended_changes(change.at_ns);
+        switch (change.event) {
+        case Power::Event::kNone:
+            return power_.is_on();
+        case Power::Event::kLost:
+            lose_power();
+            break;
+        case Power::Event::kBack:
+            come_up();
+            if (journal_->wants_cycles()) {
+                journal_->cycle(name_ + "  power is back");
+            }
+            break;
+        }
+    }
+}
+
+void Adapter::forget_ended_changes(std::uint64_t now_ns) {
+    if (spi_.chip() != nullptr) {
+        spi_.chip()->forget_ended_change(now_ns);
+    }
+    if (nor_ && nor_->chip() != nullptr) {
+        nor_->chip()->forget_ended_change(now_ns);
+    }
+}
+
+void Adapter::lose_power() {
+    if (spi_.chip() != nullptr) {
+        spi_.chip()->lose_power(accesses_);
+    }
+    if (nor_ && nor_->chip() != nullptr) {
+        nor_->chip()->lose_power(accesses_);
+    }
+    if (journal_->wants_cycles()) {
+        journal_->cycle(name_ + "  power is lost");
+    }
+}
+
+std::uint32_t Adapter::read_watched(PciFunction::Location at, int width) {
+    if (!has_power()) {
+        return all_ones(width);
+    }
+    if (power_.goes_in(accesses_)) {
+        lose_power();
+        return all_ones(width);
+    }
+    return read_powered(at, width);
+}
+
+void Adapter::write_watched(PciFunction::Location at, std::uint32_t value, int width) {
+    if (!has_power()) {
+        return;
+    }
+    write_powered(at, value, width);
+    // What this very write has started is cut short, however soon it would have ended.
+    if (power_.goes_in(accesses_)) {
+        lose_power();
+    }
 }
 
 std::uint32_t Adapter::read(PciFunction::Location at, int width) {
     ++accesses_;
-    const std::uint32_t value = is_spi_register(at, width) ? spi_.read(at.offset % kSpiWindowSize)
-                                                           : read_elsewhere(at, width);
+    const std::uint32_t value =
+        power_.is_watched(accesses_) ? read_watched(at, width) : read_powered(at, width);
     if (journal_->wants_registers()) {
         log('>', at, value, width);
     }
@@ -121,10 +219,10 @@ void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
     if (journal_->wants_registers()) {
         log('<', at, value, width);
     }
-    if (is_spi_register(at, width)) {
-        spi_.write(at.offset % kSpiWindowSize, value);
+    if (power_.is_watched(accesses_)) {
+        write_watched(at, value, width);
     } else {
-        write_elsewhere(at, value, width);
+        write_powered(at, value, width);
     }
 }
 

@@ -6,6 +6,7 @@
 #include "hardware/nor_controller.h"
 #include "hardware/pci_function.h"
 #include "hardware/phy_block.h"
+#include "hardware/power.h"
 #include "hardware/spi_controller.h"
 
 #include <cstdint>
@@ -57,6 +58,9 @@ struct RegisterWindow {
     }
 };
 
+/// Bytes of a SPI controller's registers in a window.
+inline constexpr std::uint32_t kSpiWindowSize = 0x20;
+
 /// One adapter. Its registers are 32 bits wide, the flash window is read in 16 bits too; anything
 /// else is misuse.
 class Adapter {
@@ -80,6 +84,19 @@ class Adapter {
     std::uint32_t read(PciFunction::Location at, int width);
     void write(PciFunction::Location at, std::uint32_t value, int width);
 
+    /// Configuration cycles. Without power a read gives all ones and a write is lost.
+    std::uint32_t config_read(std::uint32_t offset, int width);
+    void config_write(std::uint32_t offset, std::uint32_t value, int width);
+
+    /// Takes power away in an access or at a time. Chips keep what silicon would; from then on the
+    /// adapter answers nothing and notes no misuse.
+    void add_power_fault(const PowerFault& fault) { power_.add(fault); }
+    const Power& power() const { return power_; }
+
+    /// Gives power back: controllers and chips start anew, with the contents that they have.
+    /// Firmware has given the BARs their addresses again.
+    void power_up();
+
     /// Register accesses so far.
     std::uint64_t accesses() const { return accesses_; }
 
@@ -88,7 +105,24 @@ class Adapter {
     bool is_spi_register(PciFunction::Location at, int width) const {
         return spi_window_.contains(at) && width == 4 && at.offset % 4 == 0;
     }
+    [[gnu::cold]] bool has_power();
+    [[gnu::cold]] std::uint32_t read_watched(PciFunction::Location at, int width);
+    void forget_ended_changes(std::uint64_t now_ns);
+    void lose_power();
+    void come_up();
+    [[gnu::cold]] void write_watched(PciFunction::Location at, std::uint32_t value, int width);
+    std::uint32_t read_powered(PciFunction::Location at, int width) {
+        return is_spi_register(at, width) ? spi_.read(at.offset % kSpiWindowSize)
+                                          : read_elsewhere(at, width);
+    }
     std::uint32_t read_elsewhere(PciFunction::Location at, int width);
+    void write_powered(PciFunction::Location at, std::uint32_t value, int width) {
+        if (is_spi_register(at, width)) {
+            spi_.write(at.offset % kSpiWindowSize, value);
+        } else {
+            write_elsewhere(at, value, width);
+        }
+    }
     void write_elsewhere(PciFunction::Location at, std::uint32_t value, int width);
     std::uint32_t read_window(std::uint32_t offset, int width);
     bool is_nor_register(PciFunction::Location at) const;
@@ -103,8 +137,10 @@ class Adapter {
     const AdapterModel* model_;
     PciAddress address_;
     std::string name_;
+    const Clock* clock_;
     Journal* journal_;
     PciFunction pci_;
+    Power power_;
     SpiController spi_;
     std::optional<NorController> nor_; ///< registers in BAR 2, flash window in BAR 0
     RegisterWindow spi_window_;
@@ -113,7 +149,7 @@ class Adapter {
     /// The steps that bring the indexed controller up; generation 2 needs none.
     enum class SetUp : std::uint8_t { kNone, kSelected, kReleased, kDone };
 
-    SetUp set_up_;
+    SetUp set_up_ = SetUp::kNone;
     std::uint32_t index_ = 0;
     std::uint64_t accesses_ = 0;
 };

@@ -50,7 +50,7 @@ void Machine::assign_bars() {
 std::uint32_t Machine::config_read(PciAddress address, std::uint32_t offset, int width) const {
     for (const auto& adapter : adapters_) {
         if (adapter->address() == address) {
-            return adapter->pci().read(offset, width);
+            return adapter->config_read(offset, width);
         }
     }
     return all_ones(width);

@@ -74,10 +74,6 @@ class Machine {
     }
     Target search(std::uint64_t address);
 
-    static std::uint32_t all_ones(int width) {
-        return width == 4 ? 0xFFFFFFFFU : (1U << (8 * width)) - 1;
-    }
-
     const Clock* clock_;
     Journal journal_;
     std::vector<std::unique_ptr<Adapter>> adapters_;

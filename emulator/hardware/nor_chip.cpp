@@ -130,23 +130,26 @@ void NorChip::program(std::uint32_t at, std::uint16_t data) {
         complain("program of " + hex(data, 4) + " over " + hex(old, 4) + " at " + hex(at, 6) +
                  " sets bits");
     }
+    change_.start(contents_, be_busy(times_.program_us));
     if (!faults_.striking(FaultKind::kNotStored)) {
         const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
+        change_.changes_byte(at, contents_[at]);
+        change_.changes_byte(at + 1, contents_[at + 1]);
         const auto cleared = static_cast<std::uint16_t>(~data & ~(stuck | stuck << 8));
         contents_[at] = static_cast<std::uint8_t>(old & ~cleared);
         contents_[at + 1] = static_cast<std::uint8_t>((old & ~cleared) >> 8);
     }
-    be_busy(times_.program_us);
 }
 
 void NorChip::erase(NorBlock block) {
+    change_.start(contents_, be_busy(times_.erase_us(block.size)));
     if (!faults_.striking(FaultKind::kNotStored)) {
         const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
+        change_.erases(block.address, block.size, stuck);
         for (std::uint32_t at = block.address; at < block.address + block.size; ++at) {
             contents_[at] = static_cast<std::uint8_t>(contents_[at] | ~stuck);
         }
     }
-    be_busy(times_.erase_us(block.size));
 }
 
 std::uint16_t NorChip::read(std::uint32_t address) {
@@ -181,8 +184,14 @@ void NorChip::reset() {
     holds_controller_ = false;
 }
 
-void NorChip::be_busy(std::uint64_t microseconds) {
+void NorChip::power_up() {
+    reset();
+    stuck_busy_ = false;
+}
+
+std::uint64_t NorChip::be_busy(std::uint64_t microseconds) {
     busy_until_ns_ = clock_->now_ns() + 1000 * microseconds;
+    return busy_until_ns_;
 }
 
 std::uint32_t NorChip::offset(std::uint32_t address, std::string_view what) {

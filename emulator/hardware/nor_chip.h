@@ -6,6 +6,7 @@
 #include "hardware/fault.h"
 #include "hardware/journal.h"
 #include "hardware/nor_part.h"
+#include "hardware/unfinished_change.h"
 
 #include <array>
 #include <cstdint>
@@ -47,6 +48,15 @@ class NorChip {
     std::span<std::uint8_t> contents() const { return contents_; }
     Faults& faults() { return faults_; }
 
+    /// Ends what is over by now; a loss of power leaves it whole.
+    void forget_ended_change(std::uint64_t now_ns) { change_.forget_ended(now_ns); }
+
+    /// Interrupts what runs. `seed` decides what is left of it.
+    void lose_power(std::uint64_t seed) { change_.interrupt(seed); }
+
+    /// Comes up reading, with the contents that it has.
+    void power_up();
+
     /// How often each operation was carried out.
     std::uint64_t count(Operation operation) const {
         return counts_[static_cast<std::size_t>(operation)];
@@ -73,7 +83,8 @@ class NorChip {
     void carry_out(Operation operation, std::uint32_t address, std::uint16_t data);
     void program(std::uint32_t at, std::uint16_t data);
     void erase(NorBlock block);
-    void be_busy(std::uint64_t microseconds);
+    /// @returns when it is over
+    std::uint64_t be_busy(std::uint64_t microseconds);
     std::uint32_t offset(std::uint32_t address, std::string_view what);
     [[gnu::cold]] void complain(std::string_view what);
 
@@ -86,6 +97,7 @@ class NorChip {
     std::span<std::uint8_t> contents_;
     std::array<std::uint64_t, kOperationCount> counts_{};
     Faults faults_;
+    UnfinishedChange change_;
     State state_ = State::kRead;
     std::uint64_t busy_until_ns_ = 0;
     bool stuck_busy_ = false;

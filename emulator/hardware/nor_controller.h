@@ -20,6 +20,7 @@ class NorController {
     NorController(std::string place, const Clock& clock, Journal& journal);
 
     void attach(std::unique_ptr<NorChip> chip) { chip_ = std::move(chip); }
+    std::unique_ptr<NorChip> detach() { return std::move(chip_); }
     NorChip* chip() const { return chip_.get(); }
 
     /// True when the controller has a register at this offset into the adapter's register BAR.

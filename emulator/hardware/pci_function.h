@@ -7,6 +7,11 @@
 
 namespace emulator {
 
+/// What a read of so many bytes gives where nobody answers.
+constexpr std::uint32_t all_ones(int width) {
+    return width == 4 ? 0xFFFFFFFFU : (1U << (8 * width)) - 1;
+}
+
 /// What a function says about itself.
 struct PciIdentity {
     std::uint16_t vendor;

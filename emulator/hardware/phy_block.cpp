@@ -175,6 +175,12 @@ PhyBlock::PhyBlock(PhyModel model, std::string place, const Clock& clock, Journa
     : model_(model), place_(std::move(place)), clock_(&clock), journal_(&journal),
       host_control_(kInterruptEnable), ports_implemented_((1U << model.ports) - 1) {}
 
+void PhyBlock::power_up() {
+    host_control_ = kInterruptEnable;
+    index_ = {};
+    ports_ = {};
+}
+
 bool PhyBlock::contains(std::uint32_t offset) const {
     return offset == kHostControl || offset == kPortsImplemented ||
            std::ranges::any_of(pairs(model_), [&](std::uint32_t index) {

@@ -60,6 +60,9 @@ class PhyBlock {
     void set_ports_implemented(std::uint32_t ports) { ports_implemented_ = ports; }
     void add_fault(const PhyFault& fault) { faults_.push_back({fault, 0}); }
 
+    /// Comes up as at the start: no port runs, nothing is loaded.
+    void power_up();
+
     /// True when the fault, by the order of adding, has struck so far.
     bool has_struck(std::size_t i) const { return faults_[i].met >= faults_[i].fault.nth; }
 

@@ -84,15 +84,31 @@ SpiChip::SpiChip(const SpiPart& part, std::string place, const Clock& clock, Jou
             know(opcode, Operation::kChipErase, part.size);
         }
     }
-    if (part.protection == Protection::kBlockBitsSet) {
-        status_ = kBlockProtection;
-    }
     if (part.protection == Protection::kSectorRegisters) {
         know(0x36, Operation::kProtectSector);
         know(0x39, Operation::kUnprotectSector);
         know(0x3C, Operation::kQueryProtection);
-        sector_protected_.assign(kProtectionSectors.size(), true);
+        sector_protected_.resize(kProtectionSectors.size());
     }
+    power_up();
+}
+
+void SpiChip::power_up() {
+    switch (part_->protection) {
+    case Protection::kOpenAtPowerUp:
+        status_ &= kStatusWritable; // these parts keep their protection bits
+        break;
+    case Protection::kBlockBitsSet:
+        status_ = kBlockProtection;
+        break;
+    case Protection::kSectorRegisters:
+        status_ = 0;
+        break;
+    }
+    protect_all_sectors();
+    busy_until_ns_ = 0;
+    stuck_busy_ = false;
+    holds_controller_ = false;
 }
 
 void SpiChip::know(std::uint8_t opcode, Operation operation, std::uint32_t unit) {
@@ -208,13 +224,15 @@ bool SpiChip::is_protected(std::uint32_t address, std::uint32_t length) const {
     return false;
 }
 
-void SpiChip::be_busy(std::uint64_t microseconds) {
+std::uint64_t SpiChip::be_busy(std::uint64_t microseconds) {
+    const std::uint64_t end = clock_->now_ns() + microseconds * 1000;
     if (microseconds == 0) {
         status_ = static_cast<std::uint8_t>(status_ & ~kWriteEnabled);
-        return;
+    } else {
+        status_ |= kBusy;
+        busy_until_ns_ = end;
     }
-    status_ |= kBusy;
-    busy_until_ns_ = clock_->now_ns() + microseconds * 1000;
+    return end;
 }
 
 void SpiChip::answer(const SpiTransfer& transfer, std::span<const std::uint8_t> bytes) const {
@@ -259,6 +277,7 @@ void SpiChip::program(const SpiTransfer& transfer) {
         be_busy(0);
         return;
     }
+    change_.start(contents_, be_busy(times_.program_us));
     const bool stored = !faults_.striking(FaultKind::kNotStored);
     const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
     for (std::size_t i = 0; stored && i < transfer.mosi.size(); ++i) {
@@ -269,10 +288,10 @@ void SpiChip::program(const SpiTransfer& transfer) {
             complain("program of " + hex(transfer.mosi[i], 2) + " over " + hex(old, 2) + " at " +
                      hex(at, 6) + " sets bits");
         }
+        change_.changes_byte(at, old);
         const auto programmed = static_cast<std::uint8_t>(old & transfer.mosi[i]);
         contents_[at] = static_cast<std::uint8_t>((programmed & ~stuck) | (old & stuck));
     }
-    be_busy(times_.program_us);
 }
 
 void SpiChip::erase(std::uint32_t address, std::uint32_t unit, std::string_view what) {
@@ -284,13 +303,14 @@ void SpiChip::erase(std::uint32_t address, std::uint32_t unit, std::string_view 
         be_busy(0);
         return;
     }
+    change_.start(contents_, be_busy(times_.erase_us(unit)));
     if (!faults_.striking(FaultKind::kNotStored)) {
         const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
+        change_.erases(address, unit, stuck);
         for (std::uint32_t at = address; at < address + unit; ++at) {
             contents_[at] = static_cast<std::uint8_t>(contents_[at] | ~stuck);
         }
     }
-    be_busy(times_.erase_us(unit));
 }
 
 void SpiChip::write_status(const SpiTransfer& transfer) {
@@ -301,8 +321,10 @@ void SpiChip::write_status(const SpiTransfer& transfer) {
         complain("write status without data");
         return;
     }
+    change_.start(std::span(&status_, 1), be_busy(times_.write_status_us));
     if (!faults_.striking(FaultKind::kNotStored)) {
         const std::uint8_t value = transfer.mosi[0];
+        change_.changes_byte(0, status_);
         if (sector_protected_.empty()) {
             status_ =
                 static_cast<std::uint8_t>((status_ & ~kStatusWritable) | (value & kStatusWritable));
@@ -312,7 +334,6 @@ void SpiChip::write_status(const SpiTransfer& transfer) {
             sector_protected_.assign(sector_protected_.size(), true);
         }
     }
-    be_busy(times_.write_status_us);
 }
 
 void SpiChip::query_protection(const SpiTransfer& transfer) {

@@ -6,6 +6,7 @@
 #include "hardware/fault.h"
 #include "hardware/journal.h"
 #include "hardware/spi_part.h"
+#include "hardware/unfinished_change.h"
 
 #include <array>
 #include <cstdint>
@@ -46,6 +47,16 @@ class SpiChip {
     void set_status(std::uint8_t status) { status_ = status; }
     void protect_all_sectors() { sector_protected_.assign(sector_protected_.size(), true); }
 
+    /// Ends what is over by now; a loss of power leaves it whole.
+    void forget_ended_change(std::uint64_t now_ns) { change_.forget_ended(now_ns); }
+
+    /// Interrupts what runs. `seed` decides what is left of it.
+    void lose_power(std::uint64_t seed) { change_.interrupt(seed); }
+
+    /// Comes up with the contents that it has; latch, busy state and volatile protection start
+    /// anew.
+    void power_up();
+
     /// How often each operation was carried out.
     std::uint64_t count(Operation operation) const {
         return counts_[static_cast<std::size_t>(operation)];
@@ -63,7 +74,8 @@ class SpiChip {
     void carry_out(const Command& command, const SpiTransfer& transfer);
     bool write_enabled(std::string_view what);
     bool is_protected(std::uint32_t address, std::uint32_t length) const;
-    void be_busy(std::uint64_t microseconds);
+    /// @returns when it is over
+    std::uint64_t be_busy(std::uint64_t microseconds);
     void answer(const SpiTransfer& transfer, std::span<const std::uint8_t> bytes) const;
     void read(const SpiTransfer& transfer);
     void program(const SpiTransfer& transfer);
@@ -84,6 +96,7 @@ class SpiChip {
     std::array<Command, 256> commands_{}; ///< by opcode
     std::array<std::uint64_t, kOperationCount> counts_{};
     Faults faults_;
+    UnfinishedChange change_;
     std::uint8_t status_ = 0;
     std::vector<bool> sector_protected_; ///< by protection sector; empty without such registers
     std::uint64_t busy_until_ns_ = 0;

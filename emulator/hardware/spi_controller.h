@@ -24,6 +24,7 @@ class SpiController {
     SpiController(SpiLayout layout, std::string place, Journal& journal);
 
     void attach(std::unique_ptr<SpiChip> chip) { chip_ = std::move(chip); }
+    std::unique_ptr<SpiChip> detach() { return std::move(chip_); }
     SpiChip* chip() { return chip_.get(); }
 
     /// Register numbers count bytes: 0 command, 4 address, 8 data out, 12 data in (window), 20

@@ -1,5 +1,6 @@
 #include "hardware/machine.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 namespace {
@@ -142,6 +143,94 @@ TEST(IndexedController, LosesItsDataOutToWhatItReceives) {
     run(0x00052130); // the status comes in where the byte was
     run(0x00021130);
     EXPECT_EQ(b.adapter.spi().chip()->contents()[0], 0x02);
+}
+
+/// A board whose chip holds zeros but for an erased first page, with a write enabled.
+struct Victim : Board {
+    explicit Victim(const PowerFault& fault) : Board(0xC705, {100, 100, 100}) {
+        chip = adapter.spi().chip();
+        std::fill(chip->contents().begin() + 256, chip->contents().end(), std::uint8_t{0});
+        adapter.add_power_fault(fault);
+        run(0x09130601);
+    }
+    void run(std::uint32_t command) {
+        write(0x1C800, command);
+        read(0x1C800);
+    }
+    void program(std::uint32_t data) {
+        write(0x1C804, 0);
+        write(0x1C808, data);
+        run(0x09130243); // accesses 5 and 6
+    }
+    void erase() {
+        write(0x1C804, 0x1000);
+        run(0x09132003); // accesses 4 and 5
+    }
+    std::uint32_t word(std::size_t at = 0) const {
+        const auto bytes = chip->contents().subspan(at, 4);
+        return static_cast<std::uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) |
+               std::uint32_t{bytes[3]} << 24;
+    }
+
+    SpiChip* chip;
+};
+
+TEST(Power, LeavesAnInterruptedProgramHalfDoneAndAnEndedOneWhole) {
+    constexpr std::uint32_t kData = 0x00FF0F00;
+    for (const std::uint64_t nth : {5U, 6U}) {
+        Victim v({.nth = nth});
+        v.program(kData);
+        EXPECT_EQ(v.word() & kData, kData) << "only bits that were being cleared can be";
+        EXPECT_NE(v.word(), kData);
+        EXPECT_NE(v.word(), 0xFFFFFFFFU);
+        EXPECT_EQ(v.word(4), 0xFFFFFFFFU);
+    }
+    Victim ended({.nth = 7});
+    ended.program(kData);
+    ended.clock.advance_us(100);
+    EXPECT_EQ(ended.read(0x1C800), 0xFFFFFFFFU);
+    EXPECT_EQ(ended.word(), kData);
+}
+
+TEST(Power, LeavesAnInterruptedEraseUndefinedAndGoesAtATimeToo) {
+    Victim v({.at_us = 999});
+    v.erase();
+    v.clock.advance_us(2000); // over long ago for who looks now, but not when power went
+    EXPECT_EQ(v.read(0x1C800), 0xFFFFFFFFU);
+    EXPECT_NE(v.word(0x1000), 0U);
+    EXPECT_NE(v.word(0x1000), 0xFFFFFFFFU);
+    EXPECT_EQ(v.word(0x0FFC), 0U);
+    EXPECT_EQ(v.word(0x2000), 0U);
+}
+
+TEST(Power, TakesTheAdapterFromTheBusAndGivesItBackFresh) {
+    Victim v({.nth = 3, .off_us = 500});
+    v.write(0x1C804, 0x1000);
+    v.write(0x1C808, 0); // lost with the next ones, which would be misuse
+    v.write(0x1C7FC, 1);
+    EXPECT_EQ(v.read(0x1C804), 0xFFFFFFFFU);
+    EXPECT_EQ(v.machine.config_read({0, 2, 0}, 0, 2), 0xFFFFU);
+    v.adapter.config_write(4, 0, 2);
+    v.clock.advance_us(500);
+    EXPECT_EQ(v.machine.config_read({0, 2, 0}, 0, 2), 0x1E5DU);
+    EXPECT_EQ(v.read(0x1C804), 0U);
+    EXPECT_EQ(v.chip->status(), 0) << "the latch is gone";
+    EXPECT_EQ(v.complaint(), "0 complaints");
+}
+
+TEST(Power, ResetsVolatileProtectionAndKeepsTheRest) {
+    const auto after_power_cycle = [](std::string_view part) {
+        VirtualClock clock;
+        Machine machine(clock);
+        Adapter& adapter = machine.add(*find_adapter_model(0x1E5D, 0xC705), {0, 2, 0}, 0);
+        SpiChip& chip = machine.add_spi_chip(adapter, *find_spi_part(part), kNeverBusy);
+        chip.set_status(0x8F);
+        adapter.power_up();
+        return chip.status();
+    };
+    EXPECT_EQ(after_power_cycle("W25X40"), 0x8C) << "nonvolatile";
+    EXPECT_EQ(after_power_cycle("SST25VF040B"), 0x3C);
+    EXPECT_EQ(after_power_cycle("AT25DF041A"), 0);
 }
 
 } // namespace

@@ -1,0 +1,65 @@
+// An adapter's power: when it goes, and when it comes back.
+#pragma once
+
+#include "hardware/clock.h"
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace emulator {
+
+/// Its name in machine files.
+inline constexpr std::string_view kPowerFaultKind = "power";
+
+/// One loss of power: in a register access or at a time, whichever is given.
+struct PowerFault {
+    std::uint64_t nth = 0;    ///< register access of the adapter; 0: at a time
+    std::uint64_t at_us = 0;  ///< since the adapter was built
+    std::uint64_t off_us = 0; ///< until power is back; 0: it stays away
+};
+
+/// The power of one adapter and the faults that take it away.
+class Power {
+  public:
+    explicit Power(const Clock& clock) : clock_(&clock), start_ns_(clock.now_ns()) {}
+
+    void add(const PowerFault& fault);
+    bool has_struck(std::size_t i) const { return faults_[i].struck; }
+
+    /// True when the access, by its number, needs a look at power. Without faults none does.
+    bool is_watched(std::uint64_t access) const { return access >= watched_from_; }
+
+    enum class Event : std::uint8_t { kNone, kLost, kBack };
+    /// The next thing that has happened to power by now, and when it did.
+    struct Change {
+        Event event;
+        std::uint64_t at_ns;
+    };
+    Change next_change();
+
+    bool is_on() const { return on_; }
+
+    /// Takes power away when a fault wants that in this access. @returns true when it did
+    bool goes_in(std::uint64_t access);
+
+    void turn_on();
+
+  private:
+    struct Counted {
+        PowerFault fault;
+        bool struck;
+    };
+    void turn_off(Counted& by, std::uint64_t at_ns);
+    void watch();
+
+    const Clock* clock_;
+    std::uint64_t start_ns_;
+    std::vector<Counted> faults_;
+    std::uint64_t watched_from_ = UINT64_MAX;
+    std::optional<std::uint64_t> back_ns_;
+    bool on_ = true;
+};
+
+} // namespace emulator
