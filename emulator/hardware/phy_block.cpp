@@ -1,5 +1,7 @@
 #include "hardware/phy_block.h"
 
+#include "hardware/phy_pattern.h"
+
 #include <algorithm>
 #include <iterator>
 #include <span>
@@ -44,8 +46,10 @@ struct Pattern {
     std::string_view name;
 };
 
-/// The types of the control word; pattern register 5 says which pattern kSelected is.
+/// The types of the control word. Pattern register 5 says which pattern kSelected is; kCharacters
+/// sends what the pattern registers hold.
 constexpr std::uint32_t kSelected = 0xE;
+constexpr std::uint32_t kCharacters = 0xF;
 constexpr std::array<Pattern, 10> kPatterns = {
     {
      {0x0, "nothing"},
@@ -57,23 +61,7 @@ constexpr std::array<Pattern, 10> kPatterns = {
      {0x6, "lone bit"},
      {0x7, "composite"},
      {kSelected, ""},
-     {0xF, "pattern registers"},
-     }
-};
-
-/// What pattern register 5 selects.
-constexpr std::array<Pattern, 10> kSelections = {
-    {
-     {0x00, "jitter, K28.5"},
-     {0x01, "jitter, 1T"},
-     {0x02, "jitter, 2T"},
-     {0x03, "jitter, 5T"},
-     {0x04, "jitter, 10T"},
-     {0x80, "PRBS7"},
-     {0x81, "PRBS9"},
-     {0x82, "PRBS15"},
-     {0x83, "PRBS23"},
-     {0x84, "PRBS31"},
+     {kCharacters, ""},
      }
 };
 
@@ -435,15 +423,17 @@ void PhyBlock::start(const Target& target, std::uint32_t word, std::string& mean
     if (pattern->number != 0 && port.loaded != kAllLoaded) {
         complain(target, "started without a pattern");
     }
+    std::string sent(pattern->name);
     if (pattern->number == kSelected) {
-        pattern = std::ranges::find(kSelections, port.pattern[5], &Pattern::number);
-        if (pattern == kSelections.end()) {
+        sent = describe_selection(port.pattern[5]);
+        if (sent.empty()) {
             complain(target, "pattern 5 selects " + hex(port.pattern[5], 4));
             return;
         }
+    } else if (pattern->number == kCharacters) {
+        sent = describe_characters(std::span(port.pattern).last<4>());
     }
-    meaning = "start: ";
-    meaning.append(pattern->name);
+    meaning = "start: " + sent;
     port.running = true;
     port.was_reset = false;
     settle(port);

@@ -67,7 +67,7 @@ struct Board {
 TEST(PhyBlock, ShowsALockedPatternThatWasStartedInOrder) {
     Board b;
     b.bring_up(0x200);
-    EXPECT_EQ(b.last, "0.phy2  test control        95 > 80E0  start: PRBS7");
+    EXPECT_EQ(b.last, "0.phy2  test control        95 > 80E0  start: PRBS7, x^7 + x^6 + 1");
     EXPECT_EQ(b.read(0x295), 0xB0E0U);
     EXPECT_EQ(b.last, "0.phy2  test control        95 < B0E0  pass, lock");
     EXPECT_EQ(b.read(0x29F) | b.read(0x2A0), 0U);
@@ -154,7 +154,7 @@ TEST(PhyBlock, HasAPairForEachPortInGeneration2) {
     b.index = 0x1F8;
     EXPECT_EQ(b.read(0x95), 0U) << "port 1 does not run";
     b.bring_up();
-    EXPECT_EQ(b.last, "0.phy1  test control        95 > 80E0  start: PRBS7");
+    EXPECT_EQ(b.last, "0.phy1  test control        95 > 80E0  start: PRBS7, x^7 + x^6 + 1");
     EXPECT_EQ(b.complaint(), "0 complaints");
     b.read(0x195);
     EXPECT_EQ(b.complaint(), "0: PHY test register 195 is none that is there");
