@@ -54,7 +54,8 @@ void print_parts() {
         }
         std::vector<std::string> units;
         for (const EraseCommand& erase : part.erases->units) {
-            if (erase.unit != 0) {
+            // A second opcode for the same unit says nothing new.
+            if (erase.unit != 0 && (units.empty() || units.back() != kib(erase.unit))) {
                 units.push_back(kib(erase.unit));
             }
         }

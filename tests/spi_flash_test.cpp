@@ -409,7 +409,7 @@ TEST(SpiUnlock, ClearsStatusThenAsksEverySector) {
     o.discover();
     std::string expected = "0.cs1  9F         < 1F 44 01 1F  read id\n"
                            "0.cs1  06                        write enable\n"
-                           "0.cs1  05         < 02           read status\n"
+                           "0.cs1  05         < 0E           read status\n"
                            "0.cs1  01         > 00           write status\n";
     for (const char* base : {"000000", "010000", "020000", "030000", "040000", "050000", "060000",
                              "070000", "078000", "07A000", "07C000"}) {
@@ -426,7 +426,7 @@ TEST(SpiUnlock, LiftsTheProtectionOfSectorsThatAreStillProtected) {
     EXPECT_EQ(o.chip.count(Operation::kUnprotectSector), 11U);
     EXPECT_NE(o.lab.cycles().find("0.cs1  3C @078000 < FF           query protection\n"
                                   "0.cs1  06                        write enable\n"
-                                  "0.cs1  05         < 02           read status\n"
+                                  "0.cs1  05         < 06           read status\n"
                                   "0.cs1  39 @078000                unprotect sector\n"
                                   "0.cs1  3C @078000 < 00           query protection\n"),
               std::string::npos);
@@ -487,7 +487,7 @@ TEST(SpiUnlock, WaitsForTheWholeDataRegisterToBeZero) {
     Operations o(1, "AT25DF041A");
     QFU_ADAPTER& adapter = o.ready();
     o.chip.protect_all_sectors();
-    o.slot().reg_read = read_with_stray_bit<2>; // the status with the latch set stays as it is
+    o.slot().reg_read = read_with_stray_bit<0x0E>; // the status with the latch set stays as it is
     const std::uint64_t start = o.lab.clock().now_ns();
     EXPECT_EQ(qfu_spiflash_unprotect_sector(adapter, 0), 0U);
     EXPECT_EQ(o.lab.clock().now_ns() - start, kSecond) << "100000 queries";

@@ -12,7 +12,7 @@ namespace {
 struct OperationTraits {
     Operation operation;
     std::string_view name;
-    bool on_spi;
+    bool on_spi; ///< sent to SPI flash by the program, so that faults can be aimed at it
     bool on_nor;
     bool addressed; ///< touches bytes of the chip
     bool changes;   ///< programs or erases them
@@ -20,16 +20,18 @@ struct OperationTraits {
     bool answers;   ///< sends bytes
 };
 
-constexpr std::array<OperationTraits, 16> kOperations = {
+constexpr std::array<OperationTraits, 18> kOperations = {
     {
      // operation, name, on SPI and NOR flash; is addressed, changes, stores, answers
         {Operation::kReadId, "read id", true, true, false, false, false, true},
      {Operation::kWriteEnable, "write enable", true, false, false, false, false, false},
      {Operation::kWriteDisable, "write disable", true, false, false, false, false, false},
+     {Operation::kStatusEnable, "status enable", false, false, false, false, false, false},
      {Operation::kReadStatus, "read status", true, false, false, false, false, true},
      {Operation::kWriteStatus, "write status", true, false, false, false, true, false},
      {Operation::kRead, "read", true, true, true, false, false, true},
      {Operation::kProgram, "program", true, true, true, true, true, false},
+     {Operation::kProgramWord, "program word", false, false, true, true, true, false},
      {Operation::kSectorErase, "sector erase", true, true, true, true, true, false},
      {Operation::kBlockErase, "block erase", true, false, true, true, true, false},
      {Operation::kChipErase, "chip erase", true, true, true, true, true, false},

@@ -15,10 +15,12 @@ enum class Operation : std::uint8_t {
     kReadId,
     kWriteEnable,
     kWriteDisable,
+    kStatusEnable,
     kReadStatus,
     kWriteStatus,
     kRead,
     kProgram,
+    kProgramWord,
     kSectorErase,
     kBlockErase,
     kChipErase,
@@ -29,7 +31,7 @@ enum class Operation : std::uint8_t {
     kUnlockBypass,
     kBypassReset,
 };
-inline constexpr std::size_t kOperationCount = 17;
+inline constexpr std::size_t kOperationCount = 19;
 
 /// The operation's name in machine files and logs, or of the operation with that name.
 std::string_view operation_name(Operation operation);

@@ -9,6 +9,10 @@ namespace {
 constexpr std::uint8_t kBusy = 0x01;
 constexpr std::uint8_t kWriteEnabled = 0x02;
 constexpr std::uint8_t kBlockProtection = 0x3C;
+constexpr std::uint8_t kWordsGoOn = 0x40;
+/// What parts with a protection register a sector tell in place of block protection bits.
+constexpr std::uint8_t kSomeSectorsProtected = 0x04;
+constexpr std::uint8_t kAllSectorsProtected = 0x0C;
 /// Bits that a status write can change.
 constexpr std::uint8_t kStatusWritable = 0xBC;
 
@@ -37,6 +41,7 @@ bool takes_address(Operation operation) {
     switch (operation) {
     case Operation::kRead:
     case Operation::kProgram:
+    case Operation::kProgramWord:
     case Operation::kSectorErase:
     case Operation::kBlockErase:
     case Operation::kQueryProtection:
@@ -52,6 +57,7 @@ bool takes_no_data(Operation operation) {
     switch (operation) {
     case Operation::kWriteEnable:
     case Operation::kWriteDisable:
+    case Operation::kStatusEnable:
     case Operation::kSectorErase:
     case Operation::kBlockErase:
     case Operation::kChipErase:
@@ -60,6 +66,12 @@ bool takes_no_data(Operation operation) {
     default:
         return false;
     }
+}
+
+/// While words are programmed, a chip takes the next one, looks at its status, or ends it.
+bool goes_with_words(Operation operation) {
+    return operation == Operation::kProgramWord || operation == Operation::kReadStatus ||
+           operation == Operation::kWriteDisable;
 }
 
 } // namespace
@@ -84,6 +96,12 @@ SpiChip::SpiChip(const SpiPart& part, std::string place, const Clock& clock, Jou
             know(opcode, Operation::kChipErase, part.size);
         }
     }
+    if (part.writes->word_program != 0) {
+        know(part.writes->word_program, Operation::kProgramWord);
+    }
+    if (part.writes->status_enable != 0) {
+        know(part.writes->status_enable, Operation::kStatusEnable);
+    }
     if (part.protection == Protection::kSectorRegisters) {
         know(0x36, Operation::kProtectSector);
         know(0x39, Operation::kUnprotectSector);
@@ -106,6 +124,8 @@ void SpiChip::power_up() {
         break;
     }
     protect_all_sectors();
+    next_word_.reset();
+    status_enabled_ = false;
     busy_until_ns_ = 0;
     stuck_busy_ = false;
     holds_controller_ = false;
@@ -113,6 +133,24 @@ void SpiChip::power_up() {
 
 void SpiChip::know(std::uint8_t opcode, Operation operation, std::uint32_t unit) {
     commands_[opcode] = {operation, takes_address(operation), takes_no_data(operation), unit};
+}
+
+bool SpiChip::wants_address(const Command& command) const {
+    return command.takes_address && !(command.operation == Operation::kProgramWord && next_word_);
+}
+
+Operation SpiChip::clock(std::span<const std::uint8_t> sent, std::span<std::uint8_t> received) {
+    constexpr std::size_t kWithAddress = 4;
+    const bool has_address = sent.size() >= kWithAddress && wants_address(commands_[sent[0]]);
+    const std::uint32_t address =
+        has_address ? std::uint32_t{sent[1]} << 16 | std::uint32_t{sent[2]} << 8 | sent[3] : 0;
+    const auto data = sent.subspan(has_address ? kWithAddress : 1);
+    std::vector<std::uint8_t> mosi(data.begin(), data.end());
+    mosi.resize(data.size() + received.size());
+    std::vector<std::uint8_t> miso(mosi.size());
+    const Operation operation = transfer({sent[0], has_address, address, mosi, miso});
+    std::ranges::copy(std::span(miso).last(received.size()), received.begin());
+    return operation;
 }
 
 Operation SpiChip::transfer(const SpiTransfer& transfer) {
@@ -123,19 +161,24 @@ Operation SpiChip::transfer(const SpiTransfer& transfer) {
         faults_.begin(operation, transfer.has_address ? transfer.address : 0,
                       command.takes_no_data ? command.unit : transfer.miso.size());
     }
+    if (operation != Operation::kWriteStatus) {
+        status_enabled_ = false; // it holds for the next command alone
+    }
     holds_controller_ = faults_.striking(FaultKind::kControllerBusy).has_value();
     if (operation == Operation::kUnknown) {
         // Whoever identifies a chip has to try; one that does not know the opcode stays silent.
         if (!asks_for_identification(transfer.opcode)) {
             complain("opcode " + hex(transfer.opcode, 2) + " is none that the chip knows");
         }
-    } else if (transfer.has_address != command.takes_address) {
+    } else if (transfer.has_address != wants_address(command)) {
         complain(std::string(operation_name(operation)) +
                  (transfer.has_address ? " with an address" : " without an address"));
     } else if (command.takes_no_data && !transfer.mosi.empty()) {
         complain(std::string(operation_name(operation)) + " with data behind it");
-    } else if (operation != Operation::kReadStatus && (status() & kBusy) != 0) {
+    } else if (operation != Operation::kReadStatus && is_busy()) {
         complain(std::string(operation_name(operation)) + " while the chip is busy");
+    } else if (next_word_ && !goes_with_words(operation)) {
+        complain(std::string(operation_name(operation)) + " between words that are programmed");
     } else if (!faults_.striking(FaultKind::kIgnored)) {
         carry_out(command, transfer);
         stuck_busy_ = stuck_busy_ || faults_.striking(FaultKind::kNeverReady).has_value();
@@ -143,15 +186,37 @@ Operation SpiChip::transfer(const SpiTransfer& transfer) {
     return operation;
 }
 
-std::uint8_t SpiChip::status() {
-    if (stuck_busy_) {
-        return static_cast<std::uint8_t>(status_ | kBusy);
-    }
-    if (busy_until_ns_ != 0 && clock_->now_ns() >= busy_until_ns_) {
+bool SpiChip::is_busy() {
+    if (busy_until_ns_ != 0 && !stuck_busy_ && clock_->now_ns() >= busy_until_ns_) {
         busy_until_ns_ = 0;
-        status_ = static_cast<std::uint8_t>(status_ & ~(kBusy | kWriteEnabled));
+        be_ready();
     }
-    return status_;
+    return stuck_busy_ || (status_ & kBusy) != 0;
+}
+
+std::uint8_t SpiChip::status() {
+    const std::uint8_t busy = is_busy() ? kBusy : 0;
+    return static_cast<std::uint8_t>(status_ | busy | sector_protection());
+}
+
+std::uint8_t SpiChip::sector_protection() const {
+    const auto count = std::ranges::count(sector_protected_, true);
+    if (count == 0) {
+        return 0;
+    }
+    return std::cmp_equal(count, sector_protected_.size()) ? kAllSectorsProtected
+                                                           : kSomeSectorsProtected;
+}
+
+void SpiChip::be_ready() {
+    // The latch stays set from word to word.
+    const std::uint8_t over = next_word_ ? kBusy : kBusy | kWriteEnabled;
+    status_ = static_cast<std::uint8_t>(status_ & ~over);
+}
+
+void SpiChip::end_words() {
+    next_word_.reset();
+    status_ = static_cast<std::uint8_t>(status_ & ~kWordsGoOn);
 }
 
 void SpiChip::carry_out(const Command& command, const SpiTransfer& transfer) {
@@ -163,7 +228,11 @@ void SpiChip::carry_out(const Command& command, const SpiTransfer& transfer) {
         status_ |= kWriteEnabled;
         break;
     case Operation::kWriteDisable:
-        status_ = static_cast<std::uint8_t>(status_ & ~kWriteEnabled);
+        end_words();
+        be_ready();
+        break;
+    case Operation::kStatusEnable:
+        status_enabled_ = true;
         break;
     case Operation::kReadStatus: {
         const std::array<std::uint8_t, 1> status_byte = {status()};
@@ -178,6 +247,9 @@ void SpiChip::carry_out(const Command& command, const SpiTransfer& transfer) {
         break;
     case Operation::kProgram:
         program(transfer);
+        break;
+    case Operation::kProgramWord:
+        program_word(transfer);
         break;
     case Operation::kSectorErase:
     case Operation::kBlockErase:
@@ -227,7 +299,7 @@ bool SpiChip::is_protected(std::uint32_t address, std::uint32_t length) const {
 std::uint64_t SpiChip::be_busy(std::uint64_t microseconds) {
     const std::uint64_t end = clock_->now_ns() + microseconds * 1000;
     if (microseconds == 0) {
-        status_ = static_cast<std::uint8_t>(status_ & ~kWriteEnabled);
+        be_ready();
     } else {
         status_ |= kBusy;
         busy_until_ns_ = end;
@@ -263,7 +335,6 @@ void SpiChip::read(const SpiTransfer& transfer) {
 }
 
 void SpiChip::program(const SpiTransfer& transfer) {
-    constexpr std::uint32_t kPage = 256;
     if (!write_enabled("program")) {
         return;
     }
@@ -272,35 +343,78 @@ void SpiChip::program(const SpiTransfer& transfer) {
         complain("program without data");
         return;
     }
-    if (is_protected(start, static_cast<std::uint32_t>(transfer.mosi.size()))) {
-        complain("program at " + hex(start, 6) + ", which is protected");
-        be_busy(0);
+    const std::uint32_t page = part_->writes->page;
+    std::span<const std::uint8_t> data = transfer.mosi;
+    if (page == 1 && data.size() > 1) {
+        complain("program of " + std::to_string(data.size()) + " bytes; the chip takes one");
+        data = data.first(1);
+    }
+    if (!may_change(start, static_cast<std::uint32_t>(data.size()), "program")) {
         return;
     }
     change_.start(contents_, be_busy(times_.program_us));
-    const bool stored = !faults_.striking(FaultKind::kNotStored);
-    const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
-    for (std::size_t i = 0; stored && i < transfer.mosi.size(); ++i) {
+    for (std::size_t i = 0; i < data.size(); ++i) {
         // The address wraps inside its page.
-        const std::size_t at = start / kPage * kPage + (start + i) % kPage;
-        const std::uint8_t old = contents_[at];
-        if ((transfer.mosi[i] & ~old) != 0) {
-            complain("program of " + hex(transfer.mosi[i], 2) + " over " + hex(old, 2) + " at " +
-                     hex(at, 6) + " sets bits");
-        }
-        change_.changes_byte(at, old);
-        const auto programmed = static_cast<std::uint8_t>(old & transfer.mosi[i]);
-        contents_[at] = static_cast<std::uint8_t>((programmed & ~stuck) | (old & stuck));
+        program_byte(start / page * page + (start + i) % page, data[i]);
     }
+}
+
+void SpiChip::program_word(const SpiTransfer& transfer) {
+    constexpr std::uint32_t kWord = 2;
+    if (transfer.mosi.size() != kWord) {
+        complain("program word with " + std::to_string(transfer.mosi.size()) + " bytes");
+        return;
+    }
+    if (!write_enabled("program word")) {
+        return;
+    }
+    const std::uint32_t start = next_word_ ? *next_word_ : offset(transfer.address, "program word");
+    if (start % kWord != 0) {
+        complain("program word at " + hex(start, 6) + ", an odd address");
+    }
+    const std::uint32_t at = start / kWord * kWord; // the lowest address bit is ignored
+    if (!may_change(at, kWord, "program word")) {
+        return;
+    }
+    next_word_ = at + kWord;
+    status_ |= kWordsGoOn;
+    if (*next_word_ == part_->size) {
+        end_words();
+    }
+    change_.start(contents_, be_busy(times_.program_us));
+    program_byte(at, transfer.mosi[0]);
+    program_byte(at + 1, transfer.mosi[1]);
+}
+
+bool SpiChip::may_change(std::uint32_t address, std::uint32_t length, std::string_view what) {
+    if (is_protected(address, length)) {
+        complain(std::string(what) + " at " + hex(address, 6) + ", which is protected");
+        be_busy(0);
+        return false;
+    }
+    return true;
+}
+
+void SpiChip::program_byte(std::size_t at, std::uint8_t byte) {
+    if (faults_.striking(FaultKind::kNotStored)) {
+        return;
+    }
+    const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
+    const std::uint8_t old = contents_[at];
+    if ((byte & ~old) != 0) {
+        complain("program of " + hex(byte, 2) + " over " + hex(old, 2) + " at " + hex(at, 6) +
+                 " sets bits");
+    }
+    change_.changes_byte(at, old);
+    const auto programmed = static_cast<std::uint8_t>(old & byte);
+    contents_[at] = static_cast<std::uint8_t>((programmed & ~stuck) | (old & stuck));
 }
 
 void SpiChip::erase(std::uint32_t address, std::uint32_t unit, std::string_view what) {
     if (!write_enabled(what)) {
         return;
     }
-    if (is_protected(address, unit)) {
-        complain(std::string(what) + " at " + hex(address, 6) + ", which is protected");
-        be_busy(0);
+    if (!may_change(address, unit, what)) {
         return;
     }
     change_.start(contents_, be_busy(times_.erase_us(unit)));
@@ -314,7 +428,7 @@ void SpiChip::erase(std::uint32_t address, std::uint32_t unit, std::string_view 
 }
 
 void SpiChip::write_status(const SpiTransfer& transfer) {
-    if (!write_enabled("write status")) {
+    if (!std::exchange(status_enabled_, false) && !write_enabled("write status")) {
         return;
     }
     if (transfer.mosi.empty()) {

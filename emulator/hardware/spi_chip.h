@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -36,6 +37,14 @@ class SpiChip {
     /// Carries out one chip-select period.
     /// @returns what the chip took it for
     Operation transfer(const SpiTransfer& transfer);
+
+    /// Carries out one chip-select period given as the bytes on the wires: those that are sent,
+    /// one at least, and behind them those that are received. The opcode tells which is which.
+    /// @returns what the chip took it for
+    Operation clock(std::span<const std::uint8_t> sent, std::span<std::uint8_t> received);
+
+    /// Makes the chip one that does not know the opcode.
+    void forget(std::uint8_t opcode) { commands_[opcode] = {}; }
 
     /// True while the fault that keeps the controller busy strikes the last transfer.
     bool holds_controller() const { return holds_controller_; }
@@ -72,13 +81,21 @@ class SpiChip {
     };
     void know(std::uint8_t opcode, Operation operation, std::uint32_t unit = 0);
     void carry_out(const Command& command, const SpiTransfer& transfer);
+    bool is_busy();
+    bool wants_address(const Command& command) const;
     bool write_enabled(std::string_view what);
     bool is_protected(std::uint32_t address, std::uint32_t length) const;
+    bool may_change(std::uint32_t address, std::uint32_t length, std::string_view what);
+    std::uint8_t sector_protection() const;
+    void be_ready();
+    void end_words();
     /// @returns when it is over
     std::uint64_t be_busy(std::uint64_t microseconds);
     void answer(const SpiTransfer& transfer, std::span<const std::uint8_t> bytes) const;
     void read(const SpiTransfer& transfer);
     void program(const SpiTransfer& transfer);
+    void program_word(const SpiTransfer& transfer);
+    void program_byte(std::size_t at, std::uint8_t byte);
     void erase(std::uint32_t address, std::uint32_t unit, std::string_view what);
     void write_status(const SpiTransfer& transfer);
     void query_protection(const SpiTransfer& transfer);
@@ -98,7 +115,9 @@ class SpiChip {
     Faults faults_;
     UnfinishedChange change_;
     std::uint8_t status_ = 0;
-    std::vector<bool> sector_protected_; ///< by protection sector; empty without such registers
+    std::vector<bool> sector_protected_;     ///< by protection sector; empty without such registers
+    std::optional<std::uint32_t> next_word_; ///< address, while words are programmed
+    bool status_enabled_ = false;            ///< by the command before, for a status write alone
     std::uint64_t busy_until_ns_ = 0;
     bool stuck_busy_ = false;
     bool holds_controller_ = false;

@@ -28,6 +28,13 @@ struct EraseSet {
     std::array<std::uint8_t, 2> whole_chip; ///< 0: no second opcode
 };
 
+/// How a family of parts programs, and how it lets its status register be written.
+struct WriteSet {
+    std::uint32_t page;         ///< most bytes that 02 programs; the address wraps inside them
+    std::uint8_t word_program;  ///< programs two bytes and goes on without an address; 0: none
+    std::uint8_t status_enable; ///< allows the next command to write the status; 0: none
+};
+
 /// One part number. Commands that all parts share (06, 05, 01, 03, 02, 04) are not listed.
 struct SpiPart {
     std::string_view name;
@@ -38,6 +45,7 @@ struct SpiPart {
     std::uint32_t size; ///< bytes
     const EraseSet* erases;
     Protection protection;
+    const WriteSet* writes;
 };
 
 std::span<const SpiPart> spi_parts();

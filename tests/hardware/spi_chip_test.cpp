@@ -39,6 +39,13 @@ struct Chip {
     }
     std::uint8_t status() { return receive(0x05, 1)[0]; }
 
+    /// One chip-select period as bytes on the wires.
+    Bytes clock_bytes(const Bytes& sent, std::size_t count = 0) {
+        Bytes received(count);
+        chip.clock(sent, received);
+        return received;
+    }
+
     /// The one complaint so far.
     std::string complaint() {
         const auto misuses = journal.take_misuses();
@@ -142,13 +149,65 @@ TEST(SpiChip, BlockProtectionKeepsEverythingUntilTheStatusIsCleared) {
     EXPECT_EQ(c.chip.contents()[0], 0xFF);
 }
 
+TEST(SpiChip, StatusEnableHoldsForTheNextCommandAlone) {
+    Chip c("SST25VF080B");
+    c.send(0x50);
+    EXPECT_EQ(c.status(), 0x3C);
+    c.write_status(0);
+    EXPECT_EQ(c.complaint(), "chip: write status without write enable");
+    c.send(0x50);
+    c.program(0, {0});
+    EXPECT_EQ(c.complaint(), "chip: program without write enable");
+    c.send(0x50);
+    c.write_status(0);
+    c.write_status(0x1C);
+    EXPECT_EQ(c.complaint(), "chip: write status without write enable");
+    EXPECT_EQ(c.status(), 0);
+}
+
+TEST(SpiChip, ProgramsWordsOneBehindTheOther) {
+    Chip c("SST25VF040B", BusyTimes{});
+    const auto at = [&](std::uint32_t a) {
+        c.clock.advance_us(BusyTimes{}.program_us);
+        return Bytes(c.chip.contents().begin() + a, c.chip.contents().begin() + a + 4);
+    };
+    c.chip.set_status(0);
+    c.clock_bytes({0xAD, 0, 0x10, 0, 1, 2});
+    EXPECT_EQ(c.complaint(), "chip: program word without write enable");
+    c.send(0x06);
+    c.clock_bytes({0xAD, 0, 0x10, 0, 1, 2});
+    EXPECT_EQ(c.clock_bytes({0x05}, 1), Bytes{0x43});
+    EXPECT_EQ(at(0x1000), (Bytes{1, 2, 0xFF, 0xFF}));
+    EXPECT_EQ(c.status(), 0x42) << "the latch stays set from word to word";
+    EXPECT_EQ(c.clock_bytes({0x03, 0, 0x10, 0}, 1), Bytes{0});
+    EXPECT_EQ(c.complaint(), "chip: read between words that are programmed");
+    c.clock_bytes({0xAD, 3, 4});
+    EXPECT_EQ(at(0x1000), (Bytes{1, 2, 3, 4}));
+    c.send(0x04);
+    EXPECT_EQ(c.status(), 0);
+    c.send(0x06);
+    c.clock_bytes({0xAD, 0x07, 0xFF, 0xFF, 5, 6});
+    EXPECT_EQ(c.complaint(), "chip: program word at 07FFFF, an odd address");
+    EXPECT_EQ(at(0x7FFFC), (Bytes{0xFF, 0xFF, 5, 6}));
+    EXPECT_EQ(c.status(), 0) << "the end of the chip ends it";
+    c.chip.set_status(0x1E);
+    c.clock_bytes({0xAD, 0, 0, 0, 7, 8});
+    EXPECT_EQ(c.complaint(), "chip: program word at 000000, which is protected");
+    c.chip.set_status(0x02);
+    c.program(0, {7, 8});
+    EXPECT_EQ(c.complaint(), "chip: program of 2 bytes; the chip takes one");
+    EXPECT_EQ(at(0), (Bytes{7, 0xFF, 0xFF, 0xFF}));
+}
+
 TEST(SpiChip, SectorProtectionIsLiftedSectorBySectorOrAllAtOnce) {
     Chip c("AT25DF041A");
     EXPECT_EQ(c.receive_at(0x3C, 0x79FFF, 1), Bytes{0xFF});
     c.send_at(0x39, 0x78000);
     EXPECT_EQ(c.complaint(), "chip: unprotect sector without write enable");
+    EXPECT_EQ(c.status(), 0x0C) << "all sectors";
     c.send(0x06);
     c.send_at(0x39, 0x78000);
+    EXPECT_EQ(c.status(), 0x04) << "some";
     EXPECT_EQ(c.receive_at(0x3C, 0x79FFF, 1), Bytes{0});
     EXPECT_EQ(c.receive_at(0x3C, 0x7A000, 1), Bytes{0xFF});
     c.send(0x06);
@@ -157,6 +216,7 @@ TEST(SpiChip, SectorProtectionIsLiftedSectorBySectorOrAllAtOnce) {
     c.send(0x06);
     c.write_status(0);
     EXPECT_EQ(c.receive_at(0x3C, 0x7C000, 1), Bytes{0});
+    EXPECT_EQ(c.status(), 0);
 }
 
 TEST(SpiChip, FaultsStrikeWhatTheyAreAimedAt) {
