@@ -30,6 +30,7 @@ qfu programs the flash chips of PCI storage adapters from the UEFI shell.
 This package holds the tools around it for a Linux machine.
 .
 qfu-emu runs qfu in a process, on adapters and chips that a text file
-describes. qfu-qemu puts the same adapters into a QEMU guest. spilist
-builds, checks, shows and compares the chip lists that qfu reads.")
+describes. qfu-qemu puts the same adapters into a QEMU guest. qfu-serprog serves an
+SPI flash chip to flashrom. spilist builds, checks, shows and compares the
+chip lists that qfu reads.")
 include(CPack)
