@@ -197,6 +197,52 @@ TEST_F(FlashScripts, LeaveEveryFlashAloneWhenSomethingIsWrong) {
     EXPECT_EQ(done.files, (std::set<std::string>{"a b.bin", "image.bin", "none.bin"}));
 }
 
+TEST(FlashScript, KeepsTheBackupAndMendsAFlashThatLostPower) {
+    const emulator::SteadyClock clock;
+    emulator::Machine machine(clock);
+    auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, 0xC705), {0, 2, 0}, 0);
+    auto& chip =
+        machine.add_spi_chip(adapter, *emulator::find_spi_part("MX25L512"), emulator::kNeverBusy);
+    const auto before = lab::pattern(chip.contents().size(), 3);
+    std::ranges::copy(before, chip.contents().begin());
+    const auto image = lab::pattern(64);
+    Volume volume = volume_with_tools();
+    volume["work/image.bin"].bytes = image;
+    // Power goes for a moment in the access that starts the second erase, and in the next call in
+    // the one that starts the 40th program. So many accesses lie behind the cycle before.
+    machine.journal().listen_to_cycles([&, erases = 0,
+                                        programs = 0](std::string_view line) mutable {
+        constexpr std::uint64_t kToNextErase = 11;
+        constexpr std::uint64_t kToNextProgram = 12;
+        erases += line.ends_with("sector erase") ? 1 : 0;
+        programs += line.ends_with("program") ? 1 : 0;
+        if (erases == 1 && line.ends_with("sector erase")) {
+            adapter.add_power_fault({.nth = adapter.accesses() + kToNextErase, .off_us = 5'000});
+            programs = -64;
+        } else if (programs == 39 && line.ends_with("program")) {
+            adapter.add_power_fault({.nth = adapter.accesses() + kToNextProgram, .off_us = 5'000});
+        }
+    });
+
+    const std::string to = " 0x2fe0 0 -y -cdid c705";
+    const std::string restore = kFlash + "image.bin.old000" + to;
+    Scripts done = run_lines(machine, volume, {kFlash + "image.bin" + to, restore, restore});
+    EXPECT_EQ(done.statuses, (std::vector<std::string>{"0x1", "0x1", "0x0"}));
+    EXPECT_TRUE(done.prints("FAILED. The flash holds image.bin.new000, not image.bin; it held "
+                            "image.bin.old000 before."));
+    EXPECT_TRUE(done.prints("done. The flash holds image.bin.old000; it held "));
+    EXPECT_TRUE(std::ranges::equal(done.file("image.bin.old000"),
+                                   std::span(before).subspan(0x2FE0, image.size())));
+    auto expected = before;
+    std::fill_n(expected.begin() + 0x2000, 0x2000, 0xFF);
+    std::copy_n(before.begin() + 0x2FE0, image.size(), expected.begin() + 0x2FE0);
+    EXPECT_TRUE(std::ranges::equal(chip.contents(), expected));
+    // What goes on where power came back finds bytes that were not erased.
+    for (const std::string& misuse : machine.journal().misuses()) {
+        EXPECT_TRUE(misuse.ends_with("sets bits")) << misuse;
+    }
+}
+
 TEST(BackupScript, ReadsTheWholeFlashTwice) {
     const emulator::SteadyClock clock;
     emulator::Machine machine(clock);
