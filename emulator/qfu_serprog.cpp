@@ -24,6 +24,7 @@ struct Options {
     std::uint16_t port = 0;
     std::optional<std::uint8_t> status;
     std::vector<std::uint8_t> refused;
+    bool never_busy = false;
     bool once = false;
 };
 
@@ -77,7 +78,8 @@ int run(const Options& options) {
     const SteadyClock clock;
     Journal journal;
     ImageFiles images;
-    SpiChip chip(part, options.part, clock, journal, kShort, images.open(options.image, part.size));
+    SpiChip chip(part, options.part, clock, journal, options.never_busy ? kNeverBusy : kShort,
+                 images.open(options.image, part.size));
     if (options.status) {
         chip.set_status(*options.status);
     }
@@ -116,6 +118,8 @@ int main(int argc, char** argv) try {
     app.add_option("--refuse", options.refused,
                    "opcode that the chip shall not know; can be repeated")
         ->allow_extra_args(false);
+    app.add_flag("--never-busy", options.never_busy,
+                 "the chip is ready at once after each command");
     app.add_flag("--once", options.once, "end when the first client has left");
     app.footer("Examples:\n"
                "  qfu-serprog --part W25Q32 --image chip.bin --port 4000\n"

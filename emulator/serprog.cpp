@@ -7,6 +7,8 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <span>
+#include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <system_error>
 #include <unistd.h>
