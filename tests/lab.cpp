@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <random>
+#include <sstream>
 #include <utility>
 
 namespace lab {
@@ -25,19 +27,8 @@ Bytes pattern(std::size_t count, std::uint32_t seed) {
 }
 
 std::vector<std::string> words(std::string_view line) {
-    std::vector<std::string> result;
-    std::string word;
-    for (const char c : line) {
-        if (c != ' ') {
-            word.push_back(c);
-        } else if (!word.empty()) {
-            result.push_back(std::exchange(word, {}));
-        }
-    }
-    if (!word.empty()) {
-        result.push_back(word);
-    }
-    return result;
+    std::istringstream in{std::string(line)};
+    return {std::istream_iterator<std::string>(in), {}};
 }
 
 std::string Outcome::text() const {
@@ -213,6 +204,16 @@ Probed::Probed(int flash_if, std::string_view part, BusyTimes times)
 
 Probed::Probed(std::uint16_t device, std::string_view part)
     : chip(lab.chip(lab.adapter(device), part, kNeverBusy)) {}
+
+std::string expected(const std::string& name) {
+    std::ifstream file(QFU_SOURCE_DIR "/tests/expected/" + name + ".txt");
+    EXPECT_TRUE(file) << name;
+    std::string result;
+    for (std::string line; std::getline(file, line);) {
+        result += line.starts_with('#') ? "" : line + "\n";
+    }
+    return result;
+}
 
 const Bytes& shipped_chip_list() {
     static const Bytes list =

@@ -29,7 +29,7 @@ inline emulator::Fault fault(emulator::FaultKind kind, emulator::Operation on,
     return result;
 }
 
-/// The words of a command line, cut at spaces.
+/// The words of a text, cut at spaces and line feeds.
 std::vector<std::string> words(std::string_view line);
 
 /// What a person sees of a run.
@@ -153,6 +153,9 @@ class Probed : public Discovered {
 
     emulator::SpiChip& chip;
 };
+
+/// The lines of a file in the folder "expected", without comments.
+std::string expected(const std::string& name);
 
 /// The chip list that is built from the shipped source.
 const Bytes& shipped_chip_list();

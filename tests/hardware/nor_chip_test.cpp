@@ -1,12 +1,12 @@
 #include "hardware/machine.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace {
 
 using namespace emulator;
 
-using Cycles = std::vector<std::pair<std::uint32_t, std::uint16_t>>;
 using Misuses = std::vector<std::string>;
 
 /// A chip on a bench.
@@ -14,31 +14,22 @@ struct Bench {
     explicit Bench(std::uint32_t id = 0x22ED0020, BusyTimes times = kNeverBusy)
         : chip(*find_nor_part(id), "nor", clock, journal, times) {}
 
-    /// Write cycles; the command that the last of them completes.
-    Operation write(const Cycles& cycles) {
+    /// Write cycles as "address>data ..."; the command that the last of them completes.
+    Operation write(const std::string& cycles) {
         Operation operation = Operation::kUnknown;
-        for (const auto& [address, data] : cycles) {
+        std::istringstream in(cycles);
+        std::uint32_t address = 0;
+        std::uint16_t data = 0;
+        for (char to = 0; in >> std::hex >> address >> to >> data;) {
             operation = chip.write(address, data);
         }
         return operation;
     }
     Operation erase_sector(std::uint32_t word) {
-        return write({
-            {0x555, 0xAA},
-            {0x2AA, 0x55},
-            {0x555, 0x80},
-            {0x555, 0xAA},
-            {0x2AA, 0x55},
-            {word,  0x30}
-        });
+        return write("555>AA 2AA>55 555>80 555>AA 2AA>55 " + hex(word, 1) + ">30");
     }
     Operation program(std::uint32_t word, std::uint16_t data) {
-        return write({
-            {0x555, 0xAA},
-            {0x2AA, 0x55},
-            {0x555, 0xA0},
-            {word,  data}
-        });
+        return write("555>AA 2AA>55 555>A0 " + hex(word, 1) + ">" + hex(data, 1));
     }
 
     VirtualClock clock;
@@ -49,18 +40,10 @@ struct Bench {
 TEST(NorChip, ShowsItsIdentificationUntilItIsReset) {
     Bench b;
     EXPECT_EQ(b.chip.read(0), 0xFFFF);
-    EXPECT_EQ(b.write({
-                  {0x555, 0xAA},
-                  {0x2AA, 0x55},
-                  {0x555, 0x90}
-    }),
-              Operation::kReadId);
+    EXPECT_EQ(b.write("555>AA 2AA>55 555>90"), Operation::kReadId);
     EXPECT_EQ(b.chip.read(0), 0x0020);
     EXPECT_EQ(b.chip.read(1), 0x22ED);
-    EXPECT_EQ(b.write({
-                  {0x123, 0xF0}
-    }),
-              Operation::kReset);
+    EXPECT_EQ(b.write("123>F0"), Operation::kReset);
     EXPECT_EQ(b.chip.read(0), 0xFFFF);
     EXPECT_EQ(b.journal.take_misuses(), Misuses{});
 }
@@ -96,10 +79,7 @@ TEST(NorChip, IsBusyForAWhileAndThenIgnoresEveryCycle) {
     Bench b(0x22ED0020, BusyTimes{});
     b.erase_sector(0);
     EXPECT_FALSE(b.chip.ready());
-    EXPECT_EQ(b.write({
-                  {0, 0xF0}
-    }),
-              Operation::kUnknown);
+    EXPECT_EQ(b.write("0>F0"), Operation::kUnknown);
     b.chip.read(0);
     EXPECT_EQ(b.journal.take_misuses(), (Misuses{"nor: cycle 000000 > 00F0 while the chip is busy",
                                                  "nor: read at 000000 while the chip is busy"}));
@@ -114,12 +94,7 @@ TEST(NorChip, IsBusyForAWhileAndThenIgnoresEveryCycle) {
 
 TEST(NorChip, DropsACommandAtTheFirstCycleThatDoesNotBelong) {
     Bench b;
-    EXPECT_EQ(b.write({
-                  {0x555, 0xAA},
-                  {0x2AA, 0x56},
-                  {0x555, 0x90}
-    }),
-              Operation::kUnknown);
+    EXPECT_EQ(b.write("555>AA 2AA>56 555>90"), Operation::kUnknown);
     EXPECT_EQ(b.journal.take_misuses().size(), 2U);
     EXPECT_EQ(b.chip.read(0), 0xFFFF);
     b.erase_sector(0x400000);
@@ -129,42 +104,19 @@ TEST(NorChip, DropsACommandAtTheFirstCycleThatDoesNotBelong) {
 
 TEST(NorChip, LeavesBypassModeByItsOwnResetOrTheResetPin) {
     Bench b;
-    const Cycles enter = {
-        {0x555, 0xAA},
-        {0x2AA, 0x55},
-        {0x555, 0x20}
-    };
+    const std::string enter = "555>AA 2AA>55 555>20";
     EXPECT_EQ(b.write(enter), Operation::kUnlockBypass);
-    EXPECT_EQ(b.write({
-                  {0, 0xA0  },
-                  {7, 0x1234}
-    }),
-              Operation::kProgram);
-    EXPECT_EQ(b.write({
-                  {0, 0xF0}
-    }),
-              Operation::kUnknown);
+    EXPECT_EQ(b.write("0>A0 7>1234"), Operation::kProgram);
+    EXPECT_EQ(b.write("0>F0"), Operation::kUnknown);
     EXPECT_EQ(b.journal.take_misuses(),
               Misuses{"nor: cycle 000000 > 00F0 starts or continues no command"});
-    EXPECT_EQ(b.write({
-                  {0, 0xA0  },
-                  {8, 0x5678}
-    }),
-              Operation::kProgram)
-        << "still in the mode";
-    EXPECT_EQ(b.write({
-                  {0, 0x90},
-                  {0, 0x00}
-    }),
-              Operation::kBypassReset);
+    EXPECT_EQ(b.write("0>A0 8>5678"), Operation::kProgram) << "still in the mode";
+    EXPECT_EQ(b.write("0>90 0>00"), Operation::kBypassReset);
     EXPECT_EQ(b.chip.read(7), 0x1234);
     EXPECT_EQ(b.chip.read(8), 0x5678);
     b.write(enter);
     b.chip.reset();
-    EXPECT_EQ(b.write({
-                  {0, 0xF0}
-    }),
-              Operation::kReset);
+    EXPECT_EQ(b.write("0>F0"), Operation::kReset);
     EXPECT_EQ(b.journal.take_misuses(), Misuses{});
 }
 

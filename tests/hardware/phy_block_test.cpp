@@ -2,7 +2,9 @@
 
 #include "hardware/machine.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace {
 
@@ -78,73 +80,51 @@ TEST(PhyBlock, ShowsALockedPatternThatWasStartedInOrder) {
     EXPECT_EQ(b.complaint(), "0 complaints") << "a running port may be reset";
 }
 
-TEST(PhyBlock, ComplainsAboutStepsOutOfOrder) {
-    Board b;
-    b.write(0x02, 0x60);
-    EXPECT_EQ(b.complaint(), "0.phy0 rate (02): written without a reset before it");
-    b.write(0x95, 0);
-    EXPECT_EQ(b.complaint(), "0.phy0 test control (95): released without a reset");
-    b.reset();
-    b.write(0x96, 0);
-    EXPECT_EQ(b.complaint(), "0.phy0 pattern 0 (96): loaded before the rate");
-    b.write(0x02, 0x61);
-    EXPECT_EQ(b.complaint(), "0.phy0 rate (02): changed together with the load bit");
-    b.write(0x02, 0x60);
-    EXPECT_EQ(b.complaint(), "0.phy0 rate (02): used before the port has settled");
-    b.clock.advance_us(1000);
-    b.start();
-    EXPECT_EQ(b.complaint(), "0.phy0 test control (95): started without a pattern");
-    b.write(0x9B, 0x80);
-    EXPECT_EQ(b.complaint(), "0.phy0 pattern 5 (9B): loaded after the start");
-    b.write(0x95, 0x80E0);
-    EXPECT_EQ(b.journal.take_misuses().front(),
-              "0.phy0 test control (95): started without a reset and a rate");
+/// One word of the script: "02<60" writes, "9D?" reads, "A04<..." is register 04 of the AHCI block,
+/// a name alone is a step.
+void step(Board& b, const std::string& word) {
+    const std::size_t at = word.find_first_of("<?");
+    const auto number = [&](std::size_t from) {
+        return static_cast<std::uint32_t>(std::stoul(word.substr(from), nullptr, 16));
+    };
+    if (at == word.npos) {
+        word == "reset"     ? b.reset()
+        : word == "rate"    ? b.load_rate(0x60)
+        : word == "pattern" ? b.load_pattern(0x85)
+        : word == "start"   ? b.start()
+        : word == "run"     ? b.bring_up()
+                            : b.clock.advance_us(1000);
+    } else if (word[at] == '?') {
+        b.read(number(0));
+    } else if (at == 3 && word[0] == 'A') {
+        b.block.write(number(1), number(at + 1));
+    } else {
+        b.write(number(0), number(at + 1));
+    }
 }
 
-TEST(PhyBlock, ComplainsAboutCountersThatWereNotLatched) {
-    Board b;
-    b.read(0x9D);
-    EXPECT_EQ(b.complaint(), "0.phy0 PRBS counter high (9D): read while no pattern runs");
-    b.bring_up();
-    b.read(0x9D);
-    EXPECT_EQ(b.complaint(), "0.phy0 PRBS counter high (9D): read without the latch read");
-    b.read(0x9C);
-    b.read(0x9E);
-    b.read(0x9E);
-    EXPECT_EQ(b.complaint(), "0.phy0 PRBS counter low (9E): read without the latch read");
-    b.read(0xA0);
-    EXPECT_EQ(b.complaint(), "0.phy0 error counter low (A0): read without the high half before it");
-    b.read(0x96);
-    EXPECT_EQ(b.complaint(), "0.phy0 pattern 0 (96): can only be written");
-    b.write(0x9C, 0);
-    EXPECT_EQ(b.complaint(), "0.phy0 PRBS counter latch (9C): can only be read");
-}
-
-TEST(PhyBlock, ComplainsAboutWhatIsNotThere) {
-    Board b({3, 2, 0x11});
-    b.read(0x94);
-    EXPECT_EQ(b.complaint(), "0: PHY test register 094 is none that is there");
-    b.read(0x495);
-    EXPECT_EQ(b.complaint(), "0: PHY test register 495 is none that is there");
-    b.read(0x395);
-    EXPECT_EQ(b.complaint(), "0.phy3 test control (95): the port is not there");
-    b.block.write(0x0C, 1);
-    EXPECT_EQ(b.complaint(), "0: AHCI register 0C written with 00000001");
-    b.block.write(0x04, 0x80000000);
-    EXPECT_EQ(b.complaint(), "0: AHCI register 04 written with 80000000");
-    b.block.write(0x04, 0x00000002);
-    b.read(0x95);
-    EXPECT_EQ(b.complaint(), "0.phy0 test control (95): used while AHCI is off");
-    b.block.write(0x04, 0x80000002);
-    b.reset();
-    b.write(0x02, 0x20);
-    EXPECT_EQ(b.complaint(), "0.phy0 rate (02): no rate has the word 0020");
-    b.load_rate(0x60);
-    b.load_pattern(0x85);
-    b.write(0x95, 0x80E0);
-    EXPECT_EQ(b.complaint(), "0.phy0 test control (95): pattern 5 selects 0085");
-    b.write(0x95, 0x8080);
-    EXPECT_EQ(b.complaint(), "0.phy0 test control (95): written with 8080");
+TEST(PhyBlock, ComplainsAboutWhatItWouldNotTake) {
+    std::ifstream script(QFU_SOURCE_DIR "/tests/hardware/phy_misuse.txt");
+    auto b = std::make_unique<Board>();
+    int count = 0;
+    for (std::string line; std::getline(script, line);) {
+        const std::size_t arrow = line.find(" => ");
+        if (line.starts_with("= ")) {
+            b = std::make_unique<Board>(
+                PhyModel{3, static_cast<std::uint8_t>(line[2] - '0'), 0x11});
+        } else if (arrow != line.npos) {
+            std::istringstream words(line.substr(0, arrow));
+            for (std::string word; words >> word;) {
+                step(*b, word);
+            }
+            const auto misuses = b->journal.take_misuses();
+            EXPECT_EQ(misuses.size() == 1 ? misuses[0] : misuses.at(0) + " ...",
+                      line.substr(arrow + 4))
+                << line;
+            ++count;
+        }
+    }
+    EXPECT_EQ(count, 23);
 }
 
 TEST(PhyBlock, HasAPairForEachPortInGeneration2) {
