@@ -5,7 +5,6 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
-#include <random>
 
 namespace {
 
@@ -190,26 +189,6 @@ TEST(Digits, AreReadUpToTheFirstOtherCharacter) {
     EXPECT_TRUE(qfu_is_hex(""));
     EXPECT_FALSE(qfu_is_hex("0x1"));
     EXPECT_FALSE(qfu_is_decimal("1 "));
-}
-
-TEST(Parser, SurvivesRandomCommandLines) {
-    std::vector<std::string> words = lab::words(
-        "-cmds -bp -help -h -phytest -p -r -n -t -l -y -wpa -se -adid -wbf -rfb -getparm "
-        "-csid -cvid -cdid -addr -sz ALL 0 1 0x 0x10000000 image.bin new.bin "
-        "99999999999999999999999 prbs7 %s%n%d . * spilist.bin");
-    words.emplace_back();
-    std::mt19937 random(11);
-    for (int round = 0; round < 150; ++round) {
-        Lab lab;
-        lab.kind(round % 2 == 0 ? 1 : 4);
-        lab.write_file("image.bin", lab::pattern(40));
-        std::vector<std::string> line = {"-cdid", round % 2 == 0 ? "c709" : "c705"};
-        for (std::size_t n = random() % 12; n > 0; --n) {
-            line.push_back(words[random() % words.size()]);
-        }
-        const auto run = lab.run(line, "                ");
-        EXPECT_TRUE(run.status == EFI_SUCCESS || run.status == EFI_UNSUPPORTED);
-    }
 }
 
 } // namespace

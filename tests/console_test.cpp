@@ -4,7 +4,6 @@
 #include "platform/system.h"
 
 #include <gtest/gtest.h>
-#include <random>
 
 namespace {
 
@@ -79,22 +78,6 @@ TEST(Format, CutsAtTheBuffersEnd) {
 TEST(Format, TakesNothingFromArgumentsThatAreNotThereOrDoNotFit) {
     EXPECT_EQ(format("%d %s %c|%n", 1), std::string("1 <NULL> \0|", 11));
     EXPECT_EQ(format("%s %d", 5, "text"), "<NULL> 0");
-}
-
-TEST(Format, SurvivesRandomFormats) {
-    std::mt19937 random(7);
-    const std::string_view alphabet = "%%%%csdiuxXopn0123456789-+ #.*hlq\n!";
-    for (int round = 0; round < 20'000; ++round) {
-        std::string text;
-        for (std::size_t length = random() % 24; length > 0; --length) {
-            text.push_back(alphabet[random() % alphabet.size()]);
-        }
-        std::uint32_t count = 0;
-        EXPECT_LT(format(text.c_str(), static_cast<int>(random()), "text", &count,
-                         static_cast<int>(random()))
-                      .size(),
-                  64U);
-    }
 }
 
 TEST(Print, AddsACarriageReturnBeforeEveryLineFeed) {

@@ -1,0 +1,54 @@
+#include "bench.h"
+
+#include <cstdlib>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Made once, since filling megabytes takes longer than a run.
+std::vector<std::uint8_t> spi_contents(64U * 1024);
+std::vector<std::uint8_t> nor_contents(4096U * 1024);
+
+} // namespace
+
+/// Where things were allocated is not worth its time; a finding that needs it can be run again.
+extern "C" const char* __asan_default_options() { // NOLINT(bugprone-reserved-identifier)
+    return "malloc_context_size=2:quarantine_size_mb=16";
+}
+
+extern "C" int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
+    GTEST_FLAG_SET(break_on_failure, true);
+    std::string own = (fs::temp_directory_path() / "qfu-fuzz-XXXXXX").string();
+    setenv("TMPDIR", mkdtemp(own.data()), 1);
+    return 0;
+}
+
+namespace fuzz {
+
+Bench::Bench(char kind) : device_(kind == '1' ? 0xC709 : kind == '2' ? 0xC703 : 0xC705) {
+    emulator::Adapter& own = adapter(device_);
+    std::memset(spi_contents.data(), kOld, spi_contents.size());
+    machine().add_spi_chip(own, *emulator::find_spi_part("MX25L512"), emulator::kNeverBusy,
+                           spi_contents);
+    if (kind == '2') {
+        std::memset(nor_contents.data(), kOld, spi_contents.size());
+        machine().add_nor_chip(own, *emulator::find_nor_part(0x257E00EC), emulator::kNeverBusy,
+                               nor_contents);
+    }
+    write_file("image.bin", kImage);
+    stop_listening();
+    expect_starvation();
+    attach();
+}
+
+Bench::~Bench() {
+    const auto beside = fs::directory_iterator(folder().parent_path());
+    EXPECT_EQ(std::distance(begin(beside), end(beside)), 1) << "a file beside the volume";
+}
+
+std::span<std::uint8_t> Bench::contents() const {
+    return spi_contents;
+}
+
+} // namespace fuzz

@@ -1,0 +1,30 @@
+// Any command line for the whole program on a healthy adapter. The input is text: a line with the
+// adapter's kind and the query at which the user breaks the command; a line with the keys that are
+// pressed, a "." for silence; then one line an argument.
+#include "bench.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    constexpr std::uint64_t kUsualBreak = 1024 + 200; // behind a scan for one model
+    constexpr std::uint64_t kLastBreak = 24'000;      // behind one for every model
+    fuzz::Input input(data, size);
+    const std::string head(input.line());
+    fuzz::Bench bench(head.empty() ? '4' : head.front());
+    const std::uint64_t nth = head.empty() ? 0 : std::strtoul(&head[1], nullptr, 10);
+    bench.faults().break_query.fail(nth == 0 ? kUsualBreak : std::min(nth, kLastBreak));
+    // Whoever presses no key any more presses Enter, so that every wait for one ends.
+    bench.firmware().terminal().on_key_needed(
+        [keys = input.line()](bool) mutable -> std::optional<emulator::KeyStroke> {
+            const char key = keys.empty() ? '\r' : keys.front();
+            keys.remove_prefix(keys.empty() ? 0 : 1);
+            return key == '.'
+                       ? std::nullopt
+                       : std::optional(emulator::KeyStroke{0, static_cast<unsigned char>(key)});
+        });
+    std::vector<std::string> arguments;
+    while (!input.empty()) {
+        arguments.emplace_back(input.line());
+    }
+    const EFI_STATUS status = bench.run(arguments).status;
+    EXPECT_TRUE(status == EFI_SUCCESS || status == EFI_UNSUPPORTED) << status;
+    return 0;
+}

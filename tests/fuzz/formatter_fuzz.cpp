@@ -1,0 +1,189 @@
+// Any format with any arguments. The input's first line is the format; the size of the buffer and
+// the arguments follow. Each conversion alone must give what the platform's snprintf gives, where
+// both say what that is; a format must give its pieces in turn, cut where the buffer ends.
+#include "bench.h"
+#include "console.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+
+namespace {
+
+constexpr std::int64_t kWidest = 300; // the platform's would write gigabytes
+constexpr std::size_t kLargest = 1024;
+
+/// A conversion, cut out of the format.
+struct Conversion {
+    std::string flags;
+    std::optional<std::int64_t> width;
+    std::optional<std::int64_t> precision;
+    std::vector<int> counts; ///< arguments for "*"
+    char qualifier = 0;
+    char letter = 0;
+    std::string text;     ///< all of it
+    std::string platform; ///< the same where numbers are as wide as an argument anyhow
+
+    bool has(std::string_view any) const { return flags.find_first_of(any) != flags.npos; }
+};
+
+class Formatting {
+  public:
+    explicit Formatting(fuzz::Input input)
+        : format_(input.line()), size_(input.take<std::uint8_t>() * 4U), values_(input) {
+        format_.resize(std::min(format_.find('\0'), format_.size()));
+        arguments_.reserve(2 * format_.size());
+    }
+
+    void check() {
+        while (at_ < format_.size()) {
+            if (format_[at_] != '%') {
+                whole_ += format_[at_++];
+                continue;
+            }
+            const std::size_t first = arguments_.size();
+            check_piece(parse(), first);
+        }
+        check_whole();
+    }
+
+  private:
+    /// The characters of the set that come next.
+    std::string take(std::string_view set, std::size_t most) {
+        const std::size_t end = std::min(format_.find_first_not_of(set, at_), format_.size());
+        const std::size_t first = std::exchange(at_, std::min(end, at_ + most));
+        return format_.substr(first, at_ - first);
+    }
+
+    /// A number of digits, or an argument behind "*".
+    std::optional<std::int64_t> count(Conversion& c) {
+        if (!take("*", 1).empty()) {
+            const bool large = values_.take<std::uint8_t>() % 4 == 3;
+            c.counts.push_back(large ? values_.take<std::int32_t>() : values_.take<std::int8_t>());
+            arguments_.emplace_back(c.counts.back());
+            return c.counts.back();
+        }
+        const std::string digits = take("0123456789", format_.size());
+        return digits.empty() ? std::nullopt
+                              : std::optional(std::strtol(digits.c_str(), nullptr, 10));
+    }
+
+    Conversion parse() {
+        Conversion c;
+        const std::size_t start = at_++;
+        c.flags = take("-+ #0", format_.size());
+        c.width = count(c);
+        if (!take(".", 1).empty()) {
+            c.precision = count(c).value_or(0);
+        }
+        c.platform = format_.substr(start, at_ - start);
+        c.qualifier = take("hlq", 1).c_str()[0];
+        c.letter = at_ < format_.size() ? format_[at_++] : '\0';
+        c.text = format_.substr(start, at_ - start);
+        c.platform += std::string(c.qualifier == 'h' ? "h" : "") + c.letter;
+        return c;
+    }
+
+    /// Adds the conversion's argument, now and then one that does not fit. @returns its kind: 'd'
+    /// for numbers, 's' for texts, 0 for none that fits
+    char add_argument(char letter) {
+        if (letter == 0 || std::string_view("diuoxXcpsn").find(letter) == std::string_view::npos) {
+            return 0;
+        }
+        const bool fits = values_.take<std::uint8_t>() % 8 != 7;
+        number_ = values_.take<std::uint64_t>();
+        text_ = format_.c_str() + number_ % (format_.size() + 1);
+        if (letter == 'n' && fits) {
+            counters_.emplace_back(whole_.size(), 0);
+            arguments_.emplace_back(&counters_.back().second);
+            return 0;
+        }
+        (letter == 's') == fits ? arguments_.emplace_back(text_) : arguments_.emplace_back(number_);
+        return !fits ? '\0' : letter == 's' ? 's' : 'd';
+    }
+
+    /// True when both say what the conversion gives and say the same.
+    bool is_common(const Conversion& c, char argument) const {
+        const std::int64_t precision = c.precision.value_or(1);
+        if (std::abs(c.width.value_or(0)) > kWidest || precision > kWidest || precision < 0) {
+            return false;
+        }
+        const bool plain = !c.has("0#+ ") && c.qualifier == 0;
+        if (c.letter == 's') {
+            return argument == 's' && plain;
+        }
+        if (c.letter == 'c') {
+            return argument == 'd' && plain && !c.precision;
+        }
+        if (c.letter == '%') {
+            return c.text == "%%";
+        }
+        // Zero padding beside a precision and a zero without digits are the platform's ways, and
+        // "#" only means the same for hexadecimal digits of a number that is not zero.
+        const bool zero = (number_ & (c.qualifier == 'h' ? 0xFFFFU : 0xFFFFFFFFU)) == 0;
+        const bool hex = c.letter == 'x' || c.letter == 'X';
+        const bool left = c.has("-") || c.width.value_or(0) < 0;
+        return argument == 'd' &&
+               std::string_view("diuoxX").find(c.letter) != std::string_view::npos &&
+               (!c.has("0") || left || !c.precision) && (precision != 0 || !zero) &&
+               (!c.has("#") || (hex && !zero));
+    }
+
+    void check_piece(const Conversion& c, std::size_t first) {
+        const char argument = add_argument(c.letter);
+        std::array<char, kLargest + 1> ours;
+        const std::size_t length =
+            qfu_format(ours, c.text.c_str(), std::span(arguments_).subspan(first));
+        whole_.append(ours.data(), length);
+        if (!is_common(c, argument)) {
+            return;
+        }
+        std::array<char, kLargest + 1> theirs;
+        const auto print = [&](auto value) {
+            const auto call = [&](auto... all) {
+                return std::snprintf(theirs.data(), theirs.size(), c.platform.c_str(), all...);
+            };
+            return c.counts.empty()       ? call(value)
+                   : c.counts.size() == 1 ? call(c.counts[0], value)
+                                          : call(c.counts[0], c.counts[1], value);
+        };
+        const int expected = argument == 's' ? print(text_) : print(static_cast<int>(number_));
+        EXPECT_EQ(std::string_view(ours.data(), length + 1),
+                  std::string_view(theirs.data(), static_cast<std::size_t>(expected) + 1))
+            << "from " << c.text;
+    }
+
+    void check_whole() const {
+        constexpr std::size_t kGuards = 32;
+        const std::string guard(kGuards, 'Z');
+        std::array<char, kLargest + kGuards> buffer;
+        guard.copy(&buffer[size_], kGuards);
+        const std::size_t length =
+            qfu_format(std::span(buffer).first(size_), format_.c_str(), arguments_);
+        const std::size_t room = size_ == 0 ? 0 : size_ - 1;
+        EXPECT_EQ(std::string_view(buffer.data(), length),
+                  std::string_view(whole_).substr(0, room));
+        EXPECT_TRUE(size_ == 0 || buffer[length] == 0) << "no end";
+        EXPECT_EQ(std::string_view(&buffer[size_], kGuards), guard) << "written behind the buffer";
+        for (const auto& [expected, counted] : counters_) {
+            EXPECT_EQ(counted, std::min(expected, room));
+        }
+    }
+
+    std::string format_;
+    std::size_t at_ = 0;
+    std::size_t size_; ///< of the buffer
+    fuzz::Input values_;
+    std::vector<QFU_FORMAT_ARGUMENT> arguments_;
+    std::uint64_t number_ = 0; ///< the last conversion's argument
+    const char* text_ = nullptr;
+    std::deque<std::pair<std::size_t, std::uint32_t>> counters_; ///< expected and counted
+    std::string whole_;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Formatting({data, size}).check();
+    return 0;
+}
