@@ -119,14 +119,13 @@ class Exercise {
         want_printed("-l", "cs1:SPI FLASH Chip Whole Size=" + hex(part_.size, 1) + ", ID[");
     }
 
-    void fill(std::uint8_t byte) { std::ranges::fill(chip_.contents(), byte); }
+    void fill(std::uint8_t byte) { lab::fill(chip_.contents(), byte); }
 
     /// Of a chip of zeros exactly the bytes from `first` to `end` are erased.
     void want_erased(std::uint32_t first, std::uint32_t end, const std::string& by) {
         Bytes expected(part_.size, 0);
-        std::fill(expected.begin() + first, expected.begin() + end, std::uint8_t{0xFF});
-        want(std::ranges::equal(chip_.contents(), expected),
-             by + " did not erase just what it should");
+        lab::fill(std::span(expected).subspan(first, end - first), 0xFF);
+        want(lab::equal(chip_.contents(), expected), by + " did not erase just what it should");
     }
 
     /// The last sector: the highest address bits count.

@@ -62,12 +62,12 @@ TEST(MachineFile, DescribesAdaptersChipsAndFaults) {
     const auto machine = build_machine(description, clock, images);
     EXPECT_EQ(machine->config_read({1, 4, 0}, 8, 1), 0x10U);
     SpiChip& chip = *machine->adapter(0).spi().chip();
-    EXPECT_TRUE(std::ranges::equal(chip.contents(), lab::pattern(0x80000)));
+    EXPECT_TRUE(lab::equal(chip.contents(), lab::pattern(0x80000)));
     EXPECT_EQ(chip.status(), 0x1C);
     EXPECT_FALSE(chip.faults().empty());
     chip.contents()[0] = 0x77;
     NorChip& nor = *machine->adapter(1).nor()->chip();
-    EXPECT_TRUE(std::ranges::equal(nor.contents(), lab::pattern(0x400000)));
+    EXPECT_TRUE(lab::equal(nor.contents(), lab::pattern(0x400000)));
     nor.contents()[1] = 0x78;
     EXPECT_EQ(lab.read_file("chip.bin")[0], 0x77) << "what a chip holds is in its file at once";
     EXPECT_EQ(lab.read_file("nor.bin")[1], 0x78);

@@ -32,7 +32,7 @@ struct Kind : testing::TestWithParam<int> {
 TEST_P(Kind, ProgramsVerifiesAndDumpsAnImage) {
     Lab lab;
     auto& chip = lab.kind(GetParam());
-    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    lab::fill(chip.contents(), 0);
     const Bytes image = lab::pattern(4097);
     lab.write_file("image.bin", image);
     const auto run = lab.run("-wbf image.bin -addr 0x1800 -y" + slot());
@@ -57,7 +57,7 @@ TEST_P(Kind, ProgramsVerifiesAndDumpsAnImage) {
 TEST_P(Kind, ErasesARangeAndWipesTheChip) {
     Lab lab;
     auto& chip = lab.kind(GetParam());
-    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    lab::fill(chip.contents(), 0);
     EXPECT_EQ(lab.run("-se -addr 0x1000 -sz 0x1001 -y" + slot()).text(),
               found() + kBlank + "\rErase block 00001000\rErase block 00002000\n");
     EXPECT_EQ(stored(chip, 0x0FFF, 0x2002)[0], 0);
@@ -85,7 +85,7 @@ TEST(Confirmation, TakesYAloneForYes) {
 TEST(Confirmation, SkipsEveryCommandThatChangesTheChip) {
     Lab lab;
     auto& chip = lab.kind(1);
-    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    lab::fill(chip.contents(), 0);
     lab.write_file("image.bin", "x");
     const std::string question = "Press \"Y\" to start, other key will skip...\n";
     lab.firmware().terminal().press(emulator::KeyStroke{1, 0});
@@ -225,7 +225,7 @@ TEST(Program, AReadBackThatTimesOutShowsAsADifference) {
 TEST(Program, GoesOnBehindAnEraseThatFailsAndShowsWhatCameOfIt) {
     Lab lab;
     auto& chip = lab.kind(4);
-    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    lab::fill(chip.contents(), 0);
     chip.faults().add(lab::fault(FaultKind::kIgnored, Operation::kSectorErase));
     lab.write_file("image.bin", Bytes{0, 0, 0, 1});
     const std::string text = lab.run("-wbf image.bin -addr 0 -y").text();
@@ -444,7 +444,7 @@ TEST(Cost, NorTakesTwoAccessesAWordBesideTheStartOfEachPiece) {
 TEST(NorAdapter, ProgramsVerifiesDumpsErasesAndWipes) {
     Lab lab;
     auto& chip = lab.nor_chip(lab.adapter(0xC703), 0x257E00EC);
-    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    lab::fill(chip.contents(), 0);
     const std::string found = "\nNo found any SPI Flash dev...1327\n";
     const auto erased = [](const char* block) {
         return "\r" + std::string(56, ' ') + "\rErase block " + block;
@@ -540,7 +540,7 @@ TEST(Break, EndsATransferWithoutAMessage) {
     lab.write_file("image.bin", lab::pattern(3 * 4096));
     lab.run("-wbf image.bin -addr 0 -y");
     const std::uint64_t all = lab.faults().break_query.calls();
-    std::ranges::fill(chip.contents(), std::uint8_t{0xFF});
+    lab::fill(chip.contents(), 0xFF);
     // Break in the verification of the second block.
     lab.faults().break_query.fail(2 * all - 200);
     const std::string text = lab.run("-wbf image.bin -addr 0 -y").text();

@@ -2,12 +2,11 @@
 
 #include "console.h"
 #include "discover.h"
-#include "image.h"
 #include "platform/system.h"
-#include "source.h"
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -24,6 +23,14 @@ Bytes pattern(std::size_t count, std::uint32_t seed) {
     Bytes bytes(count);
     std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
     return bytes;
+}
+
+void fill(std::span<std::uint8_t> bytes, std::uint8_t value) {
+    std::memset(bytes.data(), value, bytes.size());
+}
+
+bool equal(std::span<const std::uint8_t> one, std::span<const std::uint8_t> other) {
+    return one.size() == other.size() && std::memcmp(one.data(), other.data(), one.size()) == 0;
 }
 
 std::vector<std::string> words(std::string_view line) {
@@ -216,8 +223,11 @@ std::string expected(const std::string& name) {
 }
 
 const Bytes& shipped_chip_list() {
-    static const Bytes list =
-        chiplist::encode(chiplist::read_source(QFU_SOURCE_DIR "/chiplist/chips.toml"));
+    static const Bytes list = [] {
+        std::ifstream in(QFU_SOURCE_DIR "/build/spilist.bin", std::ios::binary);
+        return Bytes(std::istreambuf_iterator<char>(in), {});
+    }();
+    EXPECT_FALSE(list.empty()) << "build/spilist.bin is not built";
     return list;
 }
 

@@ -19,6 +19,10 @@ using Bytes = std::vector<std::uint8_t>;
 /// `count` bytes that look random and are the same in every run; never a long row of one value.
 Bytes pattern(std::size_t count, std::uint32_t seed = 1);
 
+/// Flash is large and tests are not optimised, so these two are quick whatever calls them.
+void fill(std::span<std::uint8_t> bytes, std::uint8_t value);
+bool equal(std::span<const std::uint8_t> one, std::span<const std::uint8_t> other);
+
 /// A fault that strikes every such operation from the `nth` on.
 inline emulator::Fault fault(emulator::FaultKind kind, emulator::Operation on,
                              std::uint64_t nth = 1) {

@@ -310,7 +310,7 @@ std::string progress(const std::vector<std::string>& blocks) {
 TEST(NorEraseRange, ErasesEachBlockOnceAtItsFirstByteInTheRange) {
     Nor n;
     QFU_ADAPTER& adapter = n.ready();
-    std::ranges::fill(n.chip.contents(), std::uint8_t{0});
+    lab::fill(n.chip.contents(), 0);
     const auto erase = [&](std::uint32_t address, std::uint32_t count) {
         EXPECT_EQ(n.slot().erase_range(adapter, address, count), 0U);
         return erased_at(n.lab.cycles());
@@ -380,7 +380,7 @@ TEST(NorEraseRange, EndsAtTheFirstBlockThatFails) {
 TEST(NorEraseChip, ResetsBeforeItErases) {
     Nor n;
     QFU_ADAPTER& adapter = n.ready();
-    std::ranges::fill(n.chip.contents(), std::uint8_t{0});
+    lab::fill(n.chip.contents(), 0);
     EXPECT_EQ(n.slot().erase_chip(adapter), 0U);
     EXPECT_TRUE(n.registers().starts_with("BAR2+08420 < 00003001\n" + kResetSequence));
     EXPECT_EQ(n.lab.cycles(),
