@@ -3,7 +3,6 @@
 #include "context.h"
 #include "lab.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
@@ -96,28 +95,6 @@ TEST(Parser, EmptyValuesCountAsZero) {
     EXPECT_EQ(p.context.flags,
               QFU_REQ_ADAPTER | QFU_REQ_VENDOR | QFU_REQ_ADDRESS | QFU_REQ_PHY_TIME);
     EXPECT_EQ(p.context.vendor_filter, 0);
-}
-
-TEST(Refusals, HaveTheOptionsOwnMessageAndAnOrder) {
-    std::ifstream file(QFU_SOURCE_DIR "/tests/refusals.txt");
-    std::vector<std::pair<std::string, std::string>> refusals;
-    for (std::string line; std::getline(file, line);) {
-        if (const std::size_t arrow = line.find(" => "); arrow != line.npos) {
-            refusals.emplace_back(line.substr(0, arrow), line.substr(arrow + 4) + "\r\n");
-        }
-    }
-    for (const auto& [line, message] : refusals) {
-        const Parse p(line);
-        EXPECT_EQ(p.status, EFI_INVALID_PARAMETER) << line;
-        EXPECT_EQ(p.printed, message) << line;
-    }
-    // The first ten are in the order of evaluation; only the first error counts.
-    ASSERT_GT(refusals.size(), 10U);
-    std::string several;
-    for (std::size_t i = 10; i-- > 0;) {
-        several += " " + refusals[i].first;
-        EXPECT_EQ(Parse(several).printed, refusals[i].second) << several;
-    }
 }
 
 constexpr char kDigits24[] = "000000000000000000000001";

@@ -1,36 +1,25 @@
 #include "status_text.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <string>
 
 namespace {
 
-std::string text(int code) {
-    return qfu_status_string(code);
-}
-
-TEST(StatusText, TakesTheLowEightBitsOfACode) {
-    EXPECT_EQ(text(0), "No error");
-    EXPECT_EQ(text(1), "Failed");
-    EXPECT_EQ(text(256), "No error");
-    EXPECT_EQ(text(0x114), "Link time out");
-    EXPECT_EQ(text(-92), "IoControl buffer size is too big.");
-}
-
-TEST(StatusText, KeepsItsWordingLetterByLetter) {
-    EXPECT_EQ(text(54), "Specified physical disk  is a spare drive");
-    EXPECT_EQ(text(81), "Another array is currently doing migration. Only one migration is allowed "
-                        "at any time.");
-    EXPECT_EQ(text(160), "This command is not support on this produce");
-}
-
-TEST(StatusText, DoesNotKnowTheHolesOfItsNumbering) {
-    const auto is_hole = [](int code) {
-        return code == 2 || code == 3 || (code >= 21 && code <= 50) || code == 62 ||
-               (code >= 84 && code <= 150) || code == 157 || code == 163 || code >= 165;
-    };
+TEST(StatusText, IsWhatTheTranscriptShows) {
+    std::ifstream file(QFU_SOURCE_DIR "/tests/transcripts/status-texts.txt");
+    std::map<int, std::string> texts;
+    for (std::string line; std::getline(file, line);) {
+        if (!line.empty() && std::isdigit(static_cast<unsigned char>(line[0])) != 0) {
+            texts[std::stoi(line)] = line.substr(line.find(' ') + 1);
+        }
+    }
+    EXPECT_EQ(texts.size(), 63U);
     for (int code = 0; code < 256; ++code) {
-        EXPECT_EQ(text(code) == "Unknown error", is_hole(code)) << code;
+        const std::string expected = texts.contains(code) ? texts[code] : "Unknown error";
+        EXPECT_EQ(qfu_status_string(code), expected) << code;
+        EXPECT_EQ(qfu_status_string(code - 256), expected) << "the low eight bits count";
     }
 }
 
