@@ -114,6 +114,30 @@ void Adapter::config_write(std::uint32_t offset, std::uint32_t value, int width)
     }
 }
 
+PciFunction::Window Adapter::short_way() const {
+    const PciFunction::Window bar = pci_.window(spi_window_.bar);
+    if (bar.size == 0 || !power_.stays() || journal_->wants_registers()) {
+        return {};
+    }
+    return {bar.base + spi_window_.first, spi_window_.size, bar.bar};
+}
+
+void Adapter::when_short_way_changes(const std::function<void()>& tell) {
+    tell_ = tell;
+    pci_.when_windows_change(tell);
+}
+
+void Adapter::add_power_fault(const PowerFault& fault) {
+    power_.add(fault);
+    if (spi_.chip() != nullptr) {
+        spi_.chip()->expect_power_loss();
+    }
+    if (nor_ && nor_->chip() != nullptr) {
+        nor_->chip()->expect_power_loss();
+    }
+    tell_();
+}
+
 void Adapter::power_up() {
     power_.turn_on();
     come_up();

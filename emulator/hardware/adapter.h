@@ -10,6 +10,7 @@
 #include "hardware/spi_controller.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -84,13 +85,33 @@ class Adapter {
     std::uint32_t read(PciFunction::Location at, int width);
     void write(PciFunction::Location at, std::uint32_t value, int width);
 
+    /// The bus addresses of the SPI controller's own registers, where nearly all accesses go, while
+    /// the short way to them is open: power stays, and nobody listens to register accesses. Who
+    /// else wants to see every access closes it here.
+    PciFunction::Window short_way() const;
+    /// Has somebody told when the short way may have opened, closed or moved.
+    void when_short_way_changes(const std::function<void()>& tell);
+
+    /// Accesses on the short way, to 32 bits at an offset into it.
+    /// @returns false when the access has to take the other way; nothing has happened then
+    [[gnu::always_inline]] bool read_shortly(std::uint32_t offset, std::uint32_t& value) {
+        const bool done = spi_.read_shortly(offset, value);
+        accesses_ += done ? 1 : 0;
+        return done;
+    }
+    [[gnu::always_inline]] bool write_shortly(std::uint32_t offset, std::uint32_t value) {
+        const bool done = spi_.write_shortly(offset, value);
+        accesses_ += done ? 1 : 0;
+        return done;
+    }
+
     /// Configuration cycles. Without power a read gives all ones and a write is lost.
     std::uint32_t config_read(std::uint32_t offset, int width);
     void config_write(std::uint32_t offset, std::uint32_t value, int width);
 
     /// Takes power away in an access or at a time. Chips keep what silicon would; from then on the
-    /// adapter answers nothing and notes no misuse.
-    void add_power_fault(const PowerFault& fault) { power_.add(fault); }
+    /// adapter answers nothing and notes no misuse. The adapter has its chips by then.
+    void add_power_fault(const PowerFault& fault);
     const Power& power() const { return power_; }
 
     /// Gives power back: controllers and chips start anew, with the contents that they have.
@@ -152,6 +173,7 @@ class Adapter {
     SetUp set_up_ = SetUp::kNone;
     std::uint32_t index_ = 0;
     std::uint64_t accesses_ = 0;
+    std::function<void()> tell_ = [] {}; ///< that the short way may have changed
 };
 
 } // namespace emulator

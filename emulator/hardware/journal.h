@@ -25,7 +25,12 @@ class Journal {
     std::vector<std::string> take_misuses();
 
     void listen_to_cycles(Listener listener) { cycles_ = std::move(listener); }
-    void listen_to_registers(Listener listener) { registers_ = std::move(listener); }
+    void listen_to_registers(Listener listener) {
+        registers_ = std::move(listener);
+        tell_();
+    }
+    /// Has somebody told when who listens to register accesses has changed.
+    void when_listener_changes(std::function<void()> tell) { tell_ = std::move(tell); }
     bool wants_cycles() const { return static_cast<bool>(cycles_); }
     bool wants_registers() const { return static_cast<bool>(registers_); }
     void cycle(std::string_view line) const { cycles_(line); }
@@ -36,6 +41,7 @@ class Journal {
     std::uint64_t misuse_count_ = 0;
     Listener cycles_;
     Listener registers_;
+    std::function<void()> tell_ = [] {};
 };
 
 /// Text of a number in capital hexadecimal digits, `digits` of them at least.

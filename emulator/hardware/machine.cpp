@@ -10,9 +10,14 @@ constexpr std::uint64_t kWindowEnd = 0xFC000000;
 
 } // namespace
 
+Machine::Machine(const Clock& clock) : clock_(&clock) {
+    journal_.when_listener_changes([this] { change_short_way(); });
+}
+
 Adapter& Machine::add(const AdapterModel& model, PciAddress address, std::uint8_t revision) {
     adapters_.push_back(std::make_unique<Adapter>(
         model, address, revision, std::to_string(adapters_.size()), *clock_, journal_));
+    adapters_.back()->when_short_way_changes([this] { change_short_way(); });
     return *adapters_.back();
 }
 
@@ -68,10 +73,18 @@ std::uint64_t Machine::accesses() const {
     return sum;
 }
 
+void Machine::change_short_way() {
+    short_way_ = last_ == nullptr ? PciFunction::Window{} : last_->short_way();
+    if (!in_memory_window(short_way_.base)) {
+        short_way_ = {};
+    }
+}
+
 Machine::Target Machine::search(std::uint64_t address) {
     for (const auto& adapter : adapters_) {
         if (const auto at = adapter->pci().locate(address)) {
             last_ = adapter.get();
+            change_short_way();
             return {last_, at};
         }
     }

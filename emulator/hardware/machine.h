@@ -15,7 +15,10 @@ namespace emulator {
 /// Adapters behind one root bridge.
 class Machine {
   public:
-    explicit Machine(const Clock& clock) : clock_(&clock) {}
+    explicit Machine(const Clock& clock);
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+    ~Machine() = default;
 
     /// Puts an adapter on the bus. Its name is its position.
     Adapter& add(const AdapterModel& model, PciAddress address, std::uint8_t revision);
@@ -54,6 +57,16 @@ class Machine {
         }
     }
 
+    /// Memory cycles of 32 bits on the short way of the adapter that the last cycle went to. Most
+    /// cycles can take it; to be asked first.
+    /// @returns false when the cycle has to take the other way; nothing has happened then
+    [[gnu::always_inline]] bool read_shortly(std::uint64_t address, std::uint32_t& value) {
+        return short_way_.contains(address) && last_->read_shortly(offset(address), value);
+    }
+    [[gnu::always_inline]] bool write_shortly(std::uint64_t address, std::uint32_t value) {
+        return short_way_.contains(address) && last_->write_shortly(offset(address), value);
+    }
+
     /// Register accesses of all adapters so far.
     std::uint64_t accesses() const;
 
@@ -74,11 +87,17 @@ class Machine {
     }
     Target search(std::uint64_t address);
 
+    std::uint32_t offset(std::uint64_t address) const {
+        return static_cast<std::uint32_t>(address - short_way_.base);
+    }
+    void change_short_way();
+
     const Clock* clock_;
     Journal journal_;
     std::vector<std::unique_ptr<Adapter>> adapters_;
     Adapter* last_ =
         nullptr; ///< the adapter of the last memory cycle: the next one's, nearly always
+    PciFunction::Window short_way_; ///< of the last adapter
 };
 
 } // namespace emulator

@@ -48,6 +48,9 @@ class NorChip {
     std::span<std::uint8_t> contents() const { return contents_; }
     Faults& faults() { return faults_; }
 
+    /// Power can go from now on.
+    void expect_power_loss() { change_.expect_interruption(); }
+
     /// Ends what is over by now; a loss of power leaves it whole.
     void forget_ended_change(std::uint64_t now_ns) { change_.forget_ended(now_ns); }
 

@@ -1,5 +1,7 @@
 #include "hardware/pci_function.h"
 
+#include <algorithm>
+
 namespace emulator {
 namespace {
 
@@ -61,6 +63,11 @@ void PciFunction::write(std::uint32_t offset, std::uint32_t value, int width) {
     decode();
 }
 
+PciFunction::Window PciFunction::window(int bar) const {
+    const auto found = std::ranges::find(windows_, bar, &Window::bar);
+    return found == windows_.end() ? Window{} : *found;
+}
+
 void PciFunction::decode() {
     windows_.clear();
     for (std::size_t bar = 0; (command_ & kMemoryDecoding) != 0 && bar < bars_.size(); ++bar) {
@@ -68,6 +75,7 @@ void PciFunction::decode() {
             windows_.push_back({bases_[bar], bars_[bar].size, static_cast<int>(bar)});
         }
     }
+    tell_();
 }
 
 } // namespace emulator

@@ -3,6 +3,8 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
+#include <utility>
 #include <vector>
 
 namespace emulator {
@@ -50,10 +52,25 @@ class PciFunction {
         explicit operator bool() const { return bar >= 0; }
     };
 
+    /// A range of bus addresses that the function answers to.
+    struct Window {
+        std::uint64_t base = 0;
+        std::uint64_t size = 0; ///< bytes; 0: none
+        int bar = -1;
+
+        bool contains(std::uint64_t address) const { return address - base < size; }
+    };
+
+    /// The BAR's window; none while memory decoding is off.
+    Window window(int bar) const;
+
+    /// Has somebody told when windows have changed.
+    void when_windows_change(std::function<void()> tell) { tell_ = std::move(tell); }
+
     /// Where a bus address lies; nowhere while memory decoding is off.
     Location locate(std::uint64_t address) const {
         for (const Window& window : windows_) {
-            if (address - window.base < window.size) {
+            if (window.contains(address)) {
                 return {window.bar, static_cast<std::uint32_t>(address - window.base)};
             }
         }
@@ -69,14 +86,9 @@ class PciFunction {
     std::uint16_t command_ = 0;
     std::uint8_t interrupt_line_ = 0;
 
-    /// A range of bus addresses that the function answers to.
-    struct Window {
-        std::uint32_t base;
-        std::uint32_t size;
-        int bar;
-    };
     void decode();
     std::vector<Window> windows_; ///< derived from BARs and command; asked at every memory cycle
+    std::function<void()> tell_ = [] {};
 };
 
 } // namespace emulator

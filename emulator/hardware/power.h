@@ -28,6 +28,9 @@ class Power {
     void add(const PowerFault& fault);
     bool has_struck(std::size_t i) const { return faults_[i].struck; }
 
+    /// True without faults.
+    bool stays() const { return faults_.empty(); }
+
     /// True when the access, by its number, needs a look at power. Without faults none does.
     bool is_watched(std::uint64_t access) const { return access >= watched_from_; }
 

@@ -6,9 +6,6 @@
 namespace emulator {
 namespace {
 
-constexpr std::uint8_t kBusy = 0x01;
-constexpr std::uint8_t kWriteEnabled = 0x02;
-constexpr std::uint8_t kBlockProtection = 0x3C;
 constexpr std::uint8_t kWordsGoOn = 0x40;
 /// What parts with a protection register a sector tell in place of block protection bits.
 constexpr std::uint8_t kSomeSectorsProtected = 0x04;
@@ -129,6 +126,7 @@ void SpiChip::power_up() {
     busy_until_ns_ = 0;
     stuck_busy_ = false;
     holds_controller_ = false;
+    at_rest_ = false;
 }
 
 void SpiChip::know(std::uint8_t opcode, Operation operation, std::uint32_t unit) {
@@ -183,7 +181,28 @@ Operation SpiChip::transfer(const SpiTransfer& transfer) {
         carry_out(command, transfer);
         stuck_busy_ = stuck_busy_ || faults_.striking(FaultKind::kNeverReady).has_value();
     }
+    at_rest_ = finds_rest();
     return operation;
+}
+
+bool SpiChip::is_plain(Operation operation, bool has_address, std::size_t bytes) {
+    switch (operation) {
+    case Operation::kReadStatus:
+        return !has_address;
+    case Operation::kWriteEnable:
+        return !has_address && bytes == 0;
+    case Operation::kRead:
+        return has_address;
+    case Operation::kProgram:
+        return has_address && bytes == 1;
+    default:
+        return false;
+    }
+}
+
+bool SpiChip::finds_rest() const {
+    return (status_ & kBusy) == 0 && busy_until_ns_ == 0 && !stuck_busy_ && !holds_controller_ &&
+           !status_enabled_ && !next_word_ && sector_protected_.empty() && !change_.is_expected();
 }
 
 bool SpiChip::is_busy() {

@@ -8,15 +8,8 @@
 namespace emulator {
 namespace {
 
-constexpr std::uint32_t kCommand = 0;
-constexpr std::uint32_t kAddress = 4;
-constexpr std::uint32_t kDataOut = 8;
-constexpr std::uint32_t kDataIn = 12;
-constexpr std::uint32_t kSetUp = 20;
-
-/// The bytes of a data register, the first on the wire in bits 0 to 7.
-constexpr std::uint8_t kDataBytes = 4;
-using Data = std::array<std::uint8_t, kDataBytes>;
+/// The bytes of a data register.
+using Data = std::array<std::uint8_t, sizeof(std::uint32_t)>;
 static_assert(std::endian::native == std::endian::little);
 
 } // namespace
@@ -27,9 +20,7 @@ SpiController::SpiController(SpiLayout layout, std::string place, Journal& journ
 std::uint32_t SpiController::read(std::uint32_t reg) {
     switch (reg) {
     case kCommand:
-        if (running_ && (chip_ == nullptr || !chip_->holds_controller())) {
-            running_ = false;
-        }
+        running_ = running_ && held_;
         return running_ ? command_ | busy_bit() : command_ & ~busy_bit();
     case kAddress:
         return address_;
@@ -65,10 +56,10 @@ void SpiController::write(std::uint32_t reg, std::uint32_t value) {
         start(value);
         return;
     case kAddress:
-        if (value > 0xFFFFFF) {
+        if (value > kMostAddress) {
             complain("address " + hex(value, 8) + " has more than 24 bits");
         }
-        address_ = value & 0xFFFFFF;
+        address_ = value & kMostAddress;
         return;
     case kDataOut:
         data_out_ = value;
@@ -97,13 +88,15 @@ SpiController::Cycle SpiController::decode(std::uint32_t command) {
     if ((command & 0xFFFF0009) != 0x09130001) {
         complain("command word " + hex(command, 8));
     }
-    return {static_cast<std::uint8_t>(command >> 8), (command & 0x2) != 0, (command & 0x4) != 0,
-            static_cast<std::uint8_t>((command >> 4) & 0xF)};
+    return {static_cast<std::uint8_t>(command >> kWindowOpcode), (command & 0x2) != 0,
+            (command & 0x4) != 0, static_cast<std::uint8_t>((command >> 4) & 0xF)};
 }
 
 void SpiController::start(std::uint32_t command) {
     command_ = command;
     running_ = true;
+    held_ = false;
+    const std::uint64_t complaints = journal_->misuse_count();
     Cycle cycle = decode(command);
     if (cycle.bytes > kDataBytes) {
         complain("cycle of " + std::to_string(cycle.bytes) + " data bytes");
@@ -119,6 +112,10 @@ void SpiController::start(std::uint32_t command) {
         operation =
             chip_->transfer({cycle.opcode, cycle.address, address_,
                              std::span(out).first(cycle.bytes), std::span(in).first(cycle.bytes)});
+        held_ = chip_->holds_controller();
+    }
+    if (journal_->misuse_count() == complaints) {
+        note_plain(command, cycle, operation);
     }
     const auto received = std::bit_cast<std::uint32_t>(in);
     if (cycle.receive) {
@@ -128,6 +125,18 @@ void SpiController::start(std::uint32_t command) {
     if (journal_->wants_cycles()) {
         log(cycle, operation, data_out_, received);
     }
+}
+
+void SpiController::note_plain(std::uint32_t command, const Cycle& cycle, Operation operation) {
+    if (SpiChip::is_plain(operation, cycle.address, cycle.bytes)) {
+        const std::uint64_t beyond = std::uint64_t{1} << (8 * cycle.bytes);
+        plain(command) = {command, operation, cycle.receive,
+                          static_cast<std::uint32_t>(beyond - 1)};
+    }
+}
+
+void SpiController::log_plain(const PlainCommand& command, std::uint32_t data) {
+    log(decode(command.word), command.operation, data_out_, data & command.mask);
 }
 
 void SpiController::log(const Cycle& cycle, Operation operation, std::uint32_t sent,

@@ -12,8 +12,10 @@ void UnfinishedChange::start(std::span<std::uint8_t> memory, std::uint64_t end_n
 }
 
 void UnfinishedChange::erases(std::size_t first, std::size_t size, std::uint8_t stuck) {
-    erased_ = memory_.subspan(first, size);
-    stuck_ = stuck;
+    if (expected_) {
+        erased_ = memory_.subspan(first, size);
+        stuck_ = stuck;
+    }
 }
 
 void UnfinishedChange::forget_ended(std::uint64_t now_ns) {

@@ -9,14 +9,23 @@
 namespace emulator {
 
 /// The last program, erase or status write of a chip. The models store its result at once; until it
-/// ends, the bytes before it are needed to tell what an interrupted one leaves.
+/// ends, the bytes before it are needed to tell what an interrupted one leaves. While power stays,
+/// nothing is kept.
 class UnfinishedChange {
   public:
+    /// Power can go from now on.
+    void expect_interruption() { expected_ = true; }
+    bool is_expected() const { return expected_; }
+
     /// A change of `memory` starts that ends at a time; the one before it is over.
     void start(std::span<std::uint8_t> memory, std::uint64_t end_ns);
 
     /// It changes the byte at an offset, which holds `before`.
-    void changes_byte(std::size_t at, std::uint8_t before) { bytes_.push_back({at, before}); }
+    void changes_byte(std::size_t at, std::uint8_t before) {
+        if (expected_) {
+            bytes_.push_back({at, before});
+        }
+    }
 
     /// It erases a range, but for bits of each byte that do not change.
     void erases(std::size_t first, std::size_t size, std::uint8_t stuck);
@@ -34,6 +43,7 @@ class UnfinishedChange {
         std::uint8_t before;
     };
 
+    bool expected_ = false;
     std::span<std::uint8_t> memory_;
     std::uint64_t end_ns_ = 0;
     std::vector<Byte> bytes_;

@@ -1,7 +1,9 @@
 #include "hardware/machine.h"
 
 #include <algorithm>
+#include <array>
 #include <gtest/gtest.h>
+#include <random>
 
 namespace {
 
@@ -143,6 +145,72 @@ TEST(IndexedController, LosesItsDataOutToWhatItReceives) {
     run(0x00052130); // the status comes in where the byte was
     run(0x00021130);
     EXPECT_EQ(b.adapter.spi().chip()->contents()[0], 0x02);
+}
+
+TEST(Adapter, AnswersTheSameOnTheShortWayAndOnTheLongOne) {
+    constexpr std::uint32_t kSpi = 0x1C800;
+    constexpr std::array kRegisters = {0U, 0U, 0U, 4U, 8U, 12U, 2U, 16U};
+    // Plain cycles, and ones that look like them: with other bytes, an address, or wrong bits.
+    constexpr std::array kCommands = {0x09130601U, 0x09130515U, 0x09130213U, 0x09130343U,
+                                      0x09130545U, 0x09130611U, 0x09130223U, 0x09130383U,
+                                      0x09132003U, 0x09130401U, 0x09140515U, 0x09130517U,
+                                      0x09139F45U, 0x09130311U, 0U};
+    constexpr std::array kAddresses = {0U, 1U, 0x7FFFCU, 0x7FFFDU, 0x7FFFFU, 0x80000U, 0x1000000U};
+    Board boards[] = {Board(0xC705), Board(0xC705)};
+    std::array<std::string, 2> cycles;
+    std::mt19937 generator(1);
+    const auto pick = [&](const auto& values) { return values[generator() % values.size()]; };
+    int taken = 0;
+    for (std::size_t i = 0; i < 2; ++i) {
+        boards[i].machine.journal().listen_to_cycles([&, i](auto line) { cycles[i] += line; });
+        boards[i].read(kSpi); // the way is known from now on
+    }
+    Board& quick = boards[0];
+    Board& slow = boards[1];
+    for (int i = 0; i < 20000; ++i) {
+        const std::uint32_t reg = pick(kRegisters);
+        const std::uint32_t at = kSpi + reg;
+        if (generator() % 2 == 0) {
+            std::uint32_t value = 0;
+            const bool done = quick.machine.read_shortly(0xC0000000 + at, value);
+            taken += done ? 1 : 0;
+            ASSERT_EQ(done ? value : quick.read(at), slow.read(at)) << i;
+        } else {
+            const std::uint32_t value = reg == 0   ? pick(kCommands)
+                                        : reg == 4 ? pick(kAddresses)
+                                                   : static_cast<std::uint32_t>(generator());
+            if (quick.machine.write_shortly(0xC0000000 + at, value)) {
+                ++taken;
+            } else {
+                quick.write(at, value);
+            }
+            slow.write(at, value);
+        }
+    }
+    EXPECT_GT(taken, 5000);
+    EXPECT_EQ(cycles[0], cycles[1]);
+    EXPECT_EQ(quick.machine.journal().misuse_count(), slow.machine.journal().misuse_count());
+    EXPECT_EQ(quick.machine.journal().misuses(), slow.machine.journal().misuses());
+    EXPECT_EQ(quick.machine.accesses(), slow.machine.accesses());
+    EXPECT_TRUE(std::ranges::equal(quick.adapter.spi().chip()->contents(),
+                                   slow.adapter.spi().chip()->contents()));
+}
+
+TEST(Adapter, ClosesTheShortWayToRegistersThatHaveMovedOrAreWatched) {
+    constexpr void (*kCloses[])(Board&) = {
+        [](Board& b) { b.adapter.pci().write(4, 0, 2); },
+        [](Board& b) { b.adapter.pci().write(0x10, 0xC0020000, 4); },
+        [](Board& b) { b.adapter.add_power_fault({.nth = 3}); },
+        [](Board& b) { b.machine.journal().listen_to_registers([](auto) {}); },
+    };
+    for (const auto close : kCloses) {
+        Board b(0xC705);
+        b.read(0x1C800);
+        std::uint32_t value = 0;
+        EXPECT_TRUE(b.machine.read_shortly(0xC001C800, value));
+        close(b);
+        EXPECT_FALSE(b.machine.read_shortly(0xC001C800, value));
+    }
 }
 
 /// A board whose chip holds zeros but for an erased first page, with a write enabled.
