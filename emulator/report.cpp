@@ -29,8 +29,14 @@ CycleLog::CycleLog(const std::filesystem::path& file, std::span<const std::files
         return;
     }
     file_.emplace(file, inputs, support::Appears::kAsWritten);
-    journal.listen_to_cycles([this, &clock, start = clock.now_ns()](std::string_view line) {
-        file_->write(time_column(clock.now_ns() - start));
+    journal.listen_to_cycles([this, &clock, start = clock.now_ns(), shown = std::uint64_t{0},
+                              text = time_column(0)](std::string_view line) mutable {
+        const std::uint64_t now = clock.now_ns() - start;
+        if (now != shown) {
+            shown = now;
+            text = time_column(now);
+        }
+        file_->write(text);
         file_->write(line);
         file_->write("\n");
     });

@@ -12,10 +12,17 @@ namespace {
 using Data = std::array<std::uint8_t, sizeof(std::uint32_t)>;
 static_assert(std::endian::native == std::endian::little);
 
+/// Writes the low bits of a value as hexadecimal digits that fill the text.
+void put_hex(std::span<char> text, std::uint32_t value) {
+    for (std::size_t i = text.size(); i-- > 0; value >>= 4) {
+        text[i] = "0123456789ABCDEF"[value & 0xF];
+    }
+}
+
 } // namespace
 
 SpiController::SpiController(SpiLayout layout, std::string place, Journal& journal)
-    : layout_(layout), place_(std::move(place)), journal_(&journal) {}
+    : layout_(layout), place_(std::move(place)), journal_(&journal), line_(place_ + "  ") {}
 
 std::uint32_t SpiController::read(std::uint32_t reg) {
     switch (reg) {
@@ -139,21 +146,26 @@ void SpiController::log_plain(const PlainCommand& command, std::uint32_t data) {
     log(decode(command.word), command.operation, data_out_, data & command.mask);
 }
 
-void SpiController::log(const Cycle& cycle, Operation operation, std::uint32_t sent,
+void SpiController::log(Cycle cycle, Operation operation, std::uint32_t sent,
                         std::uint32_t received) {
     const bool sends = !cycle.receive || operation == Operation::kWriteStatus;
-    std::string line = place_ + "  " + hex(cycle.opcode, 2);
-    line.append(cycle.address ? " @" : "  ");
-    line.append(cycle.address ? hex(address_, 6) : std::string(6, ' '));
-    line.append(cycle.bytes == 0 ? "  " : sends ? " >" : " <");
-    for (std::uint8_t i = 0; i < kDataBytes; ++i) {
-        const auto byte = static_cast<std::uint8_t>((sends ? sent : received) >> (8 * i));
-        line.append(" ");
-        line.append(i < cycle.bytes ? hex(byte, 2) : "  ");
+    // A log has millions of lines; all but the operation's name have columns of their own.
+    std::array<char, 26> columns{};
+    columns.fill(' ');
+    put_hex(std::span(columns).subspan<0, 2>(), cycle.opcode);
+    if (cycle.address) {
+        columns[3] = '@';
+        put_hex(std::span(columns).subspan<4, 6>(), address_);
     }
-    line.append("  ");
-    line.append(operation_name(operation));
-    journal_->cycle(line);
+    if (cycle.bytes != 0) {
+        columns[11] = sends ? '>' : '<';
+    }
+    for (std::size_t i = 0; i < cycle.bytes; ++i) {
+        put_hex(std::span(columns).subspan(13 + 3 * i, 2), (sends ? sent : received) >> (8 * i));
+    }
+    line_.resize(place_.size() + 2);
+    line_.append(columns.data(), columns.size()).append(operation_name(operation));
+    journal_->cycle(line_);
 }
 
 void SpiController::complain(std::string_view what) {

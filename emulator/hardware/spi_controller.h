@@ -119,7 +119,7 @@ class SpiController {
     void start(std::uint32_t command);
     /// Called on the short way, so with the convention of the firmware's tables: see there.
     [[gnu::noinline, gnu::ms_abi]] void log_plain(const PlainCommand& command, std::uint32_t data);
-    [[gnu::cold]] void log(const Cycle& cycle, Operation operation, std::uint32_t sent,
+    [[gnu::cold]] void log(Cycle cycle, Operation operation, std::uint32_t sent,
                            std::uint32_t received);
     std::uint32_t busy_bit() const {
         return layout_ == SpiLayout::kIndexed ? kIndexedBusy : kWindowBusy;
@@ -129,6 +129,7 @@ class SpiController {
     SpiLayout layout_;
     std::string place_;
     Journal* journal_;
+    std::string line_; ///< of the cycle log; the place stays in it
     std::unique_ptr<SpiChip> chip_;
     std::uint32_t command_ = 0;
     std::uint32_t address_ = 0;
