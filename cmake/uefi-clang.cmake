@@ -18,3 +18,4 @@ set(CMAKE_CXX_FLAGS_INIT
     "-ffreestanding -fno-threadsafe-statics -fno-stack-protector -fno-asynchronous-unwind-tables -mno-stack-arg-probe -ffunction-sections -fdata-sections ${QFU_EFI_FLAGS}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-nostdlib -fuse-ld=lld -Wl,--subsystem,efi_application -Wl,--dynamicbase -Wl,--gc-sections -Wl,--no-insert-timestamp -Wl,-s")
+set(QFU_EFI_DRIVER -Wl,--subsystem,efi_boot_service_driver)

@@ -1,6 +1,7 @@
 // A machine's adapters as PCI functions of a QEMU guest.
 #pragma once
 
+#include "guest_bridge.h"
 #include "hardware/machine.h"
 
 #include <string>
@@ -10,27 +11,18 @@ namespace emulator {
 
 /// Serves the functions that QEMU's x-pci-proxy-dev puts into a guest: each configuration and BAR
 /// access arrives as a message on a socket of its own.
-class QemuBridge {
+class QemuBridge final : public GuestBridge {
   public:
     /// Opens one socket pair a function. The machine must outlive the bridge.
     /// @throws std::system_error
     explicit QemuBridge(Machine& machine);
-    QemuBridge(const QemuBridge&) = delete;
-    QemuBridge& operator=(const QemuBridge&) = delete;
-    ~QemuBridge();
+    ~QemuBridge() override;
 
-    /// QEMU's arguments for the functions. QEMU must inherit the descriptors that they name.
     /// @throws support::InputError for adapters on buses that the guest would number otherwise
-    std::vector<std::string> arguments() const;
-
-    /// Closes QEMU's ends here, once QEMU has them, so that its end shows.
-    void handed_over();
-
-    /// Answers until QEMU has closed every function or `stop` is called.
-    void serve();
-
-    /// Lets `serve`, on another thread, return.
-    void stop();
+    std::vector<std::string> arguments() const override;
+    void handed_over() override;
+    void serve() override;
+    void stop() override;
 
   private:
     struct Function;

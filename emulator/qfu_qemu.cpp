@@ -1,5 +1,6 @@
 // Runs QEMU with a machine file's adapters in the guest.
 #include "command_line.h"
+#include "guest/driver_bridge.h"
 #include "machine_file.h"
 #include "qemu_bridge.h"
 #include "report.h"
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,6 +23,7 @@ using namespace emulator;
 struct Options {
     std::string machine;
     std::string log;
+    bool driver = false;
     std::vector<std::string> command;
 };
 
@@ -75,13 +78,18 @@ int run(const Options& options) {
                   << ": is read-only; what the guest writes to its chip will be lost\n";
     }
     CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
-    QemuBridge bridge(*machine);
+    std::unique_ptr<GuestBridge> bridge;
+    if (options.driver) {
+        bridge = std::make_unique<DriverBridge>(*machine);
+    } else {
+        bridge = std::make_unique<QemuBridge>(*machine);
+    }
     std::vector<std::string> command = options.command;
-    const auto devices = bridge.arguments();
+    const auto devices = bridge->arguments();
     command.insert(command.end(), devices.begin(), devices.end());
     const pid_t qemu = start(command);
-    bridge.handed_over();
-    bridge.serve();
+    bridge->handed_over();
+    bridge->serve();
     int status = 0;
     waitpid(qemu, &status, 0);
     print_misuse("qfu-qemu", machine->journal());
@@ -97,7 +105,8 @@ int main(int argc, char** argv) try {
     const CommandLine line(argc, argv);
     CLI::App app{
         "Runs QEMU with a machine file's adapters in the guest. The guest's memory must be "
-        "shared (memory-backend-memfd).\n"
+        "shared (memory-backend-memfd), "
+        "except with --driver.\n"
         "The exit status is QEMU's, or 2 when the adapters cannot be served.",
         "qfu-qemu"};
     set_usage(app, "Usage: qfu-qemu --machine FILE [OPTION...] -- QEMU [QEMU-ARGUMENT...]");
@@ -106,6 +115,9 @@ int main(int argc, char** argv) try {
     app.add_option("--machine", options.machine, "machine file (TOML)")->required();
     app.add_option("--log", options.log,
                    "file that receives what happens on the flash bus and in the PHY test block");
+    app.add_flag("--driver", options.driver,
+                 "serves the adapters to bus-driver.efi, which the guest loads, for a QEMU that "
+                 "cannot take them as PCI functions (qemu-system-aarch64)");
     app.footer("Example:\n"
                "  qfu-qemu --machine emulator/machines/indexed.toml -- qemu-system-x86_64 "
                "-machine q35,memory-backend=m0 -m 256 "

@@ -84,36 +84,16 @@ Volume read_volume(const fs::path& folder) {
 /// QEMU with its serial console on a pair of pipes.
 class Qemu {
   public:
-    Qemu(const fs::path& folder, const std::vector<std::string>& devices) {
-        fs::copy_file("/usr/share/OVMF/OVMF_VARS_4M.fd", folder / "vars.fd");
-        std::vector<std::string> command = {
-            "qemu-system-x86_64",
-            "-accel",
-            "tcg",
-            "-machine",
-            "q35,memory-backend=m0",
-            "-m",
-            "256",
-            "-object",
-            "memory-backend-memfd,id=m0,size=256M,share=on",
-            "-nodefaults",
-            "-vga",
-            "none",
-            "-display",
-            "none",
-            "-net",
-            "none",
-            "-monitor",
-            "none",
-            "-serial",
-            "stdio",
-            "-no-reboot",
-            "-drive",
-            "if=pflash,format=raw,readonly=on,file=/usr/share/OVMF/OVMF_CODE_4M.fd",
-            "-drive",
-            "if=pflash,format=raw,file=" + (folder / "vars.fd").string(),
-            "-drive",
-            "format=raw,file=" + (folder / kImage).string()};
+    Qemu(const fs::path& folder, const Platform& platform,
+         const std::vector<std::string>& devices) {
+        fs::copy_file(platform.variables, folder / "vars.fd");
+        std::vector<std::string> command = platform.qemu;
+        command.insert(command.end(),
+                       {"-accel", "tcg", "-nodefaults", "-display", "none", "-net", "none",
+                        "-monitor", "none", "-serial", "stdio", "-no-reboot", "-drive",
+                        "if=pflash,format=raw,readonly=on,file=" + platform.code, "-drive",
+                        "if=pflash,format=raw,file=" + (folder / "vars.fd").string(), "-drive",
+                        "if=none,id=volume,format=raw,file=" + (folder / kImage).string()});
         command.insert(command.end(), devices.begin(), devices.end());
         start(command);
     }
@@ -194,24 +174,53 @@ class Qemu {
     bool started_ = false;
 };
 
+const std::vector<std::string> kQ35 = {"qemu-system-x86_64",
+                                       "-machine",
+                                       "q35,memory-backend=m0",
+                                       "-m",
+                                       "256",
+                                       "-object",
+                                       "memory-backend-memfd,id=m0,size=256M,share=on",
+                                       "-vga",
+                                       "none",
+                                       "-device",
+                                       "ide-hd,drive=volume"};
+// The volume sits where the program looks for no adapter.
+const std::vector<std::string> kVirt = {"qemu-system-aarch64",
+                                        "-machine",
+                                        "virt",
+                                        "-cpu",
+                                        "cortex-a57",
+                                        "-m",
+                                        "512",
+                                        "-device",
+                                        "virtio-blk-pci,drive=volume,addr=0x1e"};
+
 } // namespace
+
+const Platform kX64{
+    "x64", "efi", "/usr/share/OVMF/OVMF_CODE_4M.fd", "/usr/share/OVMF/OVMF_VARS_4M.fd",
+    kQ35,  false};
+const Platform kX64Clang{"clang", "efi-clang", kX64.code, kX64.variables, kQ35, false};
+const Platform kAArch64{
+    "aarch64", "efi-aarch64", "/usr/share/AAVMF/AAVMF_CODE.fd", "/usr/share/AAVMF/AAVMF_VARS.fd",
+    kVirt,     true};
 
 std::vector<std::uint8_t> read_bytes(const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
-                      const Operator& at_console) {
+GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, const Volume& volume,
+                      const std::string& script, const Operator& at_console) {
     const ScratchFolder scratch;
     Volume with_script = volume;
     with_script["startup.nsh"].bytes.assign(script.begin(), script.end());
     make_volume(scratch.path(), with_script);
 
-    emulator::QemuBridge bridge(machine);
     GuestResult result;
     {
-        Qemu qemu(scratch.path(), bridge.arguments());
+        Qemu qemu(scratch.path(), platform, bridge.arguments());
         bridge.handed_over();
         std::thread hardware([&] { bridge.serve(); });
         try {
@@ -227,11 +236,21 @@ GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const st
     return result;
 }
 
-void add_program(Volume& volume) {
-    volume["qfu.efi"].bytes = read_bytes(QFU_BUILD_DIR "/efi/qfu.efi");
+GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
+                      const Operator& at_console) {
+    emulator::QemuBridge bridge(machine);
+    return run_guest(kX64, bridge, volume, script, at_console);
+}
+
+void add_program(Volume& volume, const Platform& platform) {
+    const std::string folder = QFU_BUILD_DIR "/" + platform.build;
+    volume["qfu.efi"].bytes = read_bytes(folder + "/qfu.efi");
     volume["qfu.man"].bytes = read_bytes(QFU_BUILD_DIR "/qfu.man");
     if (volume["qfu.efi"].bytes.empty()) {
-        throw std::runtime_error("build/efi/qfu.efi is not built");
+        throw std::runtime_error(folder + "/qfu.efi is not built");
+    }
+    if (platform.driver) {
+        volume["bus-driver.efi"].bytes = read_bytes(folder + "/bus-driver.efi");
     }
 }
 

@@ -1,6 +1,7 @@
 // A guest with real UEFI firmware and its shell.
 #pragma once
 
+#include "guest_bridge.h"
 #include "hardware/machine.h"
 
 #include <cstdint>
@@ -33,15 +34,33 @@ struct GuestResult {
 /// Told about each line on the serial console; returns keys to press there.
 using Operator = std::function<std::string(const std::string& line)>;
 
-/// Boots a guest with the machine's adapters and a volume that holds `volume` and `script` as its
+/// What a guest is, and which build of the program runs in it.
+struct Platform {
+    std::string name;
+    std::string build; ///< folder in build/ with the program
+    std::string code;  ///< the firmware, and a fresh store of its variables
+    std::string variables;
+    std::vector<std::string> qemu; ///< without drives; the volume is the drive "volume"
+    bool driver;                   ///< adapters are reached through the bus driver
+};
+
+extern const Platform kX64;
+extern const Platform kX64Clang; ///< the program by the second compiler
+extern const Platform kAArch64;
+
+/// Boots a guest with the bridge's adapters and a volume that holds `volume` and `script` as its
 /// start-up script, and waits until it powers off.
 /// @throws std::runtime_error when it cannot be started or takes longer than two minutes
+GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, const Volume& volume,
+                      const std::string& script, const Operator& at_console);
+
+/// The same with the adapters of one machine on x86-64.
 GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
                       const Operator& at_console);
 
 std::vector<std::uint8_t> read_bytes(const std::filesystem::path& file);
 
-/// The built program and its manual, which every volume needs.
-void add_program(Volume& volume);
+/// The built program and its manual, which every volume needs, and the driver where it is used.
+void add_program(Volume& volume, const Platform& platform = kX64);
 
 } // namespace firmware

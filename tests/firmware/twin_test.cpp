@@ -1,14 +1,17 @@
 // Each story runs twice: in this process, and in a guest under real firmware and its shell.
 // Console, status, files, flash contents and the cycles on the flash bus must be the same.
 #include "guest.h"
+#include "guest/driver_bridge.h"
 #include "in_process.h"
 #include "lab.h"
+#include "qemu_bridge.h"
 #include "story.h"
 
 #include <algorithm>
 #include <array>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <utility>
@@ -211,72 +214,131 @@ std::string text_of(const VolumeFile& file) {
     return {file.bytes.begin(), file.bytes.end()};
 }
 
-/// A start-up script that keeps each step's output and exit status in files of its own.
-std::string script_of(const Story& story) {
-    std::string script = "@echo -off\r\nfs0:\r\n";
-    for (std::size_t i = 0; i < story.steps.size(); ++i) {
-        const Step& step = story.steps[i];
-        const std::string n = std::to_string(i);
-        script += "echo @@step " + n + "\r\n";
-        script += (step.run.empty() ? step.shell : "qfu " + step.run) + " >a ~out" + n + "\r\n";
-        script += "echo %lasterror% >a ~status" + n + "\r\n";
+/// One start of a guest, and the stories that run in it, several each in a folder of its own.
+struct Boot {
+    std::string name;
+    const Platform* platform;
+    std::vector<std::string> stories;
+};
+
+void PrintTo(const Boot& boot, std::ostream* out) {
+    *out << boot.name;
+}
+
+/// A story in a guest: its machine, and what came out.
+struct Run {
+    Run(const std::string& name, bool alone)
+        : folder(alone ? "" : name + "/"),
+          story(load_story(QFU_SOURCE_DIR "/tests/firmware/stories/" + name + ".toml")),
+          machine(emulator::build_machine(story.machine, clock, images)) {
+        listen(*machine, shown.cycles);
+    }
+
+    std::string folder; ///< where its files are, "" or with a slash behind it
+    emulator::SteadyClock clock;
+    emulator::ImageFiles images;
+    Story story;
+    std::unique_ptr<emulator::Machine> machine;
+    Shown shown;
+};
+using Runs = std::vector<std::unique_ptr<Run>>;
+
+/// A start-up script that keeps each step's output and exit status in files of its own. Each time
+/// that it loads the driver, the guest has the next story's machine.
+std::string script_of(const Runs& runs, const Platform& platform) {
+    std::string script = "@echo -off\r\n";
+    for (std::size_t r = 0; r < runs.size(); ++r) {
+        script += platform.driver ? "load fs0:\\bus-driver.efi\r\n" : "";
+        script += "fs0:\r\ncd \\" + runs[r]->folder + "\r\n";
+        for (std::size_t i = 0; i < runs[r]->story.steps.size(); ++i) {
+            const Step& step = runs[r]->story.steps[i];
+            const std::string n = std::to_string(i);
+            script += "echo @@step " + std::to_string(r) + " " + n + "\r\n";
+            script += (step.run.empty() ? step.shell : "qfu " + step.run) + " >a ~out" + n + "\r\n";
+            script += "echo %lasterror% >a ~status" + n + "\r\n";
+        }
+        script += "@echo -off\r\n"; // a step's script may have turned it on
     }
     return script + "reset -s\r\n";
 }
 
-Shown run_in_guest(const Story& story) {
-    Shown shown;
-    const emulator::SteadyClock clock;
-    emulator::ImageFiles images;
-    const auto machine = emulator::build_machine(story.machine, clock, images);
-    listen(*machine, shown.cycles);
-    Volume volume = story.files;
-    add_program(volume);
-    const auto press_keys = [&](const std::string& line) -> std::string {
-        const std::size_t at = line.find("@@step ");
-        return at == line.npos ? "" : story.steps[std::stoul(line.substr(at + 7))].keys;
-    };
-    GuestResult guest = run_guest(*machine, volume, script_of(story), press_keys);
-    for (std::size_t i = 0; i < story.steps.size(); ++i) {
+/// What is typed at the guest's console while the stories run.
+std::string keys_at(const Runs& runs, const std::string& line) {
+    constexpr std::string_view kStep = "@@step ";
+    const std::size_t at = line.find(kStep);
+    if (at == line.npos) {
+        return "";
+    }
+    std::istringstream numbers(line.substr(at + kStep.size()));
+    std::size_t run = 0;
+    std::size_t step = 0;
+    numbers >> run >> step;
+    return runs[run]->story.steps[step].keys;
+}
+
+/// Takes a story's folder out of the guest's volume, with the outputs and statuses of its steps.
+void collect(Run& run, const Volume& volume) {
+    Volume files;
+    for (const auto& [name, file] : volume) {
+        if (name.starts_with(run.folder)) {
+            files[name.substr(run.folder.size())] = file;
+        }
+    }
+    for (const char* ours : {"startup.nsh", "qfu.efi", "qfu.man", "bus-driver.efi"}) {
+        files.erase(ours);
+    }
+    for (std::size_t i = 0; i < run.story.steps.size(); ++i) {
         const std::string out = "~out" + std::to_string(i);
         const std::string status = "~status" + std::to_string(i);
-        const std::string console = text_of(guest.volume[out]);
-        for (const std::string& text : story.steps[i].prints) {
+        const std::string console = text_of(files[out]);
+        for (const std::string& text : run.story.steps[i].prints) {
             EXPECT_NE(console.find(text), std::string::npos) << text << "\nis not in\n" << console;
         }
-        if (!story.steps[i].run.empty()) {
-            shown.consoles.push_back(comparable(console));
-            const std::string value = text_of(guest.volume[status]);
-            shown.statuses.push_back(value.substr(0, value.find('\r')));
+        if (!run.story.steps[i].run.empty()) {
+            run.shown.consoles.push_back(comparable(console));
+            const std::string value = text_of(files[status]);
+            run.shown.statuses.push_back(value.substr(0, value.find('\r')));
         }
-        guest.volume.erase(out);
-        guest.volume.erase(status);
+        files.erase(out);
+        files.erase(status);
     }
-    for (const char* ours : {"startup.nsh", "qfu.efi", "qfu.man"}) {
-        guest.volume.erase(ours);
-    }
-    shown.files = guest.volume;
-    collect_hardware(*machine, machine->journal(), shown);
-    return shown;
+    run.shown.files = files;
+    collect_hardware(*run.machine, run.machine->journal(), run.shown);
 }
 
-std::vector<std::string> story_names() {
-    std::vector<std::string> names;
-    for (const auto& file :
-         std::filesystem::directory_iterator(QFU_SOURCE_DIR "/tests/firmware/stories")) {
-        names.push_back(file.path().stem().string());
+Runs run_in_guest(const Boot& boot) {
+    Runs runs;
+    Volume volume;
+    add_program(volume, *boot.platform);
+    for (const std::string& name : boot.stories) {
+        runs.push_back(std::make_unique<Run>(name, boot.stories.size() == 1));
+        const std::string& folder = runs.back()->folder;
+        if (!folder.empty()) {
+            volume[name].folder = true;
+        }
+        for (const auto& [file, contents] : runs.back()->story.files) {
+            volume[folder + file] = contents;
+        }
     }
-    std::ranges::sort(names);
-    return names;
+    const auto at_console = [&runs](const std::string& line) { return keys_at(runs, line); };
+    const std::string script = script_of(runs, *boot.platform);
+    GuestResult guest;
+    if (boot.platform->driver) {
+        emulator::DriverBridge bridge(*runs.front()->machine);
+        std::for_each(runs.begin() + 1, runs.end(),
+                      [&](const auto& run) { bridge.then(*run->machine); });
+        guest = run_guest(*boot.platform, bridge, volume, script, at_console);
+    } else {
+        emulator::QemuBridge bridge(*runs.front()->machine);
+        guest = run_guest(*boot.platform, bridge, volume, script, at_console);
+    }
+    for (const auto& run : runs) {
+        collect(*run, guest.volume);
+    }
+    return runs;
 }
 
-class Twins : public testing::TestWithParam<std::string> {};
-
-TEST_P(Twins, ShowTheSame) {
-    const Story story =
-        load_story(QFU_SOURCE_DIR "/tests/firmware/stories/" + GetParam() + ".toml");
-    const Shown in_process = run_in_process(story);
-    const Shown in_guest = run_in_guest(story);
+void expect_same(const Shown& in_process, const Shown& in_guest, const Story& story) {
     EXPECT_EQ(in_process.consoles, in_guest.consoles);
     EXPECT_EQ(in_process.statuses, in_guest.statuses);
     EXPECT_EQ(comparable(in_process.cycles), comparable(in_guest.cycles));
@@ -298,7 +360,32 @@ TEST_P(Twins, ShowTheSame) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Stories, Twins, testing::ValuesIn(story_names()),
-                         [](const auto& story) { return story.param; });
+/// Each story under the firmware of x86-64, and what else the program runs on.
+std::vector<Boot> boots() {
+    std::vector<Boot> result;
+    for (const auto& file :
+         std::filesystem::directory_iterator(QFU_SOURCE_DIR "/tests/firmware/stories")) {
+        const std::string name = file.path().stem().string();
+        result.push_back({name, &kX64, {name}});
+    }
+    std::ranges::sort(result, {}, &Boot::name);
+    result.push_back({"clang_bar0", &kX64Clang, {"bar0"}});
+    result.push_back({
+        "aarch64", &kAArch64, {"indexed", "bar0", "nor", "nor_and_spi", "several", "phy"}
+    });
+    return result;
+}
+
+class Twins : public testing::TestWithParam<Boot> {};
+
+TEST_P(Twins, ShowTheSame) {
+    for (const auto& run : run_in_guest(GetParam())) {
+        SCOPED_TRACE(run->folder);
+        expect_same(run_in_process(run->story), run->shown, run->story);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Stories, Twins, testing::ValuesIn(boots()),
+                         [](const auto& boot) { return boot.param.name; });
 
 } // namespace
