@@ -22,32 +22,6 @@ namespace fs = std::filesystem;
 constexpr std::chrono::seconds kTimeLimit{120};
 constexpr char kImage[] = "volume.img";
 
-/// A folder that goes with its owner.
-class ScratchFolder {
-  public:
-    ScratchFolder() {
-        std::string name = (fs::temp_directory_path() / "qfu-guest-XXXXXX").string();
-        path_ = mkdtemp(name.data());
-    }
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-    ~ScratchFolder() {
-        std::error_code error;
-        fs::remove_all(path_, error);
-    }
-    const fs::path& path() const { return path_; }
-
-  private:
-    fs::path path_;
-};
-
-void shell(const fs::path& folder, const std::string& command) {
-    const std::string line = "cd '" + folder.string() + "' && " + command + " >/dev/null";
-    if (std::system(line.c_str()) != 0) {
-        throw std::runtime_error("failed: " + command);
-    }
-}
-
 void make_volume(const fs::path& folder, const Volume& volume) {
     shell(folder, std::string("truncate -s 64M ") + kImage + " && mkfs.vfat -F 32 " + kImage);
     fs::create_directory(folder / "in");
@@ -92,8 +66,7 @@ class Qemu {
                        {"-accel", "tcg", "-nodefaults", "-display", "none", "-net", "none",
                         "-monitor", "none", "-serial", "stdio", "-no-reboot", "-drive",
                         "if=pflash,format=raw,readonly=on,file=" + platform.code, "-drive",
-                        "if=pflash,format=raw,file=" + (folder / "vars.fd").string(), "-drive",
-                        "if=none,id=volume,format=raw,file=" + (folder / kImage).string()});
+                        "if=pflash,format=raw,file=" + (folder / "vars.fd").string()});
         command.insert(command.end(), devices.begin(), devices.end());
         start(command);
     }
@@ -129,7 +102,12 @@ class Qemu {
                 press(" "); // spares the shell's count-down before its start-up script
             }
             for (std::size_t lf = 0; (lf = serial.find('\n', line)) != serial.npos; line = lf + 1) {
-                press(at_console(serial.substr(line, lf - line)));
+                const std::string keys = at_console(serial.substr(line, lf - line));
+                if (keys == kPullThePlug) {
+                    kill(process_, SIGKILL);
+                } else {
+                    press(keys);
+                }
             }
         }
     }
@@ -182,29 +160,62 @@ const std::vector<std::string> kQ35 = {"qemu-system-x86_64",
                                        "-object",
                                        "memory-backend-memfd,id=m0,size=256M,share=on",
                                        "-vga",
-                                       "none",
-                                       "-device",
-                                       "ide-hd,drive=volume"};
-// The volume sits where the program looks for no adapter.
-const std::vector<std::string> kVirt = {"qemu-system-aarch64",
-                                        "-machine",
-                                        "virt",
-                                        "-cpu",
-                                        "cortex-a57",
-                                        "-m",
-                                        "512",
-                                        "-device",
-                                        "virtio-blk-pci,drive=volume,addr=0x1e"};
+                                       "none"};
+const std::vector<std::string> kVirt = {"qemu-system-aarch64", "-machine", "virt", "-cpu",
+                                        "cortex-a57",          "-m",       "512"};
+
+/// Boots a guest with adapters behind the bridge and the devices to boot from, and waits for its
+/// end.
+std::string run(const fs::path& folder, const Platform& platform, emulator::GuestBridge& bridge,
+                const std::vector<std::string>& boot_devices, const Operator& at_console) {
+    std::vector<std::string> devices = bridge.arguments();
+    devices.insert(devices.end(), boot_devices.begin(), boot_devices.end());
+    Qemu qemu(folder, platform, devices);
+    bridge.handed_over();
+    std::thread hardware([&] { bridge.serve(); });
+    std::string serial;
+    try {
+        serial = qemu.watch(at_console);
+    } catch (...) {
+        bridge.stop();
+        hardware.join();
+        throw;
+    }
+    hardware.join();
+    return serial;
+}
 
 } // namespace
 
+ScratchFolder::ScratchFolder() {
+    std::string name = (fs::temp_directory_path() / "qfu-guest-XXXXXX").string();
+    path_ = mkdtemp(name.data());
+}
+
+ScratchFolder::~ScratchFolder() {
+    std::error_code error;
+    fs::remove_all(path_, error);
+}
+
+void shell(const fs::path& folder, const std::string& command) {
+    const std::string line = "cd '" + folder.string() + "' && (" + command + ") >/dev/null";
+    if (std::system(line.c_str()) != 0) {
+        throw std::runtime_error("failed: " + command);
+    }
+}
+
 const Platform kX64{
-    "x64", "efi", "/usr/share/OVMF/OVMF_CODE_4M.fd", "/usr/share/OVMF/OVMF_VARS_4M.fd",
-    kQ35,  false};
-const Platform kX64Clang{"clang", "efi-clang", kX64.code, kX64.variables, kQ35, false};
-const Platform kAArch64{
-    "aarch64", "efi-aarch64", "/usr/share/AAVMF/AAVMF_CODE.fd", "/usr/share/AAVMF/AAVMF_VARS.fd",
-    kVirt,     true};
+    "x64",    "efi", "/usr/share/OVMF/OVMF_CODE_4M.fd", "/usr/share/OVMF/OVMF_VARS_4M.fd", kQ35,
+    "ide-hd", false};
+const Platform kX64Clang{"clang", "efi-clang", kX64.code, kX64.variables, kQ35, kX64.disk, false};
+// The disk sits where the program looks for no adapter.
+const Platform kAArch64{"aarch64",
+                        "efi-aarch64",
+                        "/usr/share/AAVMF/AAVMF_CODE.fd",
+                        "/usr/share/AAVMF/AAVMF_VARS.fd",
+                        kVirt,
+                        "virtio-blk-pci,addr=0x1e",
+                        true};
 
 std::vector<std::uint8_t> read_bytes(const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
@@ -219,19 +230,11 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
     make_volume(scratch.path(), with_script);
 
     GuestResult result;
-    {
-        Qemu qemu(scratch.path(), platform, bridge.arguments());
-        bridge.handed_over();
-        std::thread hardware([&] { bridge.serve(); });
-        try {
-            result.serial = qemu.watch(at_console);
-        } catch (...) {
-            bridge.stop();
-            hardware.join();
-            throw;
-        }
-        hardware.join();
-    }
+    result.serial =
+        run(scratch.path(), platform, bridge,
+            {"-drive", "if=none,id=volume,format=raw,file=" + (scratch.path() / kImage).string(),
+             "-device", platform.disk + ",drive=volume"},
+            at_console);
     result.volume = read_volume(scratch.path());
     return result;
 }
@@ -240,6 +243,23 @@ GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const st
                       const Operator& at_console) {
     emulator::QemuBridge bridge(machine);
     return run_guest(kX64, bridge, volume, script, at_console);
+}
+
+std::string boot_medium(emulator::Machine& machine, const fs::path& image, Medium medium,
+                        const Operator& at_console) {
+    const ScratchFolder scratch;
+    const std::string drive = "if=none,id=medium,format=raw,file=" + image.string();
+    // Slots that no adapter of the tests has.
+    const std::vector<std::string> devices =
+        medium == Medium::kStick
+            ? std::vector<std::string>{"-device", "qemu-xhci,addr=0x18",
+                                       "-device", "usb-storage,drive=medium",
+                                       "-drive",  drive}
+            : std::vector<std::string>{"-device", "ahci,id=sata,addr=0x18",
+                                       "-device", "ide-cd,drive=medium,bus=sata.0",
+                                       "-drive",  drive + ",media=cdrom,readonly=on"};
+    emulator::QemuBridge bridge(machine);
+    return run(scratch.path(), kX64, bridge, devices, at_console);
 }
 
 void add_program(Volume& volume, const Platform& platform) {

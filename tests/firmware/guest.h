@@ -40,7 +40,8 @@ struct Platform {
     std::string build; ///< folder in build/ with the program
     std::string code;  ///< the firmware, and a fresh store of its variables
     std::string variables;
-    std::vector<std::string> qemu; ///< without drives; the volume is the drive "volume"
+    std::vector<std::string> qemu; ///< without drives
+    std::string disk;              ///< the device for the drive "volume"
     bool driver;                   ///< adapters are reached through the bus driver
 };
 
@@ -57,6 +58,33 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
 /// The same with the adapters of one machine on x86-64.
 GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
                       const Operator& at_console);
+
+/// How a boot medium is attached.
+enum class Medium { kStick, kCd };
+
+/// Keys that no keyboard has: the machine loses its power.
+inline constexpr char kPullThePlug[] = "pull the plug";
+
+/// Boots a guest with the machine's adapters from a medium that scripts/media made, and waits until
+/// it powers off. A stick keeps what is written to it. @returns the serial console
+std::string boot_medium(emulator::Machine& machine, const std::filesystem::path& image,
+                        Medium medium, const Operator& at_console);
+
+/// Runs a command line of a Linux shell in that folder. @throws std::runtime_error when it fails
+void shell(const std::filesystem::path& folder, const std::string& command);
+
+/// A folder that goes with its owner.
+class ScratchFolder {
+  public:
+    ScratchFolder();
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+    ~ScratchFolder();
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
 
 std::vector<std::uint8_t> read_bytes(const std::filesystem::path& file);
 

@@ -1,0 +1,19 @@
+@echo -off
+# What the shell of a boot medium runs. The job is in a script of its own, so that an error in it, or
+# Ctrl-C, still comes back here.
+%homefilesystem%
+cd \qfu
+set -v JobHome %homefilesystem%\qfu
+if not exist \job\plan.nsh then
+  type prompt.txt
+  exit /b
+endif
+cd \job
+set -v JobAtEnd prompt
+"%JobHome%\job.nsh"
+if "%JobAtEnd%" == "power off" then
+  reset -s
+endif
+if "%JobAtEnd%" == reset then
+  reset
+endif

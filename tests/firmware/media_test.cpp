@@ -1,0 +1,161 @@
+// Boot media with unattended jobs, as firmware boots them.
+#include "guest.h"
+#include "lab.h"
+#include "results.h"
+
+#include <algorithm>
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace firmware;
+
+constexpr char kTwoAdapters[] = R"(
+name = "line"
+on_failure = "continue"
+at_end = "power off"
+[[adapter]]
+device = 0xC705
+places = ["00:02.0"]
+image = "a.bin"
+address = 0x1000
+[[adapter]]
+device = 0xC709
+image = "b.bin"
+)";
+
+/// A job folder, the medium made of it, and a machine with two adapters.
+struct BootMedium : testing::Test {
+    BootMedium() {
+        write("a.bin", a);
+        write("b.bin", b);
+    }
+
+    emulator::SpiChip& add(std::uint16_t device, std::uint8_t slot) {
+        auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, device), {0, slot, 0}, 0);
+        auto& chip =
+            machine.add_spi_chip(adapter, *emulator::find_spi_part("W25X40"), emulator::kNeverBusy);
+        std::ranges::fill(chip.contents(), std::uint8_t{0});
+        return chip;
+    }
+
+    void write(const std::string& name, const lab::Bytes& bytes) const {
+        std::ofstream(folder.path() / name, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()),
+                   static_cast<std::streamsize>(bytes.size()));
+    }
+
+    void make_medium(const std::string& job) const {
+        write("job.toml", {job.begin(), job.end()});
+        shell(QFU_SOURCE_DIR, "scripts/media --preset host '" + folder.path().string() + "' -o '" +
+                                  image().string() + "'");
+    }
+
+    std::filesystem::path image() const { return folder.path() / "medium.img"; }
+
+    /// Copies files between the stick and the job's folder.
+    void mtools(const std::string& command, const std::string& arguments) const {
+        shell(folder.path(), command +
+                                 " -i medium.img@@$(partx -g -o START -n 2 medium.img |"
+                                 " awk '{ print $1 * 512 }') " +
+                                 arguments);
+    }
+
+    /// What the results say after one more start of the machine.
+    void boot(
+        Medium medium, const Operator& at_console = [](const std::string&) { return ""; }) {
+        serial = boot_medium(machine, image(), medium, at_console);
+        results.add(serial, "serial");
+    }
+
+    /// Each adapter's place, status and saying.
+    std::vector<std::string> lines() const {
+        std::vector<std::string> lines;
+        for (const jobs::AdapterResult& adapter : results.adapters()) {
+            lines.push_back(std::string(adapter.word("place")) + " " +
+                            std::string(adapter.word("status")) + " " + adapter.text);
+        }
+        return lines;
+    }
+
+    const emulator::SteadyClock clock;
+    mutable emulator::Machine machine{clock};
+    const lab::Bytes a = lab::pattern(600, 1);
+    const lab::Bytes b = lab::pattern(5000, 2);
+    const ScratchFolder folder;
+    jobs::Results results;
+    std::string serial;
+};
+
+TEST_F(BootMedium, StickNamesTheAdapterThatFailsAndKeepsBackupsAndResults) {
+    auto fault = lab::fault(emulator::FaultKind::kWrongData, emulator::Operation::kRead);
+    fault.address = 0x1028;
+    fault.mask = 2;
+    add(0xC705, 2).faults().add(fault);
+    auto& good = add(0xC709, 3);
+    std::ranges::copy(b, good.contents().begin());
+    make_medium(kTwoAdapters);
+    boot(Medium::kStick);
+    const std::vector<std::string> expected = {
+        "[Bus=0,Dev=2,Fun=0] failed FAILED. The flash holds a.bin.new000, not a.bin; it held "
+        "a.bin.old000 before.",
+        "[Bus=0,Dev=3,Fun=0] held done. The flash held b.bin already. Nothing was written."};
+    EXPECT_EQ(lines(), expected) << serial;
+    EXPECT_EQ(good.count(emulator::Operation::kSectorErase), 0U);
+    mtools("mcopy", "::/job/results.txt ::/job/a.bin.old000 .");
+    lab::Bytes before(a.size(), 0);
+    std::fill_n(before.begin() + 0x28, 4, std::uint8_t{2});
+    EXPECT_EQ(read_bytes(folder.path() / "a.bin.old000"), before);
+    const auto kept = read_bytes(folder.path() / "results.txt");
+    results = {};
+    results.add({reinterpret_cast<const char*>(kept.data()), kept.size()}, "results.txt");
+    EXPECT_EQ(lines(), expected);
+}
+
+TEST_F(BootMedium, CdGoesOnWhereThePowerWasLost) {
+    auto& chip = add(0xC709, 3);
+    make_medium("at_end = \"power off\"\n[[adapter]]\nall = true\nimage = \"b.bin\"\n");
+    const auto medium = read_bytes(image());
+    boot(Medium::kCd, [&](const std::string& line) {
+        return line.find("Erase block") == line.npos ? "" : kPullThePlug;
+    });
+    EXPECT_EQ(lines(), std::vector<std::string>{
+                           "[Bus=0,Dev=3,Fun=0] unfinished no result; was the power lost?"});
+    EXPECT_NE(chip.count(emulator::Operation::kSectorErase), 0U);
+    EXPECT_FALSE(std::ranges::equal(chip.contents().first(b.size()), b));
+    boot(Medium::kCd);
+    EXPECT_EQ(lines(),
+              std::vector<std::string>{"[Bus=0,Dev=3,Fun=0] done done. The flash holds b.bin; it "
+                                       "held b.bin.old000 before."})
+        << serial;
+    EXPECT_TRUE(std::ranges::equal(chip.contents().first(b.size()), b));
+    EXPECT_EQ(read_bytes(image()), medium);
+}
+
+TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
+    const auto& first = add(0xC705, 2);
+    const auto& second = add(0xC709, 3);
+    std::string job = kTwoAdapters;
+    make_medium(job.replace(job.find("00:02.0"), 7, "01:02.0"));
+    boot(Medium::kStick);
+    const std::string says = " refused these are not the adapters of the job. Expected: 1 of "
+                             "1e5d:c705 01:02.0, 1 of 1e5d:c709. Nothing was written.";
+    EXPECT_EQ(lines(), (std::vector<std::string>{"[Bus=0,Dev=2,Fun=0]" + says,
+                                                 "[Bus=0,Dev=3,Fun=0]" + says}))
+        << serial;
+    write("a.bin", {a.begin(), a.end() - 1});
+    mtools("mcopy -o", "a.bin ::/job/a.bin");
+    results = {};
+    boot(Medium::kStick);
+    EXPECT_EQ(
+        lines(),
+        std::vector<std::string>{"- refused the medium is damaged: job\\a.bin is not what it was. "
+                                 "Nothing was written."})
+        << serial;
+    for (const emulator::SpiChip* chip : {&first, &second}) {
+        EXPECT_EQ(chip->count(emulator::Operation::kSectorErase), 0U);
+    }
+}
+
+} // namespace
