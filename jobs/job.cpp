@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -40,7 +41,7 @@ std::string hexadecimal(std::uint16_t number) {
 
 std::string read_word(TableReader& reader, std::string_view key,
                       std::span<const std::string_view> words) {
-    const std::string text = reader.text(key, std::string(words.front()));
+    std::string text = reader.text(key, std::string(words.front()));
     if (std::ranges::find(words, text) == words.end()) {
         reader.fail(key, support::unknown_word("value", text, words));
     }
@@ -53,6 +54,14 @@ bool is_plain(std::string_view name) {
                                         "0123456789._-";
     return !name.empty() && name.front() != '-' &&
            name.find_first_not_of(kPlain) == std::string_view::npos;
+}
+
+/// What the medium's own scripts make in the folder of the job. FAT does not tell "A" from "a".
+bool is_taken(std::string name) {
+    constexpr std::string_view kTaken[] = {"results.txt", "spilist.bin", "qfu.tmp", "qfu2.tmp"};
+    std::ranges::transform(name, name.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return name.ends_with(".nsh") || std::ranges::find(kTaken, name) != std::end(kTaken);
 }
 
 std::optional<Model> read_model(TableReader& reader) {
@@ -129,6 +138,10 @@ void read_image(TableReader& reader, const std::filesystem::path& folder, Adapte
         reader.fail("image", in_quotes(adapter.image) +
                                  " must be the name of a file in the job folder, of letters, "
                                  "digits, \".\", \"_\" and \"-\"");
+    }
+    if (is_taken(adapter.image)) {
+        reader.fail("image", in_quotes(adapter.image) +
+                                 " is the name of a file that the scripts of the medium use");
     }
     const std::filesystem::path name = folder / adapter.image;
     std::ifstream file(name, std::ios::binary);
