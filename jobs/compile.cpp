@@ -95,9 +95,10 @@ std::string plan(const Job& job) {
         script.set("JobAddress", print("0x%x", adapter.address));
         script.set("JobImageSize", std::to_string(adapter.image_size));
         script.set("JobImageSum", adapter.image_sum);
+        // The space keeps "set" from taking the word for an option of its own.
         script.unset("JobChipWords");
         if (adapter.chip_select) {
-            script.set("JobChipWords", "-csid " + std::to_string(*adapter.chip_select));
+            script.set("JobChipWords", " -csid " + std::to_string(*adapter.chip_select));
         }
         script.set("JobBackup", adapter.backup ? "yes" : "no");
         script.set("JobAgain", adapter.again ? "yes" : "no");

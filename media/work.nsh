@@ -9,7 +9,7 @@ if %JobBackup% == yes then
       endif
     endif
   endfor
-  "%JobHome%\backup.nsh" %JobSaved% %JobAdapter% %JobChipWords%
+  "%JobHome%\backup.nsh" %JobSaved% %JobAdapter%%JobChipWords%
   if not %QfuStatus% == 0 then
     set -v JobDone refused
     set -v QfuResult "no backup: %QfuResult%"
@@ -17,7 +17,7 @@ if %JobBackup% == yes then
   endif
   set -v JobOne "%JobOne% saved=%JobSaved%"
 endif
-"%JobHome%\flash.nsh" %JobImage% %JobAddress% %JobAdapter% -y %JobChipWords%
+"%JobHome%\flash.nsh" %JobImage% %JobAddress% %JobAdapter% -y%JobChipWords%
 if %QfuStatus% == 1 then
   exit /b
 endif
@@ -34,8 +34,8 @@ if not %JobAgain% == yes then
   exit /b
 endif
 set -v JobDone failed
-"%JobHome%\qfu.efi" -wbf %JobImage% -addr %JobAddress% -y -adid %JobAdapter% %JobChipWords%
-"%JobHome%\verify.nsh" %JobImage% %JobAddress% %JobAdapter% %JobChipWords%
+"%JobHome%\qfu.efi" -wbf %JobImage% -addr %JobAddress% -y -adid %JobAdapter%%JobChipWords%
+"%JobHome%\verify.nsh" %JobImage% %JobAddress% %JobAdapter%%JobChipWords%
 if %QfuStatus% == 0 then
   set -v JobDone done
 endif

@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::seconds kTimeLimit{120};
+constexpr std::chrono::seconds kTimeLimit{240};
 constexpr char kImage[] = "volume.img";
 
 void make_volume(const fs::path& folder, const Volume& volume) {

@@ -51,7 +51,7 @@ extern const Platform kAArch64;
 
 /// Boots a guest with the bridge's adapters and a volume that holds `volume` and `script` as its
 /// start-up script, and waits until it powers off.
-/// @throws std::runtime_error when it cannot be started or takes longer than two minutes
+/// @throws std::runtime_error when it cannot be started or takes longer than four minutes
 GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, const Volume& volume,
                       const std::string& script, const Operator& at_console);
 

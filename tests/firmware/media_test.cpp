@@ -20,6 +20,7 @@ device = 0xC705
 places = ["00:02.0"]
 image = "a.bin"
 address = 0x1000
+chip_select = 1
 [[adapter]]
 device = 0xC709
 image = "b.bin"
@@ -102,6 +103,7 @@ TEST_F(BootMedium, StickNamesTheAdapterThatFailsAndKeepsBackupsAndResults) {
         "a.bin.old000 before.",
         "[Bus=0,Dev=3,Fun=0] held done. The flash held b.bin already. Nothing was written."};
     EXPECT_EQ(lines(), expected) << serial;
+    EXPECT_NE(serial.find("]: -csid"), std::string::npos) << serial;
     EXPECT_EQ(good.count(emulator::Operation::kSectorErase), 0U);
     mtools("mcopy", "::/job/results.txt ::/job/a.bin.old000 .");
     lab::Bytes before(a.size(), 0);
