@@ -208,6 +208,7 @@ const Platform kX64{
     "x64",    "efi", "/usr/share/OVMF/OVMF_CODE_4M.fd", "/usr/share/OVMF/OVMF_VARS_4M.fd", kQ35,
     "ide-hd", false};
 const Platform kX64Clang{"clang", "efi-clang", kX64.code, kX64.variables, kQ35, kX64.disk, false};
+const Platform kX64Edk2{"edk2", "efi-edk2", kX64.code, kX64.variables, kQ35, kX64.disk, false};
 // The disk sits where the program looks for no adapter.
 const Platform kAArch64{"aarch64",
                         "efi-aarch64",

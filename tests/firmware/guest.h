@@ -47,6 +47,7 @@ struct Platform {
 
 extern const Platform kX64;
 extern const Platform kX64Clang; ///< the program by the second compiler
+extern const Platform kX64Edk2;  ///< the program as scripts/edk2 builds it
 extern const Platform kAArch64;
 
 /// Boots a guest with the bridge's adapters and a volume that holds `volume` and `script` as its

@@ -370,6 +370,7 @@ std::vector<Boot> boots() {
     }
     std::ranges::sort(result, {}, &Boot::name);
     result.push_back({"clang_bar0", &kX64Clang, {"bar0"}});
+    result.push_back({"edk2_nor_and_spi", &kX64Edk2, {"nor_and_spi"}});
     result.push_back({
         "aarch64", &kAArch64, {"indexed", "bar0", "nor", "nor_and_spi", "several", "phy"}
     });
