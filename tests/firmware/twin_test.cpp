@@ -11,6 +11,7 @@
 #include <array>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -375,6 +376,37 @@ std::vector<Boot> boots() {
         "aarch64", &kAArch64, {"indexed", "bar0", "nor", "nor_and_spi", "several", "phy"}
     });
     return result;
+}
+
+/// The page's table, a row for each platform of the boots.
+std::string table_of_boots() {
+    std::map<std::string, std::string> stories;
+    std::map<std::string, const Platform*> platforms;
+    for (const Boot& boot : boots()) {
+        platforms[boot.platform->name] = boot.platform;
+        for (const std::string& story : boot.stories) {
+            std::string& list = stories[boot.platform->name];
+            list += (list.empty() ? "" : ", ") + story;
+        }
+    }
+    std::string table = "| guest | machine | firmware and shell | program | adapters | stories |\n"
+                        "|---|---|---|---|---|---|\n";
+    for (const auto& [name, platform] : platforms) {
+        const std::string& machine = platform->qemu[2];
+        table += "| " + platform->qemu[0] + " | " + machine.substr(0, machine.find(',')) + " | `" +
+                 platform->code + "` | `build/" + platform->build + "/qfu.efi` | " +
+                 (platform->driver ? "behind a driver" : "on the bus") + " | " + stories[name] +
+                 " |\n";
+    }
+    return table;
+}
+
+TEST(TestedOn, ThePageHasWhatTheTestsRun) {
+    const auto page = read_bytes(QFU_SOURCE_DIR "/docs/tested-on.md");
+    EXPECT_NE(std::string(page.begin(), page.end()).find("\n\n" + table_of_boots() + "\n"),
+              std::string::npos)
+        << "docs/tested-on.md must hold this table:\n"
+        << table_of_boots();
 }
 
 class Twins : public testing::TestWithParam<Boot> {};
