@@ -60,6 +60,7 @@ std::vector<std::filesystem::path> inputs(const Options& options, const ImageFil
                 word.substr(name + kFile.size(), word.find(',', name) - name - kFile.size()));
         }
     }
+    std::erase(files, ""); // "romfile=" names none
     return files;
 }
 
