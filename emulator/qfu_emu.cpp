@@ -1,4 +1,5 @@
 // The program in a Linux process, on an emulated machine.
+#include "bus_trace.h"
 #include "command_line.h"
 #include "in_process.h"
 #include "keyboard.h"
@@ -24,6 +25,7 @@ struct Options {
     std::optional<std::string> keys;
     std::string folder = ".";
     std::string log;
+    TraceOptions trace;
     std::string things; ///< what to list, instead of a run
     std::vector<std::string> arguments;
 };
@@ -107,6 +109,14 @@ int run(const Options& options) {
     const auto machine = build_machine(description, clock, images);
     machine->assign_bars();
     CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
+    std::optional<BusTrace> trace;
+    if (!options.trace.file.empty()) {
+        std::vector<std::filesystem::path> others = inputs(options, images);
+        if (!options.log.empty()) {
+            others.emplace_back(options.log);
+        }
+        trace.emplace(options.trace, others, *machine, clock);
+    }
     Firmware firmware(*machine, clock, options.folder);
     firmware.terminal().on_output([](std::string_view text) { std::cout << text << std::flush; });
     std::vector<std::filesystem::path> own = images.names();
@@ -123,6 +133,9 @@ int run(const Options& options) {
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
     print_notes(firmware, description);
     log.finish();
+    if (trace) {
+        trace->finish("qfu-emu");
+    }
     images.expect_kept();
     support::finish_standard_output();
     return static_cast<int>(status & 0xFF);
@@ -159,15 +172,18 @@ int main(int argc, char** argv) try {
         ->check(CLI::ExistingDirectory);
     app.add_option("--log", options.log,
                    "file that receives what happens on the flash bus and in the PHY test block");
+    options.trace.add_to(app);
     CLI::App* known = app.add_subcommand("list", "print what machine files can name");
     known->add_option("things", options.things, "parts, adapters or faults");
     set_usage(*known, "Usage: qfu-emu list parts|adapters|faults");
     known->footer("Example:\n  qfu-emu list parts");
-    app.footer("Examples:\n"
-               "  qfu-emu --machine emulator/machines/indexed.toml --dir work -- -l\n"
-               "  qfu-emu --machine emulator/machines/indexed.toml --dir work --log cycles.txt -- "
-               "-wbf image.bin -addr 0 -y\n"
-               "  qfu-emu list parts");
+    app.footer(
+        "Examples:\n"
+        "  qfu-emu --machine emulator/machines/indexed.toml --dir work -- -l\n"
+        "  qfu-emu --machine emulator/machines/indexed.toml --dir work --log cycles.txt -- "
+        "-wbf image.bin -addr 0 -y\n"
+        "  qfu-emu --machine emulator/machines/indexed.toml --dir work --trace bus.vcd -- -l\n"
+        "  qfu-emu list parts");
     app.set_version_flag("--version", support::version_line("qfu-emu"));
     if (const auto status = parse(app, line, "qfu-emu --machine FILE -- -l")) {
         return *status;

@@ -1,4 +1,5 @@
 // Runs QEMU with a machine file's adapters in the guest.
+#include "bus_trace.h"
 #include "command_line.h"
 #include "guest/driver_bridge.h"
 #include "machine_file.h"
@@ -24,6 +25,7 @@ struct Options {
     std::string machine;
     std::string log;
     bool driver = false;
+    TraceOptions trace;
     std::vector<std::string> command;
 };
 
@@ -85,6 +87,14 @@ int run(const Options& options) {
     } else {
         bridge = std::make_unique<QemuBridge>(*machine);
     }
+    std::optional<BusTrace> trace;
+    if (!options.trace.file.empty()) {
+        std::vector<std::filesystem::path> others = inputs(options, images);
+        if (!options.log.empty()) {
+            others.emplace_back(options.log);
+        }
+        trace.emplace(options.trace, others, *machine, clock);
+    }
     std::vector<std::string> command = options.command;
     const auto devices = bridge->arguments();
     command.insert(command.end(), devices.begin(), devices.end());
@@ -96,6 +106,9 @@ int run(const Options& options) {
     print_misuse("qfu-qemu", machine->journal());
     print_idle_faults("qfu-qemu", description.file, idle_faults(description, *machine));
     log.finish();
+    if (trace) {
+        trace->finish("qfu-qemu");
+    }
     images.expect_kept();
     return WIFEXITED(status) ? WEXITSTATUS(status) : kCannotRun;
 }
@@ -119,6 +132,7 @@ int main(int argc, char** argv) try {
     app.add_flag("--driver", options.driver,
                  "serves the adapters to bus-driver.efi, which the guest loads, for a QEMU that "
                  "cannot take them as PCI functions (qemu-system-aarch64)");
+    options.trace.add_to(app);
     app.footer("Example:\n"
                "  qfu-qemu --machine emulator/machines/indexed.toml -- qemu-system-x86_64 "
                "-machine q35,memory-backend=m0 -m 256 "

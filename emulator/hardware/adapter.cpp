@@ -116,7 +116,8 @@ void Adapter::config_write(std::uint32_t offset, std::uint32_t value, int width)
 
 PciFunction::Window Adapter::short_way() const {
     const PciFunction::Window bar = pci_.window(spi_window_.bar);
-    if (bar.size == 0 || !power_.stays() || journal_->wants_registers()) {
+    if (bar.size == 0 || !power_.stays() || journal_->wants_registers() ||
+        journal_->probe() != nullptr) {
         return {};
     }
     return {bar.base + spi_window_.first, spi_window_.size, bar.bar};
@@ -177,9 +178,7 @@ bool Adapter::has_power() {
             break;
         case Power::Event::kBack:
             come_up();
-            if (journal_->wants_cycles()) {
-                journal_->cycle(name_ + "  power is back");
-            }
+            tell_power("power is back");
             break;
         }
     }
@@ -201,8 +200,15 @@ void Adapter::lose_power() {
     if (nor_ && nor_->chip() != nullptr) {
         nor_->chip()->lose_power(accesses_);
     }
+    tell_power("power is lost");
+}
+
+void Adapter::tell_power(std::string_view what) {
     if (journal_->wants_cycles()) {
-        journal_->cycle(name_ + "  power is lost");
+        journal_->cycle(name_ + "  " + std::string(what));
+    }
+    if (journal_->probe() != nullptr) {
+        journal_->probe()->mark(name_ + ": " + std::string(what));
     }
 }
 
@@ -235,6 +241,9 @@ std::uint32_t Adapter::read(PciFunction::Location at, int width) {
     if (journal_->wants_registers()) {
         log('>', at, value, width);
     }
+    if (journal_->probe() != nullptr) {
+        journal_->probe()->see(name_, {false, at.bar, at.offset, value});
+    }
     return value;
 }
 
@@ -242,6 +251,9 @@ void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
     ++accesses_;
     if (journal_->wants_registers()) {
         log('<', at, value, width);
+    }
+    if (journal_->probe() != nullptr) {
+        journal_->probe()->see(name_, {true, at.bar, at.offset, value});
     }
     if (power_.is_watched(accesses_)) {
         write_watched(at, value, width);

@@ -86,8 +86,8 @@ class Adapter {
     void write(PciFunction::Location at, std::uint32_t value, int width);
 
     /// The bus addresses of the SPI controller's own registers, where nearly all accesses go, while
-    /// the short way to them is open: power stays, and nobody listens to register accesses. Who
-    /// else wants to see every access closes it here.
+    /// the short way to them is open: power stays, and nobody listens to register accesses or has a
+    /// probe connected. Who else wants to see every access closes it here.
     PciFunction::Window short_way() const;
     /// Has somebody told when the short way may have opened, closed or moved.
     void when_short_way_changes(const std::function<void()>& tell);
@@ -130,6 +130,7 @@ class Adapter {
     [[gnu::cold]] std::uint32_t read_watched(PciFunction::Location at, int width);
     void forget_ended_changes(std::uint64_t now_ns);
     void lose_power();
+    void tell_power(std::string_view what);
     void come_up();
     [[gnu::cold]] void write_watched(PciFunction::Location at, std::uint32_t value, int width);
     std::uint32_t read_powered(PciFunction::Location at, int width) {

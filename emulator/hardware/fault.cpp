@@ -132,6 +132,16 @@ void Faults::begin(Operation operation, std::uint32_t address, std::uint64_t len
     }
 }
 
+std::vector<FaultKind> Faults::at_work() const {
+    std::vector<FaultKind> kinds;
+    for (const Counted& c : faults_) {
+        if (c.strikes && c.struck) {
+            kinds.push_back(c.fault.kind);
+        }
+    }
+    return kinds;
+}
+
 std::optional<std::uint8_t> Faults::search(FaultKind kind) const {
     for (const Counted& c : faults_) {
         if (c.strikes && c.fault.kind == kind) {

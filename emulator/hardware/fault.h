@@ -86,6 +86,9 @@ class Faults {
     /// True when the fault, by the order of adding, has changed anything so far.
     bool has_struck(std::size_t i) const { return faults_[i].struck; }
 
+    /// The kinds that strike the running operation and change something about it.
+    std::vector<FaultKind> at_work() const;
+
     /// Notes an operation that starts and finds out which faults strike it. `address` and `length`
     /// are the bytes that it touches; a length of 0 means that it touches none in particular.
     void begin(Operation operation, std::uint32_t address, std::uint64_t length);

@@ -1,6 +1,8 @@
 // What hardware has to tell about its treatment.
 #pragma once
 
+#include "hardware/bus_probe.h"
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -29,8 +31,14 @@ class Journal {
         registers_ = std::move(listener);
         tell_();
     }
-    /// Has somebody told when who listens to register accesses has changed.
+    /// Has somebody told when who looks at register accesses has changed.
     void when_listener_changes(std::function<void()> tell) { tell_ = std::move(tell); }
+    /// Connects a probe, or takes it away.
+    void connect(BusProbe* probe) {
+        probe_ = probe;
+        tell_();
+    }
+    BusProbe* probe() const { return probe_; }
     bool wants_cycles() const { return static_cast<bool>(cycles_); }
     bool wants_registers() const { return static_cast<bool>(registers_); }
     void cycle(std::string_view line) const { cycles_(line); }
@@ -41,6 +49,7 @@ class Journal {
     std::uint64_t misuse_count_ = 0;
     Listener cycles_;
     Listener registers_;
+    BusProbe* probe_ = nullptr;
     std::function<void()> tell_ = [] {};
 };
 

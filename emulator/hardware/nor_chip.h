@@ -38,6 +38,9 @@ class NorChip {
     /// The level of the ready pin.
     bool ready();
 
+    /// Until when the ready pin is low; for ever when a fault keeps it so.
+    std::uint64_t busy_until_ns() const { return stuck_busy_ ? UINT64_MAX : busy_until_ns_; }
+
     /// A pulse on the reset pin: back to reading, out of every mode.
     void reset();
 
@@ -47,6 +50,7 @@ class NorChip {
     const NorPart& part() const { return *part_; }
     std::span<std::uint8_t> contents() const { return contents_; }
     Faults& faults() { return faults_; }
+    const Faults& faults() const { return faults_; }
 
     /// Power can go from now on.
     void expect_power_loss() { change_.expect_interruption(); }

@@ -168,6 +168,11 @@ void NorController::start(std::uint32_t command) {
         if (chip_ != nullptr) {
             operation = chip_->write(cycle.address, static_cast<std::uint16_t>(cycle.data));
         }
+        if (journal_->probe() != nullptr) {
+            journal_->probe()->see(
+                place_, {true, cycle.address, static_cast<std::uint16_t>(cycle.data), operation},
+                chip_.get());
+        }
     }
     for (Cycle& cycle : cycles_) {
         cycle.has_address = false;
@@ -194,12 +199,15 @@ std::uint16_t NorController::read_window(std::uint32_t offset) {
         return kPulledUp;
     }
     const std::uint32_t address = (page + offset) / 2;
-    const bool identification = chip_->shows_identification();
+    const Operation operation =
+        chip_->shows_identification() ? Operation::kReadId : Operation::kRead;
     const std::uint16_t value = chip_->read(address);
     if (journal_->wants_cycles()) {
-        journal_->cycle(
-            place_ + "  " + hex(address, 6) + " < " + hex(value, 4) + "  " +
-            std::string(operation_name(identification ? Operation::kReadId : Operation::kRead)));
+        journal_->cycle(place_ + "  " + hex(address, 6) + " < " + hex(value, 4) + "  " +
+                        std::string(operation_name(operation)));
+    }
+    if (journal_->probe() != nullptr) {
+        journal_->probe()->see(place_, {false, address, value, operation}, chip_.get());
     }
     return value;
 }

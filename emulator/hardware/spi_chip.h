@@ -58,12 +58,16 @@ class SpiChip {
     /// Makes the chip one that does not know the opcode.
     void forget(std::uint8_t opcode) { commands_[opcode] = {}; }
 
+    /// Until when the chip is busy; for ever when a fault keeps it so.
+    std::uint64_t busy_until_ns() const { return stuck_busy_ ? UINT64_MAX : busy_until_ns_; }
+
     /// True while the fault that keeps the controller busy strikes the last transfer.
     bool holds_controller() const { return holds_controller_; }
 
     const SpiPart& part() const { return *part_; }
     std::span<std::uint8_t> contents() const { return contents_; }
     Faults& faults() { return faults_; }
+    const Faults& faults() const { return faults_; }
     std::uint8_t status();
     void set_status(std::uint8_t status) {
         status_ = status;

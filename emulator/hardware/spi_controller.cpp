@@ -114,12 +114,15 @@ void SpiController::start(std::uint32_t command) {
     const bool drives = !cycle.receive || layout_ == SpiLayout::kWindow;
     const auto out = std::bit_cast<Data>(drives ? data_out_ : 0);
     Data in{};
+    const SpiTransfer transfer{cycle.opcode, cycle.address, address_,
+                               std::span(out).first(cycle.bytes), std::span(in).first(cycle.bytes)};
     Operation operation = Operation::kUnknown;
     if (chip_ != nullptr) {
-        operation =
-            chip_->transfer({cycle.opcode, cycle.address, address_,
-                             std::span(out).first(cycle.bytes), std::span(in).first(cycle.bytes)});
+        operation = chip_->transfer(transfer);
         held_ = chip_->holds_controller();
+    }
+    if (journal_->probe() != nullptr) {
+        journal_->probe()->see(place_, transfer, operation, chip_.get());
     }
     if (journal_->misuse_count() == complaints) {
         note_plain(command, cycle, operation);

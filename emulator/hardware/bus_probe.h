@@ -1,0 +1,48 @@
+// Where a logic analyser is connected.
+#pragma once
+
+#include "hardware/fault.h"
+
+#include <cstdint>
+#include <string_view>
+
+namespace emulator {
+
+class NorChip;
+class SpiChip;
+struct SpiTransfer;
+
+/// One cycle on a parallel chip's bus.
+struct NorCycle {
+    bool write;
+    std::uint32_t address; ///< in words
+    std::uint16_t data;
+    Operation operation; ///< what it completes, or reads
+};
+
+/// One access to a BAR of an adapter.
+struct RegisterAccess {
+    bool write;
+    int bar;
+    std::uint32_t offset;
+    std::uint32_t value;
+};
+
+/// Sees the signals themselves, where the journal has words for them. `place` and `adapter` are the
+/// names that the journal uses. A chip is null where none is attached.
+class BusProbe {
+  public:
+    virtual ~BusProbe() = default;
+
+    /// A chip-select period is over.
+    virtual void see(std::string_view place, const SpiTransfer& transfer, Operation operation,
+                     const SpiChip* chip) = 0;
+    /// A cycle on a parallel bus is over.
+    virtual void see(std::string_view place, const NorCycle& cycle, const NorChip* chip) = 0;
+    /// An access to a register begins when it writes, and is over when it reads.
+    virtual void see(std::string_view adapter, const RegisterAccess& access) = 0;
+    /// Something to look at has happened: a misuse, a fault, a loss of power.
+    virtual void mark(std::string_view what) = 0;
+};
+
+} // namespace emulator
