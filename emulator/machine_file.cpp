@@ -50,6 +50,7 @@ class MachineReader {
     SpiChipDescription read_spi(const toml::table& table);
     NorChipDescription read_nor(const toml::table& table);
     PowerFaultDescription read_power_fault(const toml::table& table) const;
+    AccessTimes read_access_times(const toml::table& table) const;
     PhyDescription read_phy(const toml::table& table, std::uint8_t ports) const;
     std::filesystem::path read_image(TableReader& reader);
     std::vector<FaultDescription> read_faults(TableReader& reader, Chip chip) const;
@@ -237,6 +238,18 @@ PhyDescription MachineReader::read_phy(const toml::table& table, std::uint8_t po
     return phy;
 }
 
+AccessTimes MachineReader::read_access_times(const toml::table& table) const {
+    constexpr std::int64_t kMost = 1'000'000;
+    constexpr AccessTimes kTypical;
+    TableReader reader(table, file_);
+    const AccessTimes times{
+        static_cast<std::uint64_t>(reader.number("read", 0, kMost, std::int64_t{kTypical.read_ns})),
+        static_cast<std::uint64_t>(
+            reader.number("write", 0, kMost, std::int64_t{kTypical.write_ns}))};
+    reader.finish();
+    return times;
+}
+
 const AdapterModel* MachineReader::read_model(TableReader& reader) {
     constexpr std::int64_t kUsualVendor = 0x1E5D;
     const auto vendor =
@@ -307,6 +320,9 @@ AdapterDescription MachineReader::read_adapter(const toml::table& table) {
                                "\"qfu-emu list adapters\"");
         }
         adapter.phy = read_phy(*phy, adapter.model->ports);
+    }
+    if (const toml::table* access = reader.table("access_ns")) {
+        adapter.access_times = read_access_times(*access);
     }
     for (const toml::table* fault : reader.tables("fault")) {
         adapter.faults.push_back(read_power_fault(*fault));

@@ -59,7 +59,8 @@ struct AdapterDescription {
     std::optional<NorChipDescription> nor;
     std::optional<PhyDescription> phy;
     std::vector<PowerFaultDescription> faults;
-    std::size_t line; ///< of the machine file
+    std::optional<AccessTimes> access_times; ///< in a process; in a guest time is real
+    std::size_t line;                        ///< of the machine file
 };
 
 /// A firmware call of a machine file that fails, by its name.

@@ -9,6 +9,7 @@
 #include "support/input_error.h"
 #include "support/nearest_word.h"
 #include "support/version.h"
+#include "time_account.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -26,7 +27,8 @@ struct Options {
     std::string folder = ".";
     std::string log;
     TraceOptions trace;
-    std::string things; ///< what to list, instead of a run
+    std::string estimate; ///< "text" or "json": that, in place of the console
+    std::string things;   ///< what to list, instead of a run
     std::vector<std::string> arguments;
 };
 
@@ -102,6 +104,21 @@ std::vector<std::filesystem::path> inputs(const Options& options, const ImageFil
     return files;
 }
 
+/// Gives register accesses the time that the machine file says, or for an estimate a typical one.
+/// @returns true when the machine file says one
+bool let_accesses_take_time(const Options& options, const MachineDescription& description,
+                            const Machine& machine, VirtualClock& clock) {
+    bool said = false;
+    for (std::size_t i = 0; i < description.adapters.size(); ++i) {
+        const std::optional<AccessTimes>& times = description.adapters[i].access_times;
+        said = said || times.has_value();
+        if (times || !options.estimate.empty()) {
+            machine.adapter(i).take_time(clock, times.value_or(AccessTimes{}));
+        }
+    }
+    return said;
+}
+
 int run(const Options& options) {
     const MachineDescription description = load_machine_file(options.machine);
     VirtualClock clock;
@@ -118,7 +135,12 @@ int run(const Options& options) {
         trace.emplace(options.trace, others, *machine, clock);
     }
     Firmware firmware(*machine, clock, options.folder);
-    firmware.terminal().on_output([](std::string_view text) { std::cout << text << std::flush; });
+    if (options.estimate.empty()) {
+        firmware.terminal().on_output(
+            [](std::string_view text) { std::cout << text << std::flush; });
+    }
+    const bool timed = let_accesses_take_time(options, description, *machine, clock);
+    const TimeAccount account(*machine, clock);
     std::vector<std::filesystem::path> own = images.names();
     own.emplace_back(options.machine);
     firmware.files().protect(own);
@@ -132,6 +154,11 @@ int run(const Options& options) {
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
     print_notes(firmware, description);
+    if (!options.estimate.empty()) {
+        std::cout << (options.estimate == "json" ? account.json() : account.text()) << '\n';
+    } else if (timed) {
+        std::cerr << "qfu-emu: " << account.text() << '\n';
+    }
     log.finish();
     if (trace) {
         trace->finish("qfu-emu");
@@ -173,6 +200,10 @@ int main(int argc, char** argv) try {
     app.add_option("--log", options.log,
                    "file that receives what happens on the flash bus and in the PHY test block");
     options.trace.add_to(app);
+    app.add_option("--estimate", options.estimate,
+                   "print how long the run would take on hardware and where the time would go, as "
+                   "text or json, in place of the console")
+        ->check(CLI::IsMember({"text", "json"}));
     CLI::App* known = app.add_subcommand("list", "print what machine files can name");
     known->add_option("things", options.things, "parts, adapters or faults");
     set_usage(*known, "Usage: qfu-emu list parts|adapters|faults");
@@ -183,6 +214,8 @@ int main(int argc, char** argv) try {
         "  qfu-emu --machine emulator/machines/indexed.toml --dir work --log cycles.txt -- "
         "-wbf image.bin -addr 0 -y\n"
         "  qfu-emu --machine emulator/machines/indexed.toml --dir work --trace bus.vcd -- -l\n"
+        "  qfu-emu --machine emulator/machines/bar0.toml --dir work --estimate json -- "
+        "-wbf image.bin -addr 0 -y\n"
         "  qfu-emu list parts");
     app.set_version_flag("--version", support::version_line("qfu-emu"));
     if (const auto status = parse(app, line, "qfu-emu --machine FILE -- -l")) {

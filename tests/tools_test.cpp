@@ -117,6 +117,33 @@ TEST(QfuEmu, ExitsWithTheShellsStatusAndSaysWhatIsWrong) {
     EXPECT_NE(starved.output.find("asked for a key and there was none"), std::string::npos);
 }
 
+TEST(QfuEmu, TellsWhereTimeWouldGoOnHardware) {
+    Folder f;
+    f.lab.write_file("image.bin", lab::pattern(10));
+    const std::string program = " -- -wbf image.bin -addr 16 -y";
+    const auto estimate = [&] {
+        return nlohmann::json::parse(
+            f.run("qfu-emu", "--machine machine.toml --estimate json" + program).output);
+    };
+    const auto typical = estimate();
+    EXPECT_GE(typical["chip_busy_seconds"], 0.030) << "one sector's erase";
+    EXPECT_GE(typical["pause_seconds"], 0.070 - 0.001) << "the rest of the wait behind it";
+    std::string machine = f.lab.read_text("machine.toml");
+    f.lab.write_file("machine.toml", "time = \"none\"\n" + machine);
+    const auto ready = estimate();
+    EXPECT_EQ(ready["chip_busy_seconds"], 0);
+    EXPECT_NEAR(ready["access_seconds"].get<double>(),
+                ready["reads"].get<double>() * 1e-6 + ready["writes"].get<double>() * 1e-7, 1e-12);
+    EXPECT_EQ(f.run("qfu-emu", "--machine machine.toml" + program).output.find("hardware about"),
+              std::string::npos);
+    f.lab.write_file("machine.toml", "time = \"none\"\n" + machine +
+                                         "[adapter.access_ns]\nread = 2000\nwrite = 0\n");
+    EXPECT_NEAR(estimate()["access_seconds"].get<double>(), ready["reads"].get<double>() * 2e-6,
+                1e-12);
+    EXPECT_NE(f.run("qfu-emu", "--machine machine.toml" + program).output.find("hardware about"),
+              std::string::npos);
+}
+
 TEST(QfuEmu, SaysInFewWordsWhatTheHardwareSuffered) {
     Folder f;
     const std::string machine = f.lab.read_text("machine.toml");

@@ -117,7 +117,7 @@ void Adapter::config_write(std::uint32_t offset, std::uint32_t value, int width)
 PciFunction::Window Adapter::short_way() const {
     const PciFunction::Window bar = pci_.window(spi_window_.bar);
     if (bar.size == 0 || !power_.stays() || journal_->wants_registers() ||
-        journal_->probe() != nullptr) {
+        journal_->probe() != nullptr || access_clock_ != nullptr) {
         return {};
     }
     return {bar.base + spi_window_.first, spi_window_.size, bar.bar};
@@ -236,6 +236,9 @@ void Adapter::write_watched(PciFunction::Location at, std::uint32_t value, int w
 
 std::uint32_t Adapter::read(PciFunction::Location at, int width) {
     ++accesses_;
+    if (access_clock_ != nullptr) {
+        access_clock_->advance(access_times_.read_ns, TimeUse::kRead);
+    }
     const std::uint32_t value =
         power_.is_watched(accesses_) ? read_watched(at, width) : read_powered(at, width);
     if (journal_->wants_registers()) {
@@ -249,6 +252,9 @@ std::uint32_t Adapter::read(PciFunction::Location at, int width) {
 
 void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
     ++accesses_;
+    if (access_clock_ != nullptr) {
+        access_clock_->advance(access_times_.write_ns, TimeUse::kWrite);
+    }
     if (journal_->wants_registers()) {
         log('<', at, value, width);
     }

@@ -86,8 +86,8 @@ class Adapter {
     void write(PciFunction::Location at, std::uint32_t value, int width);
 
     /// The bus addresses of the SPI controller's own registers, where nearly all accesses go, while
-    /// the short way to them is open: power stays, and nobody listens to register accesses or has a
-    /// probe connected. Who else wants to see every access closes it here.
+    /// the short way to them is open: power stays, accesses take no time, and nobody listens to
+    /// them or has a probe connected. Who else wants to see every access closes it here.
     PciFunction::Window short_way() const;
     /// Has somebody told when the short way may have opened, closed or moved.
     void when_short_way_changes(const std::function<void()>& tell);
@@ -117,6 +117,13 @@ class Adapter {
     /// Gives power back: controllers and chips start anew, with the contents that they have.
     /// Firmware has given the BARs their addresses again.
     void power_up();
+
+    /// Lets each register access take time.
+    void take_time(VirtualClock& clock, AccessTimes times) {
+        access_clock_ = &clock;
+        access_times_ = times;
+        tell_();
+    }
 
     /// Register accesses so far.
     std::uint64_t accesses() const { return accesses_; }
@@ -174,6 +181,8 @@ class Adapter {
     SetUp set_up_ = SetUp::kNone;
     std::uint32_t index_ = 0;
     std::uint64_t accesses_ = 0;
+    VirtualClock* access_clock_ = nullptr; ///< null: accesses take no time
+    AccessTimes access_times_;
     std::function<void()> tell_ = [] {}; ///< that the short way may have changed
 };
 

@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <utility>
 
 namespace emulator {
 
@@ -13,14 +15,36 @@ class Clock {
     virtual std::uint64_t now_ns() const = 0;
 };
 
+/// What time goes by with.
+enum class TimeUse : std::uint8_t { kPause, kRead, kWrite };
+
+/// How long a register access takes. A read waits for its answer; a write is posted. These are
+/// typical figures of PCI Express, not measured on an adapter.
+struct AccessTimes {
+    std::uint64_t read_ns = 1000;
+    std::uint64_t write_ns = 100;
+};
+
 /// Time that passes only when somebody waits, so that a wait of 20 seconds costs microseconds.
 class VirtualClock final : public Clock {
   public:
     std::uint64_t now_ns() const override { return now_; }
-    void advance_us(std::uint64_t microseconds) { now_ += microseconds * 1000; }
+    void advance_us(std::uint64_t microseconds) { advance(microseconds * 1000, TimeUse::kPause); }
+    void advance(std::uint64_t nanoseconds, TimeUse use) {
+        if (tell_) {
+            tell_(nanoseconds, use);
+        }
+        now_ += nanoseconds;
+    }
+
+    /// Has somebody told, before it passes, how much time will pass and with what.
+    void when_time_passes(std::function<void(std::uint64_t nanoseconds, TimeUse use)> tell) {
+        tell_ = std::move(tell);
+    }
 
   private:
     std::uint64_t now_ = 0;
+    std::function<void(std::uint64_t, TimeUse)> tell_;
 };
 
 /// The host's time, for hardware whose driver runs in a guest and waits for real.

@@ -1,0 +1,73 @@
+#include "time_account.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace emulator {
+namespace {
+
+double seconds(std::uint64_t nanoseconds) {
+    return static_cast<double>(nanoseconds) / 1e9;
+}
+
+/// When the last busy chip is ready.
+std::uint64_t busy_until_ns(const Machine& machine) {
+    std::uint64_t until = 0;
+    for (const auto& adapter : machine.adapters()) {
+        if (adapter->spi().chip() != nullptr) {
+            until = std::max(until, adapter->spi().chip()->busy_until_ns());
+        }
+        if (adapter->nor() != nullptr && adapter->nor()->chip() != nullptr) {
+            until = std::max(until, adapter->nor()->chip()->busy_until_ns());
+        }
+    }
+    return until;
+}
+
+} // namespace
+
+TimeAccount::TimeAccount(const Machine& machine, VirtualClock& clock)
+    : machine_(&machine), clock_(&clock) {
+    clock.when_time_passes([this](std::uint64_t ns, TimeUse use) { pass(ns, use); });
+}
+
+TimeAccount::~TimeAccount() {
+    clock_->when_time_passes(nullptr);
+}
+
+void TimeAccount::pass(std::uint64_t nanoseconds, TimeUse use) {
+    const std::uint64_t now = clock_->now_ns();
+    const std::uint64_t until = std::max(busy_until_ns(*machine_), now);
+    const std::uint64_t busy = std::min(nanoseconds, until - now);
+    busy_ns_ += busy;
+    (use == TimeUse::kPause ? pause_ns_ : access_ns_) += nanoseconds - busy;
+    reads_ += use == TimeUse::kRead ? 1 : 0;
+    writes_ += use == TimeUse::kWrite ? 1 : 0;
+}
+
+std::string TimeAccount::text() const {
+    std::array<char, 200> line{};
+    std::snprintf(line.data(), line.size(),
+                  "on hardware about %.6f s: chip busy %.6f s, pauses %.6f s, register accesses "
+                  "%.6f s (%llu reads, %llu writes)",
+                  seconds(total_ns()), seconds(busy_ns_), seconds(pause_ns_), seconds(access_ns_),
+                  static_cast<unsigned long long>(reads_),
+                  static_cast<unsigned long long>(writes_));
+    return line.data();
+}
+
+std::string TimeAccount::json() const {
+    const nlohmann::ordered_json object = {
+        {"seconds",           seconds(total_ns())},
+        {"chip_busy_seconds", seconds(busy_ns_)  },
+        {"pause_seconds",     seconds(pause_ns_) },
+        {"access_seconds",    seconds(access_ns_)},
+        {"reads",             reads_             },
+        {"writes",            writes_            },
+    };
+    return object.dump(2);
+}
+
+} // namespace emulator
