@@ -160,4 +160,18 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
     }
 }
 
+TEST_F(BootMedium, WithoutAJobEndsAtThePromptAndSaysWhatCanBeTyped) {
+    add(0xC709, 3);
+    shell(QFU_SOURCE_DIR, "cmake --build build/host --target medium");
+    serial = boot_medium(machine, QFU_SOURCE_DIR "/build/qfu-" QFU_VERSION ".img", Medium::kCd,
+                         [](const std::string& line) {
+                             return line.find("files that you make are gone") != line.npos
+                                        ? "qfu -l\rreset -s\r"
+                                        : "";
+                         });
+    EXPECT_NE(serial.find("backup all.bin 0"), serial.npos) << serial;
+    EXPECT_NE(serial.find("cs1:SPI FLASH Chip Whole Size=80000, ID[EF 30 13]."), serial.npos)
+        << serial;
+}
+
 } // namespace
