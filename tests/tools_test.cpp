@@ -186,7 +186,8 @@ TEST(QfuEmu, CtrlCEndsAnEndlessLoopbackAndKeepsFlashContents) {
     // Standard input is open, and silent for ever.
     const Result broken =
         shell("cd " + f.lab.folder().string() +
-              " && mkfifo silence && { exec 3<>silence; timeout --preserve-status -s INT 2 " +
+              " && mkfifo silence && { exec 3<>silence; timeout --foreground --preserve-status -s "
+              "INT 2 " +
               QFU_TOOLS "/qfu-emu --machine machine.toml -- -phytest -p 0 -r 0 -lback <&3; }");
     EXPECT_EQ(broken.status, 0) << broken.output;
     EXPECT_NE(broken.output.find("**Phy test successfully on Port 0"), std::string::npos);
