@@ -1,4 +1,5 @@
 // The program in a Linux process, on an emulated machine.
+#include "bus_summary.h"
 #include "bus_trace.h"
 #include "command_line.h"
 #include "in_process.h"
@@ -28,7 +29,8 @@ struct Options {
     std::string log;
     TraceOptions trace;
     std::string estimate; ///< "text" or "json": that, in place of the console
-    std::string things;   ///< what to list, instead of a run
+    bool summary = false;
+    std::string things; ///< what to list, instead of a run
     std::vector<std::string> arguments;
 };
 
@@ -104,7 +106,8 @@ std::vector<std::filesystem::path> inputs(const Options& options, const ImageFil
     return files;
 }
 
-/// Gives register accesses the time that the machine file says, or for an estimate a typical one.
+/// Gives register accesses the time that the machine file says. For an estimate or a summary they
+/// take a typical one without it.
 /// @returns true when the machine file says one
 bool let_accesses_take_time(const Options& options, const MachineDescription& description,
                             const Machine& machine, VirtualClock& clock) {
@@ -112,7 +115,7 @@ bool let_accesses_take_time(const Options& options, const MachineDescription& de
     for (std::size_t i = 0; i < description.adapters.size(); ++i) {
         const std::optional<AccessTimes>& times = description.adapters[i].access_times;
         said = said || times.has_value();
-        if (times || !options.estimate.empty()) {
+        if (times || !options.estimate.empty() || options.summary) {
             machine.adapter(i).take_time(clock, times.value_or(AccessTimes{}));
         }
     }
@@ -133,6 +136,10 @@ int run(const Options& options) {
             others.emplace_back(options.log);
         }
         trace.emplace(options.trace, others, *machine, clock);
+    }
+    std::optional<BusSummary> summary;
+    if (options.summary) {
+        summary.emplace(*machine, clock);
     }
     Firmware firmware(*machine, clock, options.folder);
     if (options.estimate.empty()) {
@@ -158,6 +165,9 @@ int run(const Options& options) {
         std::cout << (options.estimate == "json" ? account.json() : account.text()) << '\n';
     } else if (timed) {
         std::cerr << "qfu-emu: " << account.text() << '\n';
+    }
+    if (summary) {
+        std::cerr << summary->text();
     }
     log.finish();
     if (trace) {
@@ -204,6 +214,10 @@ int main(int argc, char** argv) try {
                    "print how long the run would take on hardware and where the time would go, as "
                    "text or json, in place of the console")
         ->check(CLI::IsMember({"text", "json"}));
+    app.add_flag("--summary", options.summary,
+                 "print at the end, on standard error, which operations ran on the flash bus, how "
+                 "often and how long; not together with --trace")
+        ->excludes("--trace");
     CLI::App* known = app.add_subcommand("list", "print what machine files can name");
     known->add_option("things", options.things, "parts, adapters or faults");
     set_usage(*known, "Usage: qfu-emu list parts|adapters|faults");

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,6 +117,33 @@ TEST(QfuEmu, ExitsWithTheShellsStatusAndSaysWhatIsWrong) {
               "qfu-emu: .: is a folder; it must be a TOML file\n");
     const Result starved = f.run("qfu-emu", "--machine machine.toml -- -wpa");
     EXPECT_NE(starved.output.find("asked for a key and there was none"), std::string::npos);
+}
+
+TEST(QfuEmu, SumsUpWhatHappenedOnTheBus) {
+    Folder f;
+    f.lab.write_file("image.bin", lab::pattern(10));
+    const auto run = [&](const std::string& options) {
+        return f.run("qfu-emu", "--machine machine.toml --summary --log log.txt" + options +
+                                    " -- -wbf image.bin -addr 16 -y");
+    };
+    const std::string text = run("").output;
+    const auto seconds = [&](const std::string& row) {
+        std::smatch found;
+        const std::regex pattern("0\\.cs1 +" + row + " +([0-9.]+)\n");
+        return std::regex_search(text, found, pattern) ? std::stod(found[1]) : -1;
+    };
+    std::istringstream log(f.lab.read_text("log.txt")); // another account of the same run
+    std::size_t polls = 0;
+    for (std::string line; std::getline(log, line);) {
+        polls += line.ends_with("  read status") ? 1 : 0;
+    }
+    EXPECT_GT(polls, 10U);
+    EXPECT_GT(seconds("read status +" + std::to_string(polls) + " +" + std::to_string(polls)), 0);
+    EXPECT_GT(seconds("program +10 +10"), 0);
+    EXPECT_NEAR(seconds("sector erase +1 +0"), 0.1, 0.001) << "the wait behind it";
+    EXPECT_TRUE(std::regex_search(text, std::regex("adapter 0: [0-9]+ register accesses, [0-9.]+ "
+                                                   "a byte programmed or read\n$")));
+    EXPECT_EQ(run(" --trace t.vcd").status, 2) << "one probe at a time";
 }
 
 TEST(QfuEmu, TellsWhereTimeWouldGoOnHardware) {
