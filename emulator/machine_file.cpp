@@ -350,8 +350,11 @@ BusyTimes read_times(TableReader& reader) {
     if (times == "typical") {
         return {};
     }
+    if (times == "maximum") {
+        return kLongestBusy;
+    }
     if (times != "none") {
-        reader.fail("time", "must be \"typical\" or \"none\"");
+        reader.fail("time", "must be \"typical\", \"maximum\" or \"none\"");
     }
     return kNeverBusy;
 }

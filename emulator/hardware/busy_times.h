@@ -18,5 +18,8 @@ struct BusyTimes {
     }
 };
 inline constexpr BusyTimes kNeverBusy{0, 0, 0};
+/// The longest times: ten times the typical ones. The factor is an assumption about parts of this
+/// sort, no figure of any one data sheet.
+inline constexpr BusyTimes kLongestBusy{100, 50'000, 30'000};
 
 } // namespace emulator
