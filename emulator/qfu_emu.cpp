@@ -6,6 +6,7 @@
 #include "keyboard.h"
 #include "known.h"
 #include "machine_file.h"
+#include "progress_line.h"
 #include "report.h"
 #include "support/input_error.h"
 #include "support/nearest_word.h"
@@ -142,10 +143,14 @@ int run(const Options& options) {
         summary.emplace(*machine, clock);
     }
     Firmware firmware(*machine, clock, options.folder);
-    if (options.estimate.empty()) {
-        firmware.terminal().on_output(
-            [](std::string_view text) { std::cout << text << std::flush; });
-    }
+    ProgressLine progress(firmware, options.arguments);
+    firmware.terminal().on_output([&](std::string_view text) {
+        progress.wipe();
+        if (options.estimate.empty()) {
+            std::cout << text << std::flush;
+        }
+        progress.draw();
+    });
     const bool timed = let_accesses_take_time(options, description, *machine, clock);
     const TimeAccount account(*machine, clock);
     std::vector<std::filesystem::path> own = images.names();
@@ -160,6 +165,7 @@ int run(const Options& options) {
     std::vector<std::string> arguments = {kCommandName};
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
+    progress.wipe();
     print_notes(firmware, description);
     if (!options.estimate.empty()) {
         std::cout << (options.estimate == "json" ? account.json() : account.text()) << '\n';

@@ -146,6 +146,75 @@ TEST(QfuEmu, SumsUpWhatHappenedOnTheBus) {
     EXPECT_EQ(run(" --trace t.vcd").status, 2) << "one probe at a time";
 }
 
+/// What a terminal got, without the line that tells how far the run is.
+struct Seen {
+    std::string program;
+    std::vector<int> percents;
+    bool wiped = true; ///< the line, before anything else and at the end
+};
+
+Seen take_apart(const std::string& seen) {
+    const std::string to_line = "\033D\033[A\0337\033[B\r"; // below the program's
+    const std::string back = "\033[K\0338";
+    Seen result;
+    bool shown = false;
+    std::size_t at = 0;
+    for (std::size_t line = 0; (line = seen.find(to_line, at)) != seen.npos;) {
+        result.program += seen.substr(at, line - at);
+        result.wiped = result.wiped && (!shown || line == at);
+        const std::string text = seen.substr(line + to_line.size(), 60);
+        std::smatch found;
+        if (std::regex_search(text, found,
+                              std::regex("^qfu-emu: ([0-9]+) %,.* of (16|31|32) KiB"))) {
+            result.percents.push_back(std::stoi(found[1]));
+        }
+        shown = !text.starts_with('\033');
+        at = seen.find(back, line + to_line.size()) + back.size();
+    }
+    result.program += seen.substr(at);
+    result.wiped = result.wiped && !shown;
+    return result;
+}
+
+TEST(QfuEmu, ShowsOnATerminalHowFarALongRunIs) {
+    Folder f;
+    const std::string machine = "[[adapter]]\ndevice = 0xC709\nslot = 2\n"
+                                "[adapter.spi]\npart = \"W25X40\"\n";
+    f.lab.write_file("typical.toml", machine);
+    f.lab.write_file("maximum.toml", "time = \"maximum\"\n" + machine);
+    f.lab.write_file("image.bin", lab::pattern(0x4000));
+    // Who reads the log slowly makes a short run a long one.
+    const auto start = [](const std::string& name, const std::string& pace, const std::string& time,
+                          const std::string& arguments) {
+        return "mkfifo " + name + " && { for i in 1 2 3 4 5; do sleep 0.4; head -c " + pace +
+               "; done; cat; } <" + name + " >/dev/null & TERM=xterm script -E never -qec '" +
+               QFU_TOOLS "/qfu-emu --machine " + time + ".toml --keys y --log " + name + " -- " +
+               arguments + "' " + name + ".seen >/dev/null & ";
+    };
+    shell("cd " + f.lab.folder().string() + "; " +
+          start("program", "1M", "typical", "-wbf image.bin -addr 0 -y") +
+          start("quiet", "1M", "typical", "-wbf image.bin -addr 0 -y 2>errors") +
+          start("quick", "100M", "typical", "-rfb some.bin -addr 0 -sz 5000") +
+          start("dump", "80K", "typical", "-rfb dump.bin -addr 1 -sz 0x8000") +
+          start("erase", "2M", "maximum", "-se -addr 0x100 -sz 0x7f00 -y") + "wait");
+    const auto seen = [&](const std::string& name) {
+        const std::string text = f.lab.read_text(name + ".seen"); // a line of script, then ours
+        return take_apart(text.substr(text.find('\n'), text.rfind("\nScript") - text.find('\n')));
+    };
+    for (const char* name : {"program", "dump", "erase"}) {
+        const Seen run = seen(name);
+        EXPECT_TRUE(run.wiped) << name;
+        EXPECT_GE(run.percents.size(), 2U) << name;
+        EXPECT_TRUE(std::ranges::is_sorted(run.percents)) << name;
+        EXPECT_TRUE(run.percents.empty() || run.percents.back() < 100) << "before the end";
+    }
+    for (const char* name : {"quiet", "quick"}) {
+        EXPECT_EQ(f.lab.read_text(std::string(name) + ".seen").find('\033'), std::string::npos);
+    }
+    EXPECT_EQ(seen("quiet").program, seen("program").program);
+    EXPECT_EQ(f.lab.read_text("errors"), "");
+}
+
 TEST(QfuEmu, TellsWhereTimeWouldGoOnHardware) {
     Folder f;
     f.lab.write_file("image.bin", lab::pattern(10));
