@@ -22,11 +22,11 @@ unsigned long long whole(std::uint64_t number) {
 } // namespace
 
 BusSummary::BusSummary(Machine& machine, const Clock& clock) : machine_(&machine), clock_(&clock) {
-    machine.journal().connect(this);
+    machine.journal().connect(*this);
 }
 
 BusSummary::~BusSummary() {
-    machine_->journal().connect(nullptr);
+    machine_->journal().disconnect(*this);
 }
 
 void BusSummary::see(std::string_view place, const SpiTransfer& transfer, Operation operation,

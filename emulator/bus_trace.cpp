@@ -77,11 +77,11 @@ BusTrace::BusTrace(const TraceOptions& options, std::span<const std::filesystem:
         declare(*adapter);
     }
     marks_ = {declare_marks(spi_file_), declare_marks(register_file_)};
-    journal_->connect(this);
+    journal_->connect(*this);
 }
 
 BusTrace::~BusTrace() {
-    journal_->connect(nullptr);
+    journal_->disconnect(*this);
 }
 
 BusTrace::MarkWires BusTrace::declare_marks(VcdFile& file) {
@@ -264,7 +264,7 @@ void BusTrace::write_marks() {
 }
 
 void BusTrace::finish(const char* program) {
-    journal_->connect(nullptr);
+    journal_->disconnect(*this);
     const std::uint64_t now = clock_->now_ns();
     if (now - start_ns_ < to_ns_) {
         end_busy(now);

@@ -222,8 +222,7 @@ int main(int argc, char** argv) try {
         ->check(CLI::IsMember({"text", "json"}));
     app.add_flag("--summary", options.summary,
                  "print at the end, on standard error, which operations ran on the flash bus, how "
-                 "often and how long; not together with --trace")
-        ->excludes("--trace");
+                 "often and how long");
     CLI::App* known = app.add_subcommand("list", "print what machine files can name");
     known->add_option("things", options.things, "parts, adapters or faults");
     set_usage(*known, "Usage: qfu-emu list parts|adapters|faults");

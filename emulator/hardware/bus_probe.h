@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 namespace emulator {
 
@@ -43,6 +44,39 @@ class BusProbe {
     virtual void see(std::string_view adapter, const RegisterAccess& access) = 0;
     /// Something to look at has happened: a misuse, a fault, a loss of power.
     virtual void mark(std::string_view what) = 0;
+};
+
+/// Probes at the same place, all of which see the same.
+class BusProbes final : public BusProbe {
+  public:
+    void add(BusProbe& probe) { probes_.push_back(&probe); }
+    void remove(const BusProbe& probe) { std::erase(probes_, &probe); }
+    bool empty() const { return probes_.empty(); }
+
+    void see(std::string_view place, const SpiTransfer& transfer, Operation operation,
+             const SpiChip* chip) override {
+        for (BusProbe* probe : probes_) {
+            probe->see(place, transfer, operation, chip);
+        }
+    }
+    void see(std::string_view place, const NorCycle& cycle, const NorChip* chip) override {
+        for (BusProbe* probe : probes_) {
+            probe->see(place, cycle, chip);
+        }
+    }
+    void see(std::string_view adapter, const RegisterAccess& access) override {
+        for (BusProbe* probe : probes_) {
+            probe->see(adapter, access);
+        }
+    }
+    void mark(std::string_view what) override {
+        for (BusProbe* probe : probes_) {
+            probe->mark(what);
+        }
+    }
+
+  private:
+    std::vector<BusProbe*> probes_;
 };
 
 } // namespace emulator

@@ -9,8 +9,8 @@ namespace emulator {
 void Journal::misuse(std::string what) {
     constexpr std::size_t kKept = 500;
     ++misuse_count_;
-    if (probe_ != nullptr) {
-        probe_->mark("misuse: " + what);
+    if (!probes_.empty()) {
+        probes_.mark("misuse: " + what);
     }
     if (misuses_.size() < kKept) {
         misuses_.push_back(std::move(what));

@@ -33,12 +33,17 @@ class Journal {
     }
     /// Has somebody told when who looks at register accesses has changed.
     void when_listener_changes(std::function<void()> tell) { tell_ = std::move(tell); }
-    /// Connects a probe, or takes it away.
-    void connect(BusProbe* probe) {
-        probe_ = probe;
+    /// Connects a probe beside those that are connected, or takes it away if it is.
+    void connect(BusProbe& probe) {
+        probes_.add(probe);
         tell_();
     }
-    BusProbe* probe() const { return probe_; }
+    void disconnect(const BusProbe& probe) {
+        probes_.remove(probe);
+        tell_();
+    }
+    /// What stands for the connected probes, or null.
+    BusProbe* probe() { return probes_.empty() ? nullptr : &probes_; }
     bool wants_cycles() const { return static_cast<bool>(cycles_); }
     bool wants_registers() const { return static_cast<bool>(registers_); }
     void cycle(std::string_view line) const { cycles_(line); }
@@ -49,7 +54,7 @@ class Journal {
     std::uint64_t misuse_count_ = 0;
     Listener cycles_;
     Listener registers_;
-    BusProbe* probe_ = nullptr;
+    BusProbes probes_;
     std::function<void()> tell_ = [] {};
 };
 
