@@ -278,4 +278,16 @@ void BusTrace::finish(const char* program) {
     register_file_.finish(time_);
 }
 
+std::optional<BusTrace> start_trace(const TraceOptions& options,
+                                    std::vector<std::filesystem::path> inputs,
+                                    const std::string& log, Machine& machine, const Clock& clock) {
+    if (options.file.empty()) {
+        return std::nullopt;
+    }
+    if (!log.empty()) {
+        inputs.emplace_back(log);
+    }
+    return std::optional<BusTrace>(std::in_place, options, inputs, machine, clock);
+}
+
 } // namespace emulator

@@ -98,4 +98,11 @@ class BusTrace final : public BusProbe {
     bool empty_ = true;
 };
 
+/// Connects the trace that the options ask for, if they do.
+/// @param log  the cycle log's file, which the trace must not replace either; empty: none
+/// @throws support::InputError when a file is refused or cannot be written
+std::optional<BusTrace> start_trace(const TraceOptions& options,
+                                    std::vector<std::filesystem::path> inputs,
+                                    const std::string& log, Machine& machine, const Clock& clock);
+
 } // namespace emulator

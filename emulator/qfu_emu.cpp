@@ -130,14 +130,7 @@ int run(const Options& options) {
     const auto machine = build_machine(description, clock, images);
     machine->assign_bars();
     CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
-    std::optional<BusTrace> trace;
-    if (!options.trace.file.empty()) {
-        std::vector<std::filesystem::path> others = inputs(options, images);
-        if (!options.log.empty()) {
-            others.emplace_back(options.log);
-        }
-        trace.emplace(options.trace, others, *machine, clock);
-    }
+    auto trace = start_trace(options.trace, inputs(options, images), options.log, *machine, clock);
     std::optional<BusSummary> summary;
     if (options.summary) {
         summary.emplace(*machine, clock);

@@ -87,14 +87,7 @@ int run(const Options& options) {
     } else {
         bridge = std::make_unique<QemuBridge>(*machine);
     }
-    std::optional<BusTrace> trace;
-    if (!options.trace.file.empty()) {
-        std::vector<std::filesystem::path> others = inputs(options, images);
-        if (!options.log.empty()) {
-            others.emplace_back(options.log);
-        }
-        trace.emplace(options.trace, others, *machine, clock);
-    }
+    auto trace = start_trace(options.trace, inputs(options, images), options.log, *machine, clock);
     std::vector<std::string> command = options.command;
     const auto devices = bridge->arguments();
     command.insert(command.end(), devices.begin(), devices.end());
