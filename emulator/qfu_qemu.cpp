@@ -81,13 +81,13 @@ int run(const Options& options) {
                   << ": is read-only; what the guest writes to its chip will be lost\n";
     }
     CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
+    auto trace = start_trace(options.trace, inputs(options, images), options.log, *machine, clock);
     std::unique_ptr<GuestBridge> bridge;
     if (options.driver) {
         bridge = std::make_unique<DriverBridge>(*machine);
     } else {
         bridge = std::make_unique<QemuBridge>(*machine);
     }
-    auto trace = start_trace(options.trace, inputs(options, images), options.log, *machine, clock);
     std::vector<std::string> command = options.command;
     const auto devices = bridge->arguments();
     command.insert(command.end(), devices.begin(), devices.end());
