@@ -23,10 +23,6 @@ constexpr std::uint8_t kAck = 0x06;
 constexpr std::uint8_t kNak = 0x15;
 constexpr std::uint8_t kSpiBus = 0x08; ///< bit of the bus types
 
-[[noreturn]] void fail(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
 /// A number of `count` bytes, the lowest first.
 std::uint32_t number(std::span<const std::uint8_t> bytes) {
     std::uint32_t value = 0;
@@ -244,7 +240,7 @@ std::uint16_t SerprogServer::port() const {
     sockaddr_in address{};
     socklen_t size = sizeof address;
     if (getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        fail("getsockname");
+        throw std::system_error(errno, std::generic_category(), "getsockname");
     }
     return ntohs(address.sin_port);
 }

@@ -1,5 +1,7 @@
 #include "hardware/adapter.h"
 
+#include "hardware/units.h"
+
 #include <array>
 #include <utility>
 
@@ -31,8 +33,6 @@ constexpr std::uint32_t kSpiSpace = 0x06000000;
 constexpr std::uint32_t kSetUpIndex = 0x02000070;
 constexpr std::uint32_t kSpiCommand = 0;
 constexpr std::uint32_t kSpiSetUp = 20;
-
-constexpr std::uint32_t kKiB = 1024;
 
 PciBars bars(Interface interface) {
     constexpr std::uint32_t kPrefetchable = 0x8;

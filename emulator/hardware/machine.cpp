@@ -5,8 +5,8 @@
 namespace emulator {
 namespace {
 
-constexpr std::uint64_t kWindowBase = 0xC0000000;
-constexpr std::uint64_t kWindowEnd = 0xFC000000;
+constexpr std::uint64_t kMemoryWindow = 0xC0000000;
+constexpr std::uint64_t kMemoryWindowEnd = 0xFC000000;
 
 } // namespace
 
@@ -37,7 +37,7 @@ NorChip& Machine::add_nor_chip(Adapter& adapter, const NorPart& part, BusyTimes 
 
 void Machine::assign_bars() {
     constexpr std::uint32_t kMemoryDecoding = 0x2;
-    std::uint32_t next = kWindowBase;
+    std::uint32_t next = kMemoryWindow;
     for (const auto& adapter : adapters_) {
         PciFunction& pci = adapter->pci();
         for (int bar = 0; bar < 6; ++bar) {
@@ -62,7 +62,7 @@ std::uint32_t Machine::config_read(PciAddress address, std::uint32_t offset, int
 }
 
 bool Machine::in_memory_window(std::uint64_t address) {
-    return address >= kWindowBase && address < kWindowEnd;
+    return address >= kMemoryWindow && address < kMemoryWindowEnd;
 }
 
 std::uint64_t Machine::accesses() const {

@@ -53,15 +53,15 @@ bool NorController::has_register(std::uint32_t offset) {
 
 std::uint32_t* NorController::find_cycle_register(std::uint32_t offset, bool written) {
     constexpr std::uint32_t kHalf = 0x18;
-    constexpr std::uint32_t kData = 0x0C;
+    constexpr std::uint32_t kDataRegisters = 0x0C;
     if (offset < kCycleRegisters || offset >= kCycleRegistersEnd) {
         return nullptr;
     }
     const std::uint32_t place = (offset - kCycleRegisters) % kHalf;
-    Cycle& cycle = cycles_[(offset - kCycleRegisters) / kHalf * 3 + place % kData / 4];
-    bool& loaded = place < kData ? cycle.has_address : cycle.has_data;
+    Cycle& cycle = cycles_[(offset - kCycleRegisters) / kHalf * 3 + place % kDataRegisters / 4];
+    bool& loaded = place < kDataRegisters ? cycle.has_address : cycle.has_data;
     loaded = loaded || written;
-    return place < kData ? &cycle.address : &cycle.data;
+    return place < kDataRegisters ? &cycle.address : &cycle.data;
 }
 
 std::uint32_t NorController::read(std::uint32_t offset) {

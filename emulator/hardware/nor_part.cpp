@@ -1,12 +1,11 @@
 #include "hardware/nor_part.h"
 
+#include "hardware/units.h"
+
 namespace emulator {
 namespace {
 
-constexpr std::uint32_t kKiB = 1024;
-constexpr std::uint32_t kMiB = 1024 * kKiB;
-
-constexpr NorPart kParts[] = {
+constexpr NorPart kNorParts[] = {
     {0x0001, 0x227E, 8 * kMiB, false},
     {0x00C2, 0x22C9, 8 * kMiB, false},
     {0x00C2, 0x22CB, 8 * kMiB, false},
@@ -18,11 +17,11 @@ constexpr NorPart kParts[] = {
 } // namespace
 
 std::span<const NorPart> nor_parts() {
-    return kParts;
+    return kNorParts;
 }
 
 const NorPart* find_nor_part(std::uint32_t id) {
-    for (const NorPart& part : kParts) {
+    for (const NorPart& part : kNorParts) {
         if (part.id() == id) {
             return &part;
         }

@@ -76,7 +76,7 @@ enum class Role : std::uint8_t {
     kPreparation,
 };
 
-constexpr std::array<std::pair<PhyFaultKind, std::string_view>, 4> kFaultKinds = {
+constexpr std::array<std::pair<PhyFaultKind, std::string_view>, 4> kPhyFaultKinds = {
     {
      {PhyFaultKind::kNoPass, "no pass"},
      {PhyFaultKind::kNoLock, "no lock"},
@@ -89,13 +89,13 @@ constexpr std::array<std::pair<PhyFaultKind, std::string_view>, 4> kFaultKinds =
 
 std::vector<std::string_view> phy_fault_kind_names() {
     std::vector<std::string_view> names;
-    std::ranges::transform(kFaultKinds, std::back_inserter(names),
+    std::ranges::transform(kPhyFaultKinds, std::back_inserter(names),
                            [](const auto& row) { return row.second; });
     return names;
 }
 
 std::optional<PhyFaultKind> phy_fault_kind_named(std::string_view name) {
-    for (const auto& [kind, known] : kFaultKinds) {
+    for (const auto& [kind, known] : kPhyFaultKinds) {
         if (known == name) {
             return kind;
         }

@@ -1,13 +1,12 @@
 #include "hardware/spi_part.h"
 
+#include "hardware/units.h"
+
 #include <algorithm>
 #include <iterator>
 
 namespace emulator {
 namespace {
-
-constexpr std::uint32_t kKiB = 1024;
-constexpr std::uint32_t kMiB = 1024 * kKiB;
 
 constexpr EraseCommand k4K{0x20, 4 * kKiB};
 constexpr EraseCommand k32K{0x52, 32 * kKiB};
@@ -37,7 +36,7 @@ constexpr Protection kOpen = Protection::kOpenAtPowerUp;
 constexpr Protection kBits = Protection::kBlockBitsSet;
 constexpr Protection kSectors = Protection::kSectorRegisters;
 
-constexpr SpiPart kParts[] = {
+constexpr SpiPart kSpiParts[] = {
   // name, identification opcode, length and bytes, size, erase commands, protection, writes
     {"W25X10",      0x9F, 3, {0xEF, 0x30, 0x11}, 128 * kKiB, &k4K64K,           kOpen,    &kPages},
     {"W25X20",      0x9F, 3, {0xEF, 0x30, 0x12}, 256 * kKiB, &k4K64K,           kOpen,    &kPages},
@@ -102,7 +101,7 @@ constexpr SpiPart kParts[] = {
 } // namespace
 
 std::span<const SpiPart> spi_parts() {
-    return kParts;
+    return kSpiParts;
 }
 
 bool asks_for_identification(std::uint8_t opcode) {
@@ -111,7 +110,7 @@ bool asks_for_identification(std::uint8_t opcode) {
 }
 
 const SpiPart* find_spi_part(std::string_view name) {
-    for (const SpiPart& part : kParts) {
+    for (const SpiPart& part : kSpiParts) {
         if (part.name == name) {
             return &part;
         }
