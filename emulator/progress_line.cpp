@@ -7,7 +7,6 @@
 #include <iostream>
 #include <string_view>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -26,15 +25,12 @@ constexpr auto kReadable = 250ms;
 constexpr char kToOwnLine[] = "\033D\033[A\0337\033[B\r";
 constexpr char kBack[] = "\033[K\0338";
 
-/// True when standard error is a terminal that can move its cursor. What the program prints goes to
-/// the same one or to a file: at the end of a pipe there may be somebody who prints on the terminal
-/// at any time.
+/// True when what is printed goes to a terminal that can move its cursor. At the end of a pipe
+/// there may be somebody who prints on the terminal at any time.
 bool is_place_for_a_line() {
-    struct stat output {};
     const char* terminal = std::getenv("TERM");
-    return isatty(STDERR_FILENO) != 0 && terminal != nullptr &&
-           std::string_view(terminal) != "dumb" && fstat(STDOUT_FILENO, &output) == 0 &&
-           (S_ISREG(output.st_mode) || S_ISCHR(output.st_mode));
+    return isatty(STDOUT_FILENO) != 0 && isatty(STDERR_FILENO) != 0 && terminal != nullptr &&
+           std::string_view(terminal) != "dumb";
 }
 
 std::size_t columns() {

@@ -195,6 +195,7 @@ TEST(QfuEmu, ShowsOnATerminalHowFarALongRunIs) {
     shell("cd " + f.lab.folder().string() + "; " +
           start("program", "1M", "typical", "-wbf image.bin -addr 0 -y") +
           start("quiet", "1M", "typical", "-wbf image.bin -addr 0 -y 2>errors") +
+          start("file", "1M", "typical", "-wbf image.bin -addr 0 -y >output") +
           start("quick", "100M", "typical", "-rfb some.bin -addr 0 -sz 5000") +
           start("dump", "80K", "typical", "-rfb dump.bin -addr 1 -sz 0x8000") +
           start("erase", "2M", "maximum", "-se -addr 0x100 -sz 0x7f00 -y") + "wait");
@@ -209,7 +210,7 @@ TEST(QfuEmu, ShowsOnATerminalHowFarALongRunIs) {
         EXPECT_TRUE(std::ranges::is_sorted(run.percents)) << name;
         EXPECT_TRUE(run.percents.empty() || run.percents.back() < 100) << "before the end";
     }
-    for (const char* name : {"quiet", "quick"}) {
+    for (const char* name : {"quiet", "file", "quick"}) {
         EXPECT_EQ(f.lab.read_text(std::string(name) + ".seen").find('\033'), std::string::npos);
     }
     EXPECT_EQ(seen("quiet").program, seen("program").program);
