@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <iomanip>
+#include <nlohmann/json.hpp>
 
 namespace chiplist {
 namespace {

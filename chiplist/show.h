@@ -4,7 +4,7 @@
 #include "chip_list.h"
 #include "finding.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <ostream>
 
 namespace chiplist {

@@ -3,9 +3,9 @@
 
 #include "hardware/bus_probe.h"
 #include "hardware/machine.h"
+#include "trace_options.h"
 #include "vcd_file.h"
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <filesystem>
 #include <map>
@@ -15,16 +15,6 @@
 #include <vector>
 
 namespace emulator {
-
-/// What is traced, from the command line.
-struct TraceOptions {
-    std::string file;         ///< empty: nothing
-    double from_seconds = 0;  ///< since the start
-    double to_seconds = 1e12; ///< not included
-
-    /// Adds --trace, --trace-from and --trace-to.
-    void add_to(CLI::App& app);
-};
 
 /// Records the SPI buses as single wires in one file, and registers and parallel buses, which are
 /// many lines wide, in a second one beside it.

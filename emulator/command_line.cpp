@@ -3,6 +3,7 @@
 #include "support/nearest_word.h"
 #include "support/output_file.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
 #include <memory>

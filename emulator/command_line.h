@@ -1,11 +1,14 @@
 // What the emulator's programs have in common on their command lines.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+namespace CLI {
+class App;
+} // namespace CLI
 
 namespace emulator {
 

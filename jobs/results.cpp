@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iomanip>
+#include <nlohmann/json.hpp>
 #include <ostream>
 
 namespace jobs {

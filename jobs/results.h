@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <iosfwd>
 #include <map>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
