@@ -71,6 +71,7 @@ int run_compile(const Options& options) {
 
 int run_results(const Options& options) {
     Results results;
+    std::vector<std::string> missing;
     for (const std::string& log : options.logs) {
         const std::filesystem::path folder = log;
         // A stick has its results beside the job.
@@ -80,13 +81,14 @@ int run_results(const Options& options) {
         if (!file) {
             throw support::InputError(name.string() + ": cannot be read: " + std::strerror(errno));
         }
-        results.add(std::string(std::istreambuf_iterator<char>(file), {}), log);
+        if (!results.add(std::string(std::istreambuf_iterator<char>(file), {}), log)) {
+            missing.push_back(log + ": holds no line of a job");
+        }
     }
-    std::vector<ExpectedMachine> expected;
     if (!options.expected.empty()) {
-        expected = load_expected(options.expected);
+        std::ranges::copy(results.missing(load_expected(options.expected)),
+                          std::back_inserter(missing));
     }
-    const std::vector<std::string> missing = results.missing(expected);
     const bool complete = missing.empty() && !results.adapters().empty() &&
                           std::ranges::all_of(results.adapters(), &AdapterResult::is_done);
     if (options.json) {

@@ -3,6 +3,7 @@
 #include "support/table_reader.h"
 
 #include <algorithm>
+#include <cctype>
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -10,6 +11,7 @@
 namespace jobs {
 namespace {
 
+constexpr std::string_view kJob = "QFU-JOB ";
 constexpr std::string_view kFound = "QFU-FOUND ";
 constexpr std::string_view kResult = "QFU-RESULT ";
 constexpr std::string_view kEnd = " ;";
@@ -53,8 +55,18 @@ AdapterResult parse(std::string_view line, const std::string& file) {
     return result;
 }
 
+/// Boards that left the factory without a UUID of their own can share one, so the serial number
+/// counts too. Of machines without any name nobody knows which is which; then each file is one.
 bool same_machine(const AdapterResult& a, const AdapterResult& b) {
-    return a.word("machine") == b.word("machine");
+    return a.word("machine") == b.word("machine") && a.word("serial") == b.word("serial") &&
+           (a.word("machine") != "unknown" || a.file == b.file);
+}
+
+/// UUIDs are written with capitals, too.
+bool same_name(std::string_view a, std::string_view b) {
+    return std::ranges::equal(
+        a, b, {}, [](unsigned char c) { return std::tolower(c); },
+        [](unsigned char c) { return std::tolower(c); });
 }
 
 } // namespace
@@ -68,22 +80,25 @@ bool AdapterResult::is_done() const {
     return word("status") == "done" || word("status") == "held";
 }
 
-std::vector<ExpectedMachine> load_expected(const std::filesystem::path& file) {
+Expected load_expected(const std::filesystem::path& file) {
     const toml::table root = support::parse_toml(file);
     support::TableReader reader(root, file);
-    std::vector<ExpectedMachine> expected;
+    Expected expected;
+    expected.job = reader.text("job", "");
     for (const toml::table* table : reader.tables("machine")) {
         support::TableReader machine(*table, file);
         const std::string name = machine.text("name");
-        expected.push_back({name, static_cast<std::size_t>(machine.number("adapters", 1, 6, 1))});
+        expected.machines.push_back(
+            {name, static_cast<std::size_t>(machine.number("adapters", 1, 6, 1))});
         machine.finish();
     }
     reader.finish();
     return expected;
 }
 
-void Results::add(std::string_view log, const std::string& file) {
+bool Results::add(std::string_view log, const std::string& file) {
     const std::string text = plain(log);
+    bool any = false;
     std::size_t at = 0;
     while ((at = text.find("QFU-", at)) != std::string::npos) {
         const std::size_t next = text.find("QFU-", at + 1);
@@ -91,25 +106,29 @@ void Results::add(std::string_view log, const std::string& file) {
             std::string_view(text).substr(at, std::min(next - at, kLongestLine));
         const std::size_t end = rest.find(kEnd);
         if (end != std::string_view::npos) {
-            add_line(rest.substr(0, end), file);
+            any = add_line(rest.substr(0, end), file) || any;
         }
         ++at;
     }
+    return any;
 }
 
-void Results::add_line(std::string_view line, const std::string& file) {
-    const bool found = line.starts_with(kFound);
-    if (!found && !line.starts_with(kResult)) {
-        return;
+bool Results::add_line(std::string_view line, const std::string& file) {
+    const bool begun = line.starts_with(kJob);
+    if (!begun && !line.starts_with(kFound) && !line.starts_with(kResult)) {
+        return false;
     }
     AdapterResult result = parse(line, file);
-    if (found) {
+    if (!line.starts_with(kResult)) {
         result.words.emplace("status", "unfinished");
         result.text = "no result; was the power lost?";
     }
+    if (begun) {
+        result.words.emplace("adapter", "none");
+    }
     if (result.word("adapter") == "none") {
-        refuse_machine(result);
-        return;
+        judge_machine(result);
+        return true;
     }
     // What an earlier start said about the machine as a whole is over.
     std::erase_if(adapters_, [&](const AdapterResult& other) {
@@ -123,30 +142,33 @@ void Results::add_line(std::string_view line, const std::string& file) {
     } else {
         *same = std::move(result);
     }
+    return true;
 }
 
-/// A job that was refused says so once for its machine.
-void Results::refuse_machine(const AdapterResult& refusal) {
+/// A job that was refused says so once for its machine, and so does one that only began.
+void Results::judge_machine(const AdapterResult& verdict) {
     bool stands = false;
     for (AdapterResult& adapter : adapters_) {
-        if (same_machine(adapter, refusal) &&
+        if (same_machine(adapter, verdict) &&
             (adapter.word("status") == "unfinished" || adapter.word("adapter") == "none")) {
-            adapter.words["status"] = refusal.word("status");
-            adapter.text = refusal.text;
+            adapter.words["status"] = verdict.word("status");
+            adapter.text = verdict.text;
             stands = true;
         }
     }
     if (!stands) {
-        adapters_.push_back(refusal);
+        adapters_.push_back(verdict);
     }
 }
 
-std::vector<std::string> Results::missing(const std::vector<ExpectedMachine>& expected) const {
+std::vector<std::string> Results::missing(const Expected& expected) const {
     std::vector<std::string> sentences;
-    for (const ExpectedMachine& machine : expected) {
+    for (const ExpectedMachine& machine : expected.machines) {
         const auto done = std::ranges::count_if(adapters_, [&](const AdapterResult& adapter) {
-            return adapter.is_done() && (adapter.word("machine") == machine.name ||
-                                         adapter.word("serial") == machine.name);
+            return adapter.is_done() &&
+                   (expected.job.empty() || adapter.word("job") == expected.job) &&
+                   (same_name(adapter.word("machine"), machine.name) ||
+                    same_name(adapter.word("serial"), machine.name));
         });
         if (static_cast<std::size_t>(done) < machine.adapters) {
             sentences.push_back(machine.name + ": " + std::to_string(done) + " of " +

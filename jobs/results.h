@@ -30,8 +30,14 @@ struct ExpectedMachine {
     std::size_t adapters;
 };
 
+/// What must be done.
+struct Expected {
+    std::string job; ///< only what this job did counts; empty: any job
+    std::vector<ExpectedMachine> machines;
+};
+
 /// Reads a list of machines. @throws support::InputError with file, line and key
-std::vector<ExpectedMachine> load_expected(const std::filesystem::path& file);
+Expected load_expected(const std::filesystem::path& file);
 
 /// The adapters of all files read so far. What a later line says replaces what an earlier one said
 /// about the same machine and place.
@@ -39,16 +45,17 @@ class Results {
   public:
     /// Takes the lines out of a log's text. Escape sequences and line ends in the middle of a line,
     /// which terminals put there, do not matter.
-    void add(std::string_view log, const std::string& file);
+    /// @returns false when it holds no line of a job
+    bool add(std::string_view log, const std::string& file);
 
     const std::vector<AdapterResult>& adapters() const { return adapters_; }
 
     /// Sentences about machines with fewer adapters done than expected.
-    std::vector<std::string> missing(const std::vector<ExpectedMachine>& expected) const;
+    std::vector<std::string> missing(const Expected& expected) const;
 
   private:
-    void add_line(std::string_view line, const std::string& file);
-    void refuse_machine(const AdapterResult& refusal);
+    bool add_line(std::string_view line, const std::string& file);
+    void judge_machine(const AdapterResult& verdict);
 
     std::vector<AdapterResult> adapters_;
 };

@@ -49,36 +49,54 @@ TEST(Job, IsRefusedWithTheLineAndWhatIsAllowed) {
 
 TEST(Results, AreFoundInALogAndKeptByMachineAndPlace) {
     const std::string bad =
-        "QFU-RESULT machine=A adapter=1 place=[Bus=1] status=failed -- FAILED. ;";
+        "QFU-RESULT machine=A serial=S1 adapter=1 place=[Bus=1] status=failed -- FAILED. ;";
     jobs::Results results;
-    results.add("\x1b[2J\x1b[01;01HQFU-FOUND machine=A serial=S1 adapter=0 place=[Bus=0] ;\r\n"
-                "QFU-FOUND machine=A adapter=1 place=[Bus=1] ;\r\n"
-                "QFU-RESULT machine=A serial=S1 adapter=0 place=[Bus=0] sta\r\n\x1b[37mtus=done -- "
-                "done. ;\r\n",
+    results.add("\x1b[2J\x1b[01;01HQFU-JOB machine=A serial=S1 job=new ;\r\n", "first");
+    ASSERT_EQ(results.adapters().size(), 1U);
+    EXPECT_EQ(results.adapters()[0].word("status"), "unfinished");
+    results.add("QFU-FOUND machine=A serial=S1 job=new adapter=0 place=[Bus=0] ;\r\n"
+                "QFU-FOUND machine=A serial=S1 adapter=1 place=[Bus=1] ;\r\n"
+                "QFU-RESULT machine=A serial=S1 job=new adapter=0 place=[Bus=0] sta\r\n\x1b[37mtus="
+                "done -- done. ;\r\n",
                 "first");
     ASSERT_EQ(results.adapters().size(), 2U);
     EXPECT_TRUE(results.adapters()[0].is_done());
     EXPECT_EQ(results.adapters()[0].text, "done.");
     EXPECT_EQ(results.adapters()[1].word("status"), "unfinished");
-    results.add("QFU-RESULT machine=A adapter=none status=refused -- damaged. ;", "second");
+    results.add("QFU-RESULT machine=A serial=S1 adapter=none status=refused -- damaged. ;",
+                "second");
     EXPECT_EQ(results.adapters()[1].text, "damaged.");
     EXPECT_TRUE(results.adapters()[0].is_done()) << "what was done stays done";
     // A line that was cut, with the next one behind it.
-    results.add("QFU-RESULT machine=A adapter=1 place=[Bus=1] status=held" + bad, "third");
+    EXPECT_TRUE(results.add("QFU-RESULT machine=A adapter=1 place=[Bus=1] status=held" + bad, "3"));
+    EXPECT_FALSE(results.add("BdsDxe: no bootable device", "third"));
     ASSERT_EQ(results.adapters().size(), 2U);
     EXPECT_EQ(results.adapters()[1].word("status"), "failed");
     EXPECT_EQ(
         results.missing({
-            {"S1", 1},
-            {"A",  2},
-            {"B",  1}
+            "", {{"s1", 1}, {"A", 2}, {"B", 1}}
     }),
         (std::vector<std::string>{"A: 1 of 2 adapters are done", "B: 0 of 1 adapters are done"}));
+    EXPECT_EQ(results.missing({"new", {{"a", 1}}}), std::vector<std::string>{});
+    EXPECT_EQ(results.missing({"old", {{"A", 1}}}).size(), 1U);
     results.add("QFU-RESULT machine=B adapter=none status=refused -- none. ;", "fourth");
     results.add("QFU-FOUND machine=B adapter=0 place=[Bus=0] ;", "fifth");
     ASSERT_EQ(results.adapters().size(), 3U);
     EXPECT_EQ(results.adapters()[2].word("adapter"), "0");
     EXPECT_EQ(jobs::to_json(results)[1]["says"], "FAILED.");
+}
+
+TEST(Results, OfTwoMachinesAreNotMixedWhereNamesAreEqual) {
+    jobs::Results results;
+    const auto add = [&](const std::string& name, const char* status, const char* file) {
+        results.add("QFU-RESULT " + name + " adapter=0 place=[Bus=0] status=" + status + " ;",
+                    file);
+    };
+    add("machine=A serial=S1", "failed", "first");
+    add("machine=A serial=S2", "done", "second");
+    add("machine=unknown serial=unknown", "failed", "first");
+    add("machine=unknown serial=unknown", "done", "second");
+    EXPECT_EQ(results.adapters().size(), 4U);
 }
 
 TEST(Sha256, GivesThePublishedSums) {
