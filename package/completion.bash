@@ -1,4 +1,4 @@
-# Completes the words of qfu-emu, qfu-qemu, qfu-serprog and spilist from what their own --help prints.
+# Completes the words of qfu-emu, qfu-job, qfu-qemu, qfu-serprog and spilist from what their own --help prints.
 
 # The words that start a line of the section $1 of the help on standard input.
 _qfu_section() {
@@ -32,4 +32,4 @@ _qfu_tool() {
 }
 
 # Where nothing is found, file names.
-complete -o default -F _qfu_tool qfu-emu qfu-qemu qfu-serprog spilist
+complete -o default -F _qfu_tool qfu-emu qfu-job qfu-qemu qfu-serprog spilist
