@@ -7,15 +7,19 @@
 #include "efi.h"
 #include "machine_name.h"
 #include "memory_disk.h"
+#include "shell_variable.h"
 #include "sums.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 
 namespace {
 
-constexpr char16_t kShell[] = u"\\qfu\\shell.efi";
+// One medium has a folder for each processor.
+constexpr char16_t kFolder[] = QFU_FOLDER;
+constexpr char16_t kShell[] = QFU_FOLDER u"\\shell.efi";
 // The first word stands for the program's name. "-delay:0" is refused by the shell.
 constexpr char16_t kLoadOptions[] = u"shell.efi -delay 0";
 constexpr char kVolumeSection[] = ".volume";
@@ -189,6 +193,7 @@ extern "C" EFI_STATUS EFIAPI starter_entry(EFI_HANDLE self, EFI_SYSTEM_TABLE* sy
             return stop(system, u"firmware takes no volume in memory.", EFI_UNSUPPORTED);
         }
     }
+    set_shell_variable(system, u"QfuFolder", std::span(kFolder).first(std::size(kFolder) - 1));
     tell_machine_name(system);
     check_sums(system, device);
     const EFI_STATUS status = start_shell(boot, self, device);
@@ -199,7 +204,8 @@ extern "C" EFI_STATUS EFIAPI starter_entry(EFI_HANDLE self, EFI_SYSTEM_TABLE* sy
     case EFI_ACCESS_DENIED:
         return stop(system, u"Secure Boot refuses the medium's shell.", status);
     default:
-        return stop(system, u"the medium's shell \\qfu\\shell.efi did not start, or failed.",
+        return stop(system,
+                    u"the medium's shell " QFU_FOLDER u"\\shell.efi did not start, or failed.",
                     status);
     }
 }

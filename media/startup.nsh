@@ -2,8 +2,8 @@
 # What the shell of a boot medium runs. The job is in a script of its own, so that an error in it, or
 # Ctrl-C, still comes back here.
 %homefilesystem%
-cd \qfu
-set -v JobHome %homefilesystem%\qfu
+cd %QfuFolder%
+set -v JobHome %homefilesystem%%QfuFolder%
 if not exist \job\plan.nsh then
   type prompt.txt
   exit /b

@@ -15,6 +15,8 @@ struct Driver {
     EFI_BOOT_SERVICES* boot;
     Mailbox* mailbox;
     volatile UINT32* doorbell;
+    RootBridge* bridge;
+    UINT64 function; ///< the shared memory's, as the root bridge's functions take it
     EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_ACCESS config; ///< the firmware's own
     EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_ACCESS memory;
 };
@@ -120,23 +122,45 @@ UINT32 config_dword(RootBridge* bridge, UINT64 address) {
                                                                                             : 0;
 }
 
-/// Finds the shared memory on bus 0 and lets it answer; firmware leaves that to a device's driver.
-bool find_mailbox(RootBridge* bridge) {
+/// Lets the shared memory answer; firmware leaves that to a device's driver.
+void turn_memory_on(RootBridge* bridge, UINT64 function) {
     constexpr UINT64 kCommand = 0x04;
     constexpr UINT32 kMemoryDecoding = 0x2;
+    UINT32 command = config_dword(bridge, function | kCommand) | kMemoryDecoding;
+    bridge->Pci.Write(bridge, EfiPciIoWidthUint32, function | kCommand, 1, &command);
+}
+
+EFI_GUID kReadyToBoot = {
+    0x7ce88fb3, 0x4bd7, 0x4679, {0x87, 0xa8, 0xa8, 0xd8, 0xde, 0xe5, 0x0d, 0x2b}
+};
+
+void EFIAPI before_boot(EFI_EVENT /*event*/, void* /*context*/) {
+    turn_memory_on(driver.bridge, driver.function);
+}
+
+/// A driver out of an expansion ROM starts early: firmware turns the memory off again behind it.
+EFI_STATUS turn_memory_on_before_boot() {
+    EFI_EVENT event = nullptr;
+    return driver.boot->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, before_boot, nullptr,
+                                      &kReadyToBoot, &event);
+}
+
+/// Finds the shared memory on bus 0 and lets it answer.
+bool find_mailbox(RootBridge* bridge) {
     for (UINT64 device = 0; device < 32; ++device) {
         const UINT64 function = device << 16;
         if (config_dword(bridge, function) != emulator::mailbox::kVendorAndDevice) {
             continue;
         }
-        UINT32 command = config_dword(bridge, function | kCommand) | kMemoryDecoding;
-        bridge->Pci.Write(bridge, EfiPciIoWidthUint32, function | kCommand, 1, &command);
+        turn_memory_on(bridge, function);
         const UINT64 registers = config_dword(bridge, function | 0x10) & ~0xFU;
         const UINT64 memory = UINT64{config_dword(bridge, function | 0x1C)} << 32 |
                               (config_dword(bridge, function | 0x18) & ~0xFU);
         driver.doorbell =
             reinterpret_cast<volatile UINT32*>(registers + emulator::mailbox::kDoorbell);
         driver.mailbox = reinterpret_cast<Mailbox*>(memory);
+        driver.bridge = bridge;
+        driver.function = function;
         return driver.mailbox->ready.load(std::memory_order_acquire) == emulator::mailbox::kReady;
     }
     return false;
@@ -178,6 +202,10 @@ extern "C" EFI_STATUS EFIAPI bus_driver_entry(EFI_HANDLE image, EFI_SYSTEM_TABLE
     }
     status =
         driver.boot->InstallProtocolInterface(&image, &kInFront, EFI_NATIVE_INTERFACE, nullptr);
+    if (status != EFI_SUCCESS) {
+        return status;
+    }
+    status = turn_memory_on_before_boot();
     if (status != EFI_SUCCESS) {
         return status;
     }

@@ -1,5 +1,6 @@
 #include "guest.h"
 
+#include "guest/driver_bridge.h"
 #include "qemu_bridge.h"
 
 #include <array>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
@@ -164,6 +166,39 @@ const std::vector<std::string> kQ35 = {"qemu-system-x86_64",
 const std::vector<std::string> kVirt = {"qemu-system-aarch64", "-machine", "virt", "-cpu",
                                         "cortex-a57",          "-m",       "512"};
 
+/// An expansion ROM of the device behind the bus driver, out of which firmware starts that driver
+/// before it looks for something to boot.
+void write_driver_rom(const fs::path& driver, const fs::path& rom) {
+    constexpr std::size_t kHeader = 0x40;
+    constexpr std::size_t kBlock = 512;
+    const std::vector<std::uint8_t> image = read_bytes(driver);
+    std::vector<std::uint8_t> bytes(kHeader);
+    const auto put = [&](std::size_t at, std::size_t value, int count) {
+        for (int i = 0; i < count; ++i) {
+            bytes[at++] = static_cast<std::uint8_t>(value >> (8 * i));
+        }
+    };
+    const std::size_t blocks = (kHeader + image.size() + kBlock - 1) / kBlock;
+    constexpr std::size_t kData = 0x1C;
+    put(0, 0xAA55, 2);
+    put(2, blocks, 2);
+    put(4, 0x0EF1, 4); // an EFI image
+    put(8, 0x0B, 2);   // a driver
+    put(10, 0xAA64, 2);
+    put(0x16, kHeader, 2);
+    put(0x18, kData, 2);
+    put(kData, 0x52494350, 4); // "PCIR"
+    put(kData + 4, 0x11101AF4, 4);
+    put(kData + 10, 0x18, 2);
+    put(kData + 16, blocks, 2);
+    put(kData + 20, 0x8003, 2); // EFI code, and no image behind it
+    bytes.insert(bytes.end(), image.begin(), image.end());
+    bytes.resize(blocks * kBlock);
+    std::ofstream(rom, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+}
+
 /// Boots a guest with adapters behind the bridge and the devices to boot from, and waits for its
 /// end.
 std::string run(const fs::path& folder, const Platform& platform, emulator::GuestBridge& bridge,
@@ -246,21 +281,33 @@ GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const st
     return run_guest(kX64, bridge, volume, script, at_console);
 }
 
-std::string boot_medium(emulator::Machine& machine, const fs::path& image, Medium medium,
-                        const Operator& at_console) {
+std::string boot_medium(const Platform& platform, emulator::Machine& machine, const fs::path& image,
+                        Medium medium, const Operator& at_console) {
     const ScratchFolder scratch;
-    const std::string drive = "if=none,id=medium,format=raw,file=" + image.string();
-    // Slots that no adapter of the tests has.
-    const std::vector<std::string> devices =
-        medium == Medium::kStick
-            ? std::vector<std::string>{"-device", "qemu-xhci,addr=0x18",
-                                       "-device", "usb-storage,drive=medium",
-                                       "-drive",  drive}
-            : std::vector<std::string>{"-device", "ahci,id=sata,addr=0x18",
-                                       "-device", "ide-cd,drive=medium,bus=sata.0",
-                                       "-drive",  drive + ",media=cdrom,readonly=on"};
-    emulator::QemuBridge bridge(machine);
-    return run(scratch.path(), kX64, bridge, devices, at_console);
+    std::string drive = "if=none,id=medium,format=raw,file=" + image.string();
+    // At a slot that no adapter of the tests has.
+    std::vector<std::string> devices = {"qemu-xhci,addr=0x18", "usb-storage,drive=medium"};
+    std::unique_ptr<emulator::GuestBridge> bridge;
+    if (medium == Medium::kCd) {
+        drive += ",media=cdrom,readonly=on";
+        devices = {"ahci,id=sata,addr=0x18", "ide-cd,drive=medium,bus=sata.0"};
+    }
+    if (platform.driver) {
+        // Its firmware knows no SATA, and the adapters are where USB controllers have their
+        // registers.
+        devices = {"virtio-scsi-pci,addr=0x18", "scsi-cd,drive=medium"};
+        bridge = std::make_unique<emulator::DriverBridge>(machine);
+    } else {
+        bridge = std::make_unique<emulator::QemuBridge>(machine);
+    }
+    std::vector<std::string> words = {"-drive",   drive,     "-device",
+                                      devices[0], "-device", devices[1]};
+    if (platform.driver) {
+        const fs::path rom = scratch.path() / "driver.rom";
+        write_driver_rom(QFU_BUILD_DIR "/" + platform.build + "/bus-driver.efi", rom);
+        words.insert(words.end(), {"-global", "ivshmem-doorbell.romfile=" + rom.string()});
+    }
+    return run(scratch.path(), platform, *bridge, words, at_console);
 }
 
 void add_program(Volume& volume, const Platform& platform) {

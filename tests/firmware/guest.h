@@ -67,9 +67,11 @@ enum class Medium { kStick, kCd };
 inline constexpr char kPullThePlug[] = "pull the plug";
 
 /// Boots a guest with the machine's adapters from a medium that scripts/media made, and waits until
-/// it powers off. A stick keeps what is written to it. @returns the serial console
-std::string boot_medium(emulator::Machine& machine, const std::filesystem::path& image,
-                        Medium medium, const Operator& at_console);
+/// it powers off. A stick keeps what is written to it. A platform with the driver has CDs only.
+/// @returns the serial console
+std::string boot_medium(const Platform& platform, emulator::Machine& machine,
+                        const std::filesystem::path& image, Medium medium,
+                        const Operator& at_console);
 
 /// Runs a command line of a Linux shell in that folder. @throws std::runtime_error when it fails
 void shell(const std::filesystem::path& folder, const std::string& command);

@@ -65,8 +65,9 @@ struct BootMedium : testing::Test {
 
     /// What the results say after one more start of the machine.
     void boot(
-        Medium medium, const Operator& at_console = [](const std::string&) { return ""; }) {
-        serial = boot_medium(machine, image(), medium, at_console);
+        Medium medium, const Operator& at_console = [](const std::string&) { return ""; },
+        const Platform& platform = kX64) {
+        serial = boot_medium(platform, machine, image(), medium, at_console);
         results.add(serial, "serial");
     }
 
@@ -126,7 +127,9 @@ TEST_F(BootMedium, CdGoesOnWhereThePowerWasLost) {
                            "[Bus=0,Dev=3,Fun=0] unfinished no result; was the power lost?"});
     EXPECT_NE(chip.count(emulator::Operation::kSectorErase), 0U);
     EXPECT_FALSE(std::ranges::equal(chip.contents().first(b.size()), b));
-    boot(Medium::kCd);
+    // The adapter and the CD go into a machine with the other processor.
+    boot(
+        Medium::kCd, [](const std::string&) { return ""; }, kAArch64);
     EXPECT_EQ(lines(),
               std::vector<std::string>{"[Bus=0,Dev=3,Fun=0] done done. The flash holds b.bin; it "
                                        "held b.bin.old000 before."})
@@ -163,8 +166,8 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
 TEST_F(BootMedium, WithoutAJobEndsAtThePromptAndSaysWhatCanBeTyped) {
     add(0xC709, 3);
     shell(QFU_SOURCE_DIR, "cmake --build build/host --target medium");
-    serial = boot_medium(machine, QFU_SOURCE_DIR "/build/qfu-" QFU_VERSION ".img", Medium::kCd,
-                         [](const std::string& line) {
+    serial = boot_medium(kX64, machine, QFU_SOURCE_DIR "/build/qfu-" QFU_VERSION ".img",
+                         Medium::kCd, [](const std::string& line) {
                              return line.find("files that you make are gone") != line.npos
                                         ? "qfu -l\rreset -s\r"
                                         : "";
