@@ -79,3 +79,9 @@ EFI_HANDLE install(const MemoryDisk& disk, EFI_BOOT_SERVICES* boot) {
     }
     return handle;
 }
+
+void remove(EFI_HANDLE handle, EFI_BOOT_SERVICES* boot) {
+    boot->DisconnectController(handle, nullptr, nullptr);
+    boot->UninstallProtocolInterface(handle, &block_io_guid, &device);
+    boot->UninstallProtocolInterface(handle, &device_path_guid, &path);
+}

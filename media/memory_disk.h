@@ -14,3 +14,6 @@ struct MemoryDisk {
 /// Makes the volume a block device and lets firmware's drivers find the file system on it. There
 /// can be one. @returns its handle, or null
 EFI_HANDLE install(const MemoryDisk& disk, EFI_BOOT_SERVICES* boot);
+
+/// Takes the device away from firmware again, which forgets this program's code when it returns.
+void remove(EFI_HANDLE handle, EFI_BOOT_SERVICES* boot);

@@ -197,6 +197,9 @@ extern "C" EFI_STATUS EFIAPI starter_entry(EFI_HANDLE self, EFI_SYSTEM_TABLE* sy
     tell_machine_name(system);
     check_sums(system, device);
     const EFI_STATUS status = start_shell(boot, self, device);
+    if (disk.size != 0) {
+        remove(device, boot);
+    }
     switch (status) {
     case EFI_SUCCESS:
         return status;
