@@ -4,6 +4,7 @@
 \job\settings.nsh
 set -v JobLine "machine=%QfuMachine% serial=%QfuSerial% job=%JobName%"
 set -d JobFailed >v QfuJunk
+set -v JobTold n
 echo "QFU-JOB %JobLine% ;"
 if not "%QfuSums%" == ok then
   set -v JobText "the medium is damaged: %QfuSums% is not what it was. Nothing was written."
@@ -24,6 +25,7 @@ if %JobWrong% == yes then
   set -v JobText "these are not the adapters of the job. Expected: %JobExpected%. Nothing was written."
   goto refuse
 endif
+set -v JobAdapters %JobSeen%
 "%JobHome%\walk.nsh" "%JobHome%\one.nsh"
 exit /b
 
@@ -31,3 +33,4 @@ exit /b
 set -v JobOut "QFU-RESULT %JobLine% adapter=none status=refused -- %JobText% ;"
 echo "%JobOut%"
 "%JobHome%\record.nsh"
+set -v JobAdapters %JobTold%

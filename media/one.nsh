@@ -26,3 +26,4 @@ endif
 set -v JobOut "QFU-RESULT %JobOne% status=%JobDone% -- %QfuResult% ;"
 echo "%JobOut%"
 "%JobHome%\record.nsh"
+set -v JobTold %JobTold%n

@@ -10,7 +10,15 @@ if not exist \job\plan.nsh then
 endif
 cd \job
 set -v JobAtEnd prompt
+set -v JobLine "machine=%QfuMachine% serial=%QfuSerial%"
+set -v JobAdapters unknown
+set -v JobTold none
 "%JobHome%\job.nsh"
+if not %JobTold% == %JobAdapters% then
+  set -v JobOut "QFU-RESULT %JobLine% adapter=none status=unfinished -- the job was stopped before its end. ;"
+  echo "%JobOut%"
+  "%JobHome%\record.nsh"
+endif
 if "%JobAtEnd%" == "power off" then
   reset -s
 endif

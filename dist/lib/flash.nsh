@@ -89,6 +89,14 @@ if not %QfuYes% == yes then
     exit /b
   endif
 endif
+# What is read back needs room, too. Afterwards no file must be there that could pass for it.
+setsize %QfuSize% "%QfuNew%" >v QfuJunk
+set -v QfuRoom %lasterror%
+rm -q "%QfuNew%" >v QfuJunk
+if not %QfuRoom% == 0x0 then
+  set -v QfuResult "there is no room for the bytes that are read back. Nothing was written."
+  exit /b
+endif
 # Ctrl-C during a discovery leaves a shorter list, and a break or a loose board may have made the first
 # one so. When it comes during the discovery of the call that writes, qfu remembers it and writes nothing.
 "%QfuHome%\qfu.efi" -l %QfuSelect% >v QfuJunk

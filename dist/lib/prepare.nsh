@@ -110,7 +110,7 @@ goto option
 # find out here whether files can be made.
 copy -q "%QfuHome%\spilist.bin" qfu.tmp >v QfuJunk
 if not %lasterror% == 0x0 then
-  set -v QfuResult "the chip list beside this script cannot be copied to %cwd%."
+  set -v QfuResult "the chip list beside this script cannot be copied to %cwd%; is there room?"
   goto refuse
 endif
 # qfu looks for its chip list in the current directory; one that lies there is used.

@@ -63,6 +63,14 @@ struct BootMedium : testing::Test {
                                  arguments);
     }
 
+    /// Leaves so many bytes free on the stick.
+    void fill_stick(int left) const {
+        mtools("mdir", ":: >free");
+        shell(folder.path(), "head -c $(($(grep 'bytes free' free | tr -dc 0-9) - " +
+                                 std::to_string(left) + ")) /dev/zero >filler");
+        mtools("mcopy", "filler ::/filler" + std::to_string(left));
+    }
+
     /// What the results say after one more start of the machine.
     void boot(
         Medium medium, const Operator& at_console = [](const std::string&) { return ""; },
@@ -149,8 +157,20 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
     EXPECT_EQ(lines(), (std::vector<std::string>{"[Bus=0,Dev=2,Fun=0]" + says,
                                                  "[Bus=0,Dev=3,Fun=0]" + says}))
         << serial;
+    make_medium(kTwoAdapters);
+    fill_stick(5 * 2048);
+    results = {};
+    boot(Medium::kStick);
+    EXPECT_EQ(lines(),
+              (std::vector<std::string>{
+                  "[Bus=0,Dev=2,Fun=0] refused there is no room for the bytes that are read back. "
+                  "Nothing was written.",
+                  "[Bus=0,Dev=3,Fun=0] refused only 0 of 5000 bytes could be saved. Nothing was "
+                  "written."}))
+        << serial;
     write("a.bin", {a.begin(), a.end() - 1});
     mtools("mcopy -o", "a.bin ::/job/a.bin");
+    fill_stick(0);
     results = {};
     boot(Medium::kStick);
     EXPECT_EQ(
@@ -158,6 +178,7 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
         std::vector<std::string>{"- refused the medium is damaged: job\\a.bin is not what it was. "
                                  "Nothing was written."})
         << serial;
+    EXPECT_NE(serial.find("The medium is full"), serial.npos) << serial;
     for (const emulator::SpiChip* chip : {&first, &second}) {
         EXPECT_EQ(chip->count(emulator::Operation::kSectorErase), 0U);
     }
