@@ -1,9 +1,9 @@
 // The flash bus as a logic analyser would have recorded it.
 #pragma once
 
+#include "command_line.h"
 #include "hardware/bus_probe.h"
 #include "hardware/machine.h"
-#include "trace_options.h"
 #include "vcd_file.h"
 
 #include <array>

@@ -20,6 +20,16 @@ struct CommandLine {
     CommandLine(int argc, const char* const* argv);
 };
 
+/// What is traced, from the command line.
+struct TraceOptions {
+    std::string file;         ///< empty: nothing
+    double from_seconds = 0;  ///< since the start
+    double to_seconds = 1e12; ///< not included
+
+    /// Adds --trace, --trace-from and --trace-to.
+    void add_to(CLI::App& app);
+};
+
 /// Sets the lines that the help shows first.
 void set_usage(CLI::App& app, std::string usage);
 
