@@ -1,5 +1,6 @@
 #include "bench.h"
 
+#include <csignal>
 #include <cstdlib>
 
 namespace fs = std::filesystem;
@@ -19,6 +20,8 @@ extern "C" const char* __asan_default_options() { // NOLINT(bugprone-reserved-id
 
 extern "C" int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
     GTEST_FLAG_SET(break_on_failure, true);
+    // It breaks with a trap, at which the fuzzer would end without keeping the input.
+    std::signal(SIGTRAP, [](int) { std::abort(); });
     std::string own = (fs::temp_directory_path() / "qfu-fuzz-XXXXXX").string();
     setenv("TMPDIR", mkdtemp(own.data()), 1);
     return 0;
