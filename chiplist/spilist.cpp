@@ -113,7 +113,7 @@ std::uint32_t read_erase_unit(const std::string& text, const ChipList& list) {
     if (!unit || !units.contains(*unit)) {
         std::string all;
         for (const std::uint32_t other : units) {
-            all += (all.empty() ? "" : ", ") + size_text(other);
+            all.append(all.empty() ? "" : ", ").append(size_text(other));
         }
         throw support::InputError("--erase-unit: " + text +
                                   " is no erase unit of these chips; they have " + all);
