@@ -7,7 +7,6 @@
 namespace emulator {
 
 void Journal::misuse(std::string what) {
-    constexpr std::size_t kKept = 500;
     ++misuse_count_;
     if (!probes_.empty()) {
         probes_.mark("misuse: " + what);
@@ -15,6 +14,18 @@ void Journal::misuse(std::string what) {
     if (misuses_.size() < kKept) {
         misuses_.push_back(std::move(what));
     }
+}
+
+void Journal::misuse(std::string_view place, std::initializer_list<std::string_view> words) {
+    if (probes_.empty() && misuses_.size() >= kKept) {
+        ++misuse_count_;
+        return;
+    }
+    std::string what = std::string(place) + ": ";
+    for (const std::string_view word : words) {
+        what += word;
+    }
+    misuse(std::move(what));
 }
 
 std::vector<std::string> Journal::take_misuses() {

@@ -3,8 +3,10 @@
 
 #include "hardware/bus_probe.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +20,10 @@ class Journal {
     using Listener = std::function<void(std::string_view line)>;
 
     [[gnu::cold]] void misuse(std::string what);
+    /// The same for a chip, which software that waits can misuse a million times: the words become
+    /// a text only when it is kept or told.
+    [[gnu::cold]] void misuse(std::string_view place,
+                              std::initializer_list<std::string_view> words);
 
     /// Misuse so far; only the first few hundred are kept as text.
     const std::vector<std::string>& misuses() const { return misuses_; }
@@ -50,6 +56,8 @@ class Journal {
     void register_access(std::string_view line) const { registers_(line); }
 
   private:
+    static constexpr std::size_t kKept = 500;
+
     std::vector<std::string> misuses_;
     std::uint64_t misuse_count_ = 0;
     Listener cycles_;

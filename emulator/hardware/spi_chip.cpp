@@ -166,17 +166,17 @@ Operation SpiChip::transfer(const SpiTransfer& transfer) {
     if (operation == Operation::kUnknown) {
         // Whoever identifies a chip has to try; one that does not know the opcode stays silent.
         if (!asks_for_identification(transfer.opcode)) {
-            complain("opcode " + hex(transfer.opcode, 2) + " is none that the chip knows");
+            complain({"opcode ", hex(transfer.opcode, 2), " is none that the chip knows"});
         }
     } else if (transfer.has_address != wants_address(command)) {
-        complain(std::string(operation_name(operation)) +
-                 (transfer.has_address ? " with an address" : " without an address"));
+        complain({operation_name(operation),
+                  transfer.has_address ? " with an address" : " without an address"});
     } else if (command.takes_no_data && !transfer.mosi.empty()) {
-        complain(std::string(operation_name(operation)) + " with data behind it");
+        complain({operation_name(operation), " with data behind it"});
     } else if (operation != Operation::kReadStatus && is_busy()) {
-        complain(std::string(operation_name(operation)) + " while the chip is busy");
+        complain({operation_name(operation), " while the chip is busy"});
     } else if (next_word_ && !goes_with_words(operation)) {
-        complain(std::string(operation_name(operation)) + " between words that are programmed");
+        complain({operation_name(operation), " between words that are programmed"});
     } else if (!faults_.striking(FaultKind::kIgnored)) {
         carry_out(command, transfer);
         stuck_busy_ = stuck_busy_ || faults_.striking(FaultKind::kNeverReady).has_value();
@@ -292,7 +292,7 @@ void SpiChip::carry_out(const Command& command, const SpiTransfer& transfer) {
 
 bool SpiChip::write_enabled(std::string_view what) {
     if ((status_ & kWriteEnabled) == 0) {
-        complain(std::string(what) + " without write enable");
+        complain({what, " without write enable"});
         return false;
     }
     return true;
@@ -359,13 +359,13 @@ void SpiChip::program(const SpiTransfer& transfer) {
     }
     const std::uint32_t start = offset(transfer.address, "program");
     if (transfer.mosi.empty()) {
-        complain("program without data");
+        complain({"program without data"});
         return;
     }
     const std::uint32_t page = part_->writes->page;
     std::span<const std::uint8_t> data = transfer.mosi;
     if (page == 1 && data.size() > 1) {
-        complain("program of " + std::to_string(data.size()) + " bytes; the chip takes one");
+        complain({"program of ", std::to_string(data.size()), " bytes; the chip takes one"});
         data = data.first(1);
     }
     if (!may_change(start, static_cast<std::uint32_t>(data.size()), "program")) {
@@ -381,7 +381,7 @@ void SpiChip::program(const SpiTransfer& transfer) {
 void SpiChip::program_word(const SpiTransfer& transfer) {
     constexpr std::uint32_t kWord = 2;
     if (transfer.mosi.size() != kWord) {
-        complain("program word with " + std::to_string(transfer.mosi.size()) + " bytes");
+        complain({"program word with ", std::to_string(transfer.mosi.size()), " bytes"});
         return;
     }
     if (!write_enabled("program word")) {
@@ -389,7 +389,7 @@ void SpiChip::program_word(const SpiTransfer& transfer) {
     }
     const std::uint32_t start = next_word_ ? *next_word_ : offset(transfer.address, "program word");
     if (start % kWord != 0) {
-        complain("program word at " + hex(start, 6) + ", an odd address");
+        complain({"program word at ", hex(start, 6), ", an odd address"});
     }
     const std::uint32_t at = start / kWord * kWord; // the lowest address bit is ignored
     if (!may_change(at, kWord, "program word")) {
@@ -407,7 +407,7 @@ void SpiChip::program_word(const SpiTransfer& transfer) {
 
 bool SpiChip::may_change(std::uint32_t address, std::uint32_t length, std::string_view what) {
     if (is_protected(address, length)) {
-        complain(std::string(what) + " at " + hex(address, 6) + ", which is protected");
+        complain({what, " at ", hex(address, 6), ", which is protected"});
         be_busy(0);
         return false;
     }
@@ -421,8 +421,8 @@ void SpiChip::program_byte(std::size_t at, std::uint8_t byte) {
     const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);
     const std::uint8_t old = contents_[at];
     if ((byte & ~old) != 0) {
-        complain("program of " + hex(byte, 2) + " over " + hex(old, 2) + " at " + hex(at, 6) +
-                 " sets bits");
+        complain(
+            {"program of ", hex(byte, 2), " over ", hex(old, 2), " at ", hex(at, 6), " sets bits"});
     }
     change_.changes_byte(at, old);
     const auto programmed = static_cast<std::uint8_t>(old & byte);
@@ -452,7 +452,7 @@ void SpiChip::write_status(const SpiTransfer& transfer) {
         return;
     }
     if (transfer.mosi.empty()) {
-        complain("write status without data");
+        complain({"write status without data"});
         return;
     }
     change_.start(std::span(&status_, 1), be_busy(times_.write_status_us));
@@ -489,13 +489,13 @@ void SpiChip::protect_sector(std::uint32_t address, bool protect) {
 
 std::uint32_t SpiChip::offset(std::uint32_t address, std::string_view what) {
     if (address >= part_->size) {
-        complain(std::string(what) + " at " + hex(address, 6) + ", past the end of the chip");
+        complain({what, " at ", hex(address, 6), ", past the end of the chip"});
     }
     return address & (part_->size - 1); // sizes are powers of two; address bits above are ignored
 }
 
-void SpiChip::complain(std::string_view what) {
-    journal_->misuse(place_ + ": " + std::string(what));
+void SpiChip::complain(std::initializer_list<std::string_view> words) {
+    journal_->misuse(place_, words);
 }
 
 } // namespace emulator

@@ -11,6 +11,7 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <optional>
 #include <span>
 #include <string>
@@ -140,7 +141,7 @@ class SpiChip {
     void query_protection(const SpiTransfer& transfer);
     void protect_sector(std::uint32_t address, bool protect);
     std::uint32_t offset(std::uint32_t address, std::string_view what);
-    [[gnu::cold]] void complain(std::string_view what);
+    [[gnu::cold]] void complain(std::initializer_list<std::string_view> words);
 
     const SpiPart* part_;
     std::string place_;
