@@ -57,18 +57,25 @@ Volume read_volume(const fs::path& folder) {
     return volume;
 }
 
+/// The file that QEMU takes as firmware. What firmware writes into its store of variables is gone
+/// when the guest ends.
+std::string firmware_of(const Platform& platform, const fs::path& folder) {
+    if (platform.code != kX64.code) {
+        return platform.code;
+    }
+    shell(folder, QFU_SOURCE_DIR "/scripts/guest-firmware firmware.fd");
+    return (folder / "firmware.fd").string();
+}
+
 /// QEMU with its serial console on a pair of pipes.
 class Qemu {
   public:
     Qemu(const fs::path& folder, const Platform& platform,
          const std::vector<std::string>& devices) {
-        fs::copy_file(platform.variables, folder / "vars.fd");
         std::vector<std::string> command = platform.qemu;
-        command.insert(command.end(),
-                       {"-accel", "tcg", "-nodefaults", "-display", "none", "-net", "none",
-                        "-monitor", "none", "-serial", "stdio", "-no-reboot", "-drive",
-                        "if=pflash,format=raw,readonly=on,file=" + platform.code, "-drive",
-                        "if=pflash,format=raw,file=" + (folder / "vars.fd").string()});
+        command.insert(command.end(), {"-accel", "tcg", "-nodefaults", "-display", "none", "-net",
+                                       "none", "-monitor", "none", "-serial", "stdio", "-no-reboot",
+                                       "-bios", firmware_of(platform, folder)});
         command.insert(command.end(), devices.begin(), devices.end());
         start(command);
     }
@@ -239,19 +246,13 @@ void shell(const fs::path& folder, const std::string& command) {
     }
 }
 
-const Platform kX64{
-    "x64",    "efi", "/usr/share/OVMF/OVMF_CODE_4M.fd", "/usr/share/OVMF/OVMF_VARS_4M.fd", kQ35,
-    "ide-hd", false};
-const Platform kX64Clang{"clang", "efi-clang", kX64.code, kX64.variables, kQ35, kX64.disk, false};
-const Platform kX64Edk2{"edk2", "efi-edk2", kX64.code, kX64.variables, kQ35, kX64.disk, false};
+const Platform kX64{"x64", "efi", "/usr/share/OVMF/OVMF_CODE_4M.fd", kQ35, "ide-hd", false};
+const Platform kX64Clang{"clang", "efi-clang", kX64.code, kQ35, kX64.disk, false};
+const Platform kX64Edk2{"edk2", "efi-edk2", kX64.code, kQ35, kX64.disk, false};
 // The disk sits where the program looks for no adapter.
-const Platform kAArch64{"aarch64",
-                        "efi-aarch64",
-                        "/usr/share/AAVMF/AAVMF_CODE.fd",
-                        "/usr/share/AAVMF/AAVMF_VARS.fd",
-                        kVirt,
-                        "virtio-blk-pci,addr=0x1e",
-                        true};
+const Platform kAArch64{
+    "aarch64", "efi-aarch64", "/usr/share/AAVMF/AAVMF_CODE.fd", kVirt, "virtio-blk-pci,addr=0x1e",
+    true};
 
 std::vector<std::uint8_t> read_bytes(const fs::path& file) {
     std::ifstream in(file, std::ios::binary);

@@ -37,9 +37,8 @@ using Operator = std::function<std::string(const std::string& line)>;
 /// What a guest is, and which build of the program runs in it.
 struct Platform {
     std::string name;
-    std::string build; ///< folder in build/ with the program
-    std::string code;  ///< the firmware, and a fresh store of its variables
-    std::string variables;
+    std::string build;             ///< folder in build/ with the program
+    std::string code;              ///< the firmware
     std::vector<std::string> qemu; ///< without drives
     std::string disk;              ///< the device for the drive "volume"
     bool driver;                   ///< adapters are reached through the bus driver
