@@ -266,12 +266,18 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
     with_script["startup.nsh"].bytes.assign(script.begin(), script.end());
     make_volume(scratch.path(), with_script);
 
+    std::vector<std::string> devices = {
+        "-drive", "if=none,id=volume,format=raw,file=" + (scratch.path() / kImage).string(),
+        "-device", platform.disk + ",drive=volume"};
+    if (!platform.driver) {
+        // The shell's count-down takes a second with any key. Firmware of AArch64 crashes when QEMU
+        // hands over the shell.
+        const std::string shell_file = (scratch.path() / "shell.efi").string();
+        shell(QFU_SOURCE_DIR, "scripts/cut-shell " + platform.code + " >'" + shell_file + "'");
+        devices.insert(devices.end(), {"-kernel", shell_file, "-append", "-delay 0"});
+    }
     GuestResult result;
-    result.serial =
-        run(scratch.path(), platform, bridge,
-            {"-drive", "if=none,id=volume,format=raw,file=" + (scratch.path() / kImage).string(),
-             "-device", platform.disk + ",drive=volume"},
-            at_console);
+    result.serial = run(scratch.path(), platform, bridge, devices, at_console);
     result.volume = read_volume(scratch.path());
     return result;
 }
