@@ -94,7 +94,7 @@ struct FlashScripts : testing::Test {
         description.adapters[0].spi->image.clear();
         machine = emulator::build_machine(description, clock, images);
         auto& second = machine->add(*emulator::find_adapter_model(0x1E5D, 0xC709), {0, 3, 0}, 0);
-        machine->add_spi_chip(second, *emulator::find_spi_part("W25Q16"), {});
+        machine->add_spi_chip(second, *emulator::find_spi_part("GD25Q16"), {});
         before = lab::pattern(flash(0).size(), 7);
         std::ranges::copy(before, flash(0).begin());
         std::ranges::copy(before, flash(1).begin());
@@ -148,7 +148,7 @@ TEST_F(FlashScripts, SayWhetherTheFlashHoldsTheImage) {
         "ny");
     EXPECT_TRUE(done.prints("flash: adapter 1, VenId=1e5d, DevId=c709, ClassCode=1040000, 2 ports "
                             "[Bus=0, Dev=3, Fun=0]\r\nflash: chip cs1:SPI FLASH Chip Whole "
-                            "Size=200000, ID[EF 40 15]."));
+                            "Size=200000, ID[C8 40 15]."));
     EXPECT_TRUE(std::ranges::equal(done.file("image.bin.old112"),
                                    std::span(before).subspan(0x2000, image.size())));
     std::vector<std::uint8_t> wrong(64, 0);
