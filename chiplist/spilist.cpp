@@ -5,12 +5,12 @@
 #include "match.h"
 #include "show.h"
 #include "source.h"
+#include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/nearest_word.h"
 #include "support/output_file.h"
 #include "support/version.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -249,7 +249,11 @@ void print(const ChipList& list, const Match& match) {
 
 /// From a list that the program rejects it takes no record.
 int run_match(const Options& options) {
-    const ChipId id = parse_id(CLI::detail::join(options.id, " "));
+    std::string text;
+    for (const std::string& word : options.id) {
+        text.append(text.empty() ? "" : " ").append(word);
+    }
+    const ChipId id = parse_id(text);
     std::vector<Finding> findings;
     const ChipList list = read_named_list(options, findings);
     const Match found = is_rejected(findings) ? Match{id.bytes, {}} : match(list, id);
@@ -267,8 +271,8 @@ int run_match(const Options& options) {
     return findings.empty() && !found.records.empty() ? 0 : kFound;
 }
 
-/// What CLI11 does not say: which command a mistyped one was meant to be, and where help is.
-int explain(const CLI::ParseError& error, const std::string& first) {
+/// What the parser does not say: which command a mistyped one was meant to be, and where help is.
+int explain(const support::UsageError& error, const std::string& first) {
     constexpr std::string_view kCommands[] = {"build", "check", "show", "diff", "match"};
     const bool known = std::ranges::find(kCommands, first) != std::end(kCommands);
     const bool says_it = known || first.empty() || first.starts_with('-');
@@ -280,75 +284,77 @@ int explain(const CLI::ParseError& error, const std::string& first) {
 }
 
 int run(int argc, char** argv) {
-    CLI::App app{"Builds, checks, shows and compares chip lists for qfu.\n"
-                 "A LIST is a list file or, when its name ends in .toml, a source.\n"
-                 "The exit status is 0; 1 when there is something to report; 2 when a command or "
-                 "file cannot be used.",
-                 "spilist"};
-    app.require_subcommand(1);
-    app.set_version_flag("--version", support::version_line("spilist"));
-    app.footer("Examples:\n"
-               "  spilist check spilist.bin\n"
-               "  spilist build chips.toml -o spilist.bin\n"
-               "  spilist match spilist.bin EF 40 16\n"
-               "\"spilist COMMAND --help\" says more about a command.");
+    const support::Arguments arguments{
+        "Builds, checks, shows and compares chip lists for qfu.\n"
+        "A LIST is a list file or, when its name ends in .toml, a source.\n"
+        "The exit status is 0; 1 when there is something to report; 2 when a command or "
+        "file cannot be used.",
+        "spilist"};
+    arguments.require_command();
+    arguments.version(support::version_line("spilist"));
+    arguments.footer("Examples:\n"
+                     "  spilist check spilist.bin\n"
+                     "  spilist build chips.toml -o spilist.bin\n"
+                     "  spilist match spilist.bin EF 40 16\n"
+                     "\"spilist COMMAND --help\" says more about a command.");
     Options options;
 
-    CLI::App* build = app.add_subcommand("build", "make a list file from its source");
-    build->add_option("source", options.list, "source (TOML)")->required();
-    build->add_option("-o,--output", options.output, "list file")->capture_default_str();
-    build->add_option("--erase-unit", options.erase_unit,
-                      "make each chip's sector its largest erase unit up to this size");
-    build->footer("The list file is written only if nothing is wrong with the source.\n"
-                  "Examples:\n"
-                  "  spilist build chips.toml -o spilist.bin\n"
-                  "  spilist build chips.toml --erase-unit 64K -o fast.bin");
+    const support::Command build = arguments.command("build", "make a list file from its source");
+    build.option("source", options.list, "source (TOML)").required();
+    build.option("-o,--output", options.output, "list file").show_default();
+    build.option("--erase-unit", options.erase_unit,
+                 "make each chip's sector its largest erase unit up to this size");
+    build.footer("The list file is written only if nothing is wrong with the source.\n"
+                 "Examples:\n"
+                 "  spilist build chips.toml -o spilist.bin\n"
+                 "  spilist build chips.toml --erase-unit 64K -o fast.bin");
 
-    CLI::App* check = app.add_subcommand("check", "say what is wrong with a list");
-    check->footer("Examples:\n"
-                  "  spilist check spilist.bin\n"
-                  "  spilist check chips.toml --json");
-    CLI::App* show = app.add_subcommand("show", "print a table of a list's records");
-    show->footer("Examples:\n"
-                 "  spilist show chips.toml\n"
-                 "  spilist show spilist.bin --source chips.toml");
-    CLI::App* diff = app.add_subcommand("diff", "say what differs between two lists");
-    diff->footer("Example:\n"
-                 "  spilist diff old.bin chips.toml");
-    CLI::App* match = app.add_subcommand("match", "say which record a chip would get");
-    match->footer(
+    const support::Command check = arguments.command("check", "say what is wrong with a list");
+    check.footer("Examples:\n"
+                 "  spilist check spilist.bin\n"
+                 "  spilist check chips.toml --json");
+    const support::Command show = arguments.command("show", "print a table of a list's records");
+    show.footer("Examples:\n"
+                "  spilist show chips.toml\n"
+                "  spilist show spilist.bin --source chips.toml");
+    const support::Command diff = arguments.command("diff", "say what differs between two lists");
+    diff.footer("Example:\n"
+                "  spilist diff old.bin chips.toml");
+    const support::Command match = arguments.command("match", "say which record a chip would get");
+    match.footer(
         "The ID is what the data sheet gives as the answer to opcode 9F, and what \"qfu -l\" "
         "prints:\n"
         "1 to 4 bytes, the first one first. Bytes that are left out count as 00.\n"
         "Examples:\n"
         "  spilist match spilist.bin EF 40 16\n"
         "  spilist match chips.toml 0xEF4016");
-    for (CLI::App* command : {check, show, diff, match}) {
-        command->add_option("list", options.list, "list file, or source that ends in .toml")
-            ->required();
-        command->add_flag("--json", options.json, "print JSON");
+    for (const support::Command& command : {check, show, diff, match}) {
+        command.option("list", options.list, "list file, or source that ends in .toml").required();
+        command.flag("--json", options.json, "print JSON");
     }
-    for (CLI::App* command : {show, match}) {
-        command->add_option("--source", options.source, "source that has part names and notes");
+    for (const support::Command& command : {show, match}) {
+        command.option("--source", options.source, "source that has part names and notes");
     }
-    diff->add_option("other", options.other, "other list file or source")->required();
-    match->add_option("id", options.id, "bytes that the chip answers")->required();
+    diff.option("other", options.other, "other list file or source").required();
+    match.option("id", options.id, "bytes that the chip answers").required();
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
     try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return error.get_exit_code() == 0 ? app.exit(error)
-                                          : explain(error, argc > 1 ? argv[1] : "");
+        if (!arguments.read(words)) {
+            return 0;
+        }
+    } catch (const support::UsageError& error) {
+        return explain(error, words.empty() ? "" : words.front());
     }
-    if (build->parsed()) {
+    if (build.was_given()) {
         return run_build(options);
     }
-    if (check->parsed()) {
+    if (check.was_given()) {
         return run_check(options);
     }
-    if (show->parsed()) {
+    if (show.was_given()) {
         return run_show(options);
     }
-    return diff->parsed() ? run_diff(options) : run_match(options);
+    return diff.was_given() ? run_diff(options) : run_match(options);
 }
 
 } // namespace

@@ -1,13 +1,11 @@
 #include "command_line.h"
 
+#include "support/arguments.h"
 #include "support/nearest_word.h"
 #include "support/output_file.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
-#include <memory>
-#include <utility>
 
 namespace emulator {
 namespace {
@@ -26,34 +24,19 @@ std::string is_time(const std::string& text) {
                : '"' + text + "\" is no time; allowed: seconds since the start, such as 0.25";
 }
 
-/// Help whose first lines show what stands behind "--", too.
-class Formatter : public CLI::Formatter {
-  public:
-    explicit Formatter(std::string usage) : usage_(std::move(usage)) {}
-    std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override {
-        return usage_ + "\n";
-    }
-
-  private:
-    std::string usage_;
-};
-
 } // namespace
 
-void TraceOptions::add_to(CLI::App& app) {
-    CLI::Option* trace = app.add_option(
+void TraceOptions::add_to(const support::Arguments& arguments) {
+    const support::Option trace = arguments.option(
         "--trace", file,
         "VCD file that receives the signals of SPI chips, for PulseView and GTKWave; registers and "
         "parallel chips go to a second file, x.registers.vcd beside x.vcd");
-    app.add_option("--trace-from", from_seconds,
-                   "trace from this time on, in seconds since the start, as in --log")
-        ->check(is_time)
-        ->needs(trace);
-    app.add_option("--trace-to", to_seconds, "trace up to this time")->check(is_time)->needs(trace);
-}
-
-void set_usage(CLI::App& app, std::string usage) {
-    app.formatter(std::make_shared<Formatter>(std::move(usage)));
+    arguments
+        .option("--trace-from", from_seconds,
+                "trace from this time on, in seconds since the start, as in --log")
+        .check(is_time)
+        .needs(trace);
+    arguments.option("--trace-to", to_seconds, "trace up to this time").check(is_time).needs(trace);
 }
 
 CommandLine::CommandLine(int argc, const char* const* argv) {
@@ -65,31 +48,30 @@ CommandLine::CommandLine(int argc, const char* const* argv) {
     }
 }
 
-std::optional<int> parse(CLI::App& app, const CommandLine& line, std::string_view hint) {
+std::optional<int> read(const support::Arguments& arguments, const CommandLine& line,
+                        std::string_view hint) {
+    std::vector<std::string> extra;
     try {
-        // The parser takes the words from the end.
-        app.parse(std::vector<std::string>(line.own.rbegin(), line.own.rend()));
-        return std::nullopt;
-    } catch (const CLI::Success& help) {
-        app.exit(help);
+        if (arguments.read(line.own)) {
+            return std::nullopt;
+        }
         support::finish_standard_output();
         return 0;
-    } catch (const CLI::ParseError& error) {
-        std::cerr << app.get_name() << ": " << error.what() << '\n';
+    } catch (const support::UsageError& error) {
+        std::cerr << arguments.tool() << ": " << error.what() << '\n';
+        extra = error.extra();
     }
-    std::vector<std::string_view> commands;
-    for (const CLI::App* command : app.get_subcommands({})) {
-        commands.push_back(command->get_name());
-    }
-    const auto extra = app.remaining();
+    const std::vector<std::string> commands = arguments.commands();
     const std::string_view meant =
-        extra.empty() ? "" : support::nearest_word(extra.front(), commands);
+        extra.empty() ? ""
+                      : support::nearest_word(extra.front(), std::vector<std::string_view>(
+                                                                 commands.begin(), commands.end()));
     if (!meant.empty()) {
         std::cerr << "Did you mean \"" << meant << "\"?\n";
     } else if (!extra.empty()) {
         std::cerr << "What is to be run stands behind \"--\": " << hint << '\n';
     }
-    std::cerr << '"' << app.get_name() << " --help\" tells more.\n";
+    std::cerr << '"' << arguments.tool() << " --help\" tells more.\n";
     return kCannotRun;
 }
 

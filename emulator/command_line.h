@@ -6,9 +6,9 @@
 #include <string_view>
 #include <vector>
 
-namespace CLI {
-class App;
-} // namespace CLI
+namespace support {
+class Arguments;
+} // namespace support
 
 namespace emulator {
 
@@ -27,19 +27,17 @@ struct TraceOptions {
     double to_seconds = 1e12; ///< not included
 
     /// Adds --trace, --trace-from and --trace-to.
-    void add_to(CLI::App& app);
+    void add_to(const support::Arguments& arguments);
 };
-
-/// Sets the lines that the help shows first.
-void set_usage(CLI::App& app, std::string usage);
 
 /// Exit status of a program that cannot do what it was asked for.
 inline constexpr int kCannotRun = 2;
 
-/// Parses a program's own words.
+/// Reads a program's own words.
 /// @param hint  a right command line, shown when there are words that belong behind "--"
 /// @returns the exit status when the program has to end: after help, or after a usage error that
 ///          was printed
-std::optional<int> parse(CLI::App& app, const CommandLine& line, std::string_view hint);
+std::optional<int> read(const support::Arguments& arguments, const CommandLine& line,
+                        std::string_view hint);
 
 } // namespace emulator

@@ -8,12 +8,12 @@
 #include "machine_file.h"
 #include "progress_line.h"
 #include "report.h"
+#include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/nearest_word.h"
 #include "support/version.h"
 #include "time_account.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -193,34 +193,37 @@ int list(const std::string& wanted) {
 
 int main(int argc, char** argv) try {
     const CommandLine line(argc, argv);
-    CLI::App app{"Runs qfu on an emulated machine and shows its console.\n"
-                 "The exit status is what the UEFI shell would show: 0, or 3 when qfu reports a "
-                 "failure. It is 2 when the emulator cannot do its part.",
-                 "qfu-emu"};
-    set_usage(app, "Usage: qfu-emu --machine FILE [OPTION...] -- QFU-ARGUMENT...\n"
-                   "       qfu-emu list parts|adapters|faults");
+    const support::Arguments arguments{
+        "Runs qfu on an emulated machine and shows its console.\n"
+        "The exit status is what the UEFI shell would show: 0, or 3 when qfu reports a "
+        "failure. It is 2 when the emulator cannot do its part.",
+        "qfu-emu"};
+    arguments.usage("Usage: qfu-emu --machine FILE [OPTION...] -- QFU-ARGUMENT...\n"
+                    "       qfu-emu list parts|adapters|faults");
     Options options;
     options.arguments = line.behind;
-    app.add_option("--machine", options.machine, "machine file (TOML): adapters, chips, faults");
-    app.add_option("--keys", options.keys,
-                   "keys that are pressed, in order; without it they come from standard input");
-    app.add_option("--dir", options.folder, "folder that the shell sees as its volume FS0:")
-        ->check(CLI::ExistingDirectory);
-    app.add_option("--log", options.log,
-                   "file that receives what happens on the flash bus and in the PHY test block");
-    options.trace.add_to(app);
-    app.add_option("--estimate", options.estimate,
-                   "print how long the run would take on hardware and where the time would go, as "
-                   "text or json, in place of the console")
-        ->check(CLI::IsMember({"text", "json"}));
-    app.add_flag("--summary", options.summary,
-                 "print at the end, on standard error, which operations ran on the flash bus, how "
-                 "often and how long");
-    CLI::App* known = app.add_subcommand("list", "print what machine files can name");
-    known->add_option("things", options.things, "parts, adapters or faults");
-    set_usage(*known, "Usage: qfu-emu list parts|adapters|faults");
-    known->footer("Example:\n  qfu-emu list parts");
-    app.footer(
+    arguments.option("--machine", options.machine, "machine file (TOML): adapters, chips, faults");
+    arguments.option("--keys", options.keys,
+                     "keys that are pressed, in order; without it they come from standard input");
+    arguments.option("--dir", options.folder, "folder that the shell sees as its volume FS0:")
+        .existing_folder();
+    arguments.option("--log", options.log,
+                     "file that receives what happens on the flash bus and in the PHY test block");
+    options.trace.add_to(arguments);
+    arguments
+        .option("--estimate", options.estimate,
+                "print how long the run would take on hardware and where the time would go, as "
+                "text or json, in place of the console")
+        .one_of({"text", "json"});
+    arguments.flag(
+        "--summary", options.summary,
+        "print at the end, on standard error, which operations ran on the flash bus, how "
+        "often and how long");
+    const support::Command known = arguments.command("list", "print what machine files can name");
+    known.option("things", options.things, "parts, adapters or faults");
+    known.usage("Usage: qfu-emu list parts|adapters|faults");
+    known.footer("Example:\n  qfu-emu list parts");
+    arguments.footer(
         "Examples:\n"
         "  qfu-emu --machine emulator/machines/indexed.toml --dir work -- -l\n"
         "  qfu-emu --machine emulator/machines/indexed.toml --dir work --log cycles.txt -- "
@@ -229,11 +232,11 @@ int main(int argc, char** argv) try {
         "  qfu-emu --machine emulator/machines/bar0.toml --dir work --estimate json -- "
         "-wbf image.bin -addr 0 -y\n"
         "  qfu-emu list parts");
-    app.set_version_flag("--version", support::version_line("qfu-emu"));
-    if (const auto status = parse(app, line, "qfu-emu --machine FILE -- -l")) {
+    arguments.version(support::version_line("qfu-emu"));
+    if (const auto status = read(arguments, line, "qfu-emu --machine FILE -- -l")) {
         return *status;
     }
-    if (known->parsed()) {
+    if (known.was_given()) {
         return list(options.things);
     }
     if (options.machine.empty()) {

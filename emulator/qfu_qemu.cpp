@@ -5,10 +5,10 @@
 #include "machine_file.h"
 #include "qemu_bridge.h"
 #include "report.h"
+#include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/version.h"
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstring>
 #include <iostream>
@@ -110,30 +110,30 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) try {
     const CommandLine line(argc, argv);
-    CLI::App app{
+    const support::Arguments arguments{
         "Runs QEMU with a machine file's adapters in the guest. The guest's memory must be "
         "shared (memory-backend-memfd), "
         "except with --driver.\n"
         "The exit status is QEMU's, or 2 when the adapters cannot be served.",
         "qfu-qemu"};
-    set_usage(app, "Usage: qfu-qemu --machine FILE [OPTION...] -- QEMU [QEMU-ARGUMENT...]");
+    arguments.usage("Usage: qfu-qemu --machine FILE [OPTION...] -- QEMU [QEMU-ARGUMENT...]");
     Options options;
     options.command = line.behind;
-    app.add_option("--machine", options.machine, "machine file (TOML)")->required();
-    app.add_option("--log", options.log,
-                   "file that receives what happens on the flash bus and in the PHY test block");
-    app.add_flag("--driver", options.driver,
-                 "serves the adapters to bus-driver.efi, which the guest loads, for a QEMU that "
-                 "cannot take them as PCI functions (qemu-system-aarch64)");
-    options.trace.add_to(app);
-    app.footer("Example:\n"
-               "  qfu-qemu --machine emulator/machines/indexed.toml -- qemu-system-x86_64 "
-               "-machine q35,memory-backend=m0 -m 256 "
-               "-object memory-backend-memfd,id=m0,size=256M,share=on\n"
-               "scripts/run starts a whole guest, firmware and shell included.");
-    app.set_version_flag("--version", support::version_line("qfu-qemu"));
+    arguments.option("--machine", options.machine, "machine file (TOML)").required();
+    arguments.option("--log", options.log,
+                     "file that receives what happens on the flash bus and in the PHY test block");
+    arguments.flag("--driver", options.driver,
+                   "serves the adapters to bus-driver.efi, which the guest loads, for a QEMU that "
+                   "cannot take them as PCI functions (qemu-system-aarch64)");
+    options.trace.add_to(arguments);
+    arguments.footer("Example:\n"
+                     "  qfu-qemu --machine emulator/machines/indexed.toml -- qemu-system-x86_64 "
+                     "-machine q35,memory-backend=m0 -m 256 "
+                     "-object memory-backend-memfd,id=m0,size=256M,share=on\n"
+                     "scripts/run starts a whole guest, firmware and shell included.");
+    arguments.version(support::version_line("qfu-qemu"));
     constexpr char kRightLine[] = "qfu-qemu --machine FILE -- qemu-system-x86_64 ...";
-    if (const auto status = parse(app, line, kRightLine)) {
+    if (const auto status = read(arguments, line, kRightLine)) {
         return *status;
     }
     if (options.command.empty()) {
