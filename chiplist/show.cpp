@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdio>
 #include <iomanip>
-#include <nlohmann/json.hpp>
 
 namespace chiplist {
 namespace {
@@ -88,42 +87,6 @@ void show(const ChipList& list, std::ostream& out) {
             out << label(list, i) << ": " << list.chips[i].note << '\n';
         }
     }
-}
-
-Json to_json(const ChipList& list) {
-    Json json;
-    json["version"] = std::to_string(list.version_hi) + "." + std::to_string(list.version_lo);
-    json["id_opcodes"] = list.id_opcodes;
-    json["chips"] = Json::array();
-    for (const Chip& chip : list.chips) {
-        json["chips"].push_back(to_json(chip));
-    }
-    return json;
-}
-
-Json to_json(const Chip& chip) {
-    Json json;
-    json["id"] = id_text(chip.entry);
-    for (const SizeField& field : kSizeFields) {
-        json[field.name] = chip.entry.*field.value;
-    }
-    for (const OpcodeField& field : kOpcodeFields) {
-        json["opcodes"][field.name] = chip.entry.*field.value;
-    }
-    json["full_erase_seconds"] = least_erase_seconds(chip.entry);
-    json["parts"] = chip.parts;
-    json["note"] = chip.note;
-    return json;
-}
-
-Json to_json(const Finding& finding) {
-    return {
-        {"line",     finding.line == 0 ? Json() : Json(finding.line)},
-        {"entry",    finding.entry                                  },
-        {"field",    finding.field                                  },
-        {"what",     finding.what                                   },
-        {"rejected", finding.effect == Effect::kRejected            }
-    };
 }
 
 void take_names(ChipList& list, const ChipList& source) {

@@ -2,6 +2,7 @@
 #include "check.h"
 #include "diff.h"
 #include "image.h"
+#include "json.h"
 #include "match.h"
 #include "show.h"
 #include "source.h"
@@ -16,7 +17,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <nlohmann/json.hpp>
 #include <optional>
 
 namespace {
@@ -80,21 +80,6 @@ std::vector<Finding> warn(const std::string& file, const ChipList& list) {
     return findings;
 }
 
-void print(const Json& json) {
-    std::cout << json.dump(2) << '\n';
-}
-
-/// The part of an answer that says what is wrong with the list.
-Json json_of(const std::vector<Finding>& findings) {
-    Json json;
-    json["rejected"] = is_rejected(findings);
-    json["findings"] = Json::array();
-    for (const Finding& finding : findings) {
-        json["findings"].push_back(to_json(finding));
-    }
-    return json;
-}
-
 /// What the command line asks for.
 struct Options {
     std::string list;
@@ -144,7 +129,7 @@ int run_check(const Options& options) {
     const ChipList list = read_list(options.list);
     const std::vector<Finding> findings = check(list);
     if (options.json) {
-        print(json_of(findings));
+        std::cout << json(findings);
     } else {
         print(options.list, findings, std::cout);
         std::cout << options.list << ": " << list.chips.size()
@@ -169,9 +154,7 @@ int run_show(const Options& options) {
     std::vector<Finding> findings;
     const ChipList list = read_named_list(options, findings);
     if (options.json) {
-        Json json = json_of(findings);
-        json.update(to_json(list));
-        print(json);
+        std::cout << json(findings, list);
     } else if (list.is_list) {
         show(list, std::cout);
     }
@@ -193,41 +176,16 @@ int run_diff(const Options& options) {
     const ChipList before = read_compared_list(options.list);
     const ChipList after = read_compared_list(options.other);
     const std::vector<Difference> differences = diff(before, after);
-    Json json = Json::array();
-    for (const Difference& difference : differences) {
-        json.push_back({
-            {"entry",  difference.entry },
-            {"field",  difference.field },
-            {"before", difference.before},
-            {"after",  difference.after }
-        });
-        if (!options.json) {
-            std::cout << difference.entry << ": " << difference.field << ": "
-                      << (difference.before.empty() ? "none" : difference.before) << " -> "
-                      << (difference.after.empty() ? "none" : difference.after) << '\n';
-        }
-    }
     if (options.json) {
-        print(json);
+        std::cout << json(differences);
+        return differences.empty() ? 0 : kFound;
+    }
+    for (const Difference& difference : differences) {
+        std::cout << difference.entry << ": " << difference.field << ": "
+                  << (difference.before.empty() ? "none" : difference.before) << " -> "
+                  << (difference.after.empty() ? "none" : difference.after) << '\n';
     }
     return differences.empty() ? 0 : kFound;
-}
-
-Json json_of(const ChipList& list, const Match& match) {
-    Json json;
-    json["id"] = bytes_text(match.bytes);
-    json["chosen"] = nullptr;
-    json["hidden"] = Json::array();
-    for (const std::size_t record : match.records) {
-        Json chip = to_json(list.chips[record]);
-        chip["record"] = record;
-        if (record == match.records.front()) {
-            json["chosen"] = chip;
-        } else {
-            json["hidden"].push_back(chip);
-        }
-    }
-    return json;
 }
 
 void print(const ChipList& list, const Match& match) {
@@ -258,9 +216,7 @@ int run_match(const Options& options) {
     const ChipList list = read_named_list(options, findings);
     const Match found = is_rejected(findings) ? Match{id.bytes, {}} : match(list, id);
     if (options.json) {
-        Json json = json_of(findings);
-        json.update(json_of(list, found));
-        print(json);
+        std::cout << json(findings, list, found);
     } else if (!is_rejected(findings)) {
         if (found.bytes != id.bytes) {
             std::cout << "No record matches " << bytes_text(id.bytes) << ". " << options.id.front()

@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -92,11 +91,7 @@ int run_results(const Options& options) {
     const bool complete = missing.empty() && !results.adapters().empty() &&
                           std::ranges::all_of(results.adapters(), &AdapterResult::is_done);
     if (options.json) {
-        nlohmann::ordered_json json;
-        json["complete"] = complete;
-        json["adapters"] = to_json(results);
-        json["missing"] = missing;
-        std::cout << json.dump(2) << '\n';
+        std::cout << json(results, missing, complete);
     } else {
         print_table(results, std::cout);
         for (const std::string& sentence : missing) {

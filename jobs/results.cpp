@@ -200,8 +200,10 @@ void print_table(const Results& results, std::ostream& out) {
     }
 }
 
-nlohmann::ordered_json to_json(const Results& results) {
-    auto json = nlohmann::ordered_json::array();
+std::string json(const Results& results, const std::vector<std::string>& missing, bool complete) {
+    nlohmann::ordered_json json;
+    json["complete"] = complete;
+    json["adapters"] = nlohmann::ordered_json::array();
     for (const AdapterResult& adapter : results.adapters()) {
         nlohmann::ordered_json entry;
         for (const char* key : {"machine", "serial", "job", "adapter", "place", "device", "image",
@@ -213,9 +215,10 @@ nlohmann::ordered_json to_json(const Results& results) {
         entry["done"] = adapter.is_done();
         entry["says"] = adapter.text;
         entry["file"] = adapter.file;
-        json.push_back(entry);
+        json["adapters"].push_back(entry);
     }
-    return json;
+    json["missing"] = missing;
+    return json.dump(2) + '\n';
 }
 
 } // namespace jobs

@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <iosfwd>
 #include <map>
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -61,6 +60,10 @@ class Results {
 };
 
 void print_table(const Results& results, std::ostream& out);
-nlohmann::ordered_json to_json(const Results& results);
+
+/// The same as JSON for scripts.
+/// @param missing   sentences about what is not there
+/// @param complete  true when all is done that was expected
+std::string json(const Results& results, const std::vector<std::string>& missing, bool complete);
 
 } // namespace jobs

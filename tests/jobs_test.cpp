@@ -7,7 +7,6 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -83,7 +82,7 @@ TEST(Results, AreFoundInALogAndKeptByMachineAndPlace) {
     results.add("QFU-FOUND machine=B adapter=0 place=[Bus=0] ;", "fifth");
     ASSERT_EQ(results.adapters().size(), 3U);
     EXPECT_EQ(results.adapters()[2].word("adapter"), "0");
-    EXPECT_EQ(jobs::to_json(results)[1]["says"], "FAILED.");
+    EXPECT_NE(jobs::json(results, {}, false).find(R"("says": "FAILED.")"), std::string::npos);
 }
 
 TEST(Results, OfTwoMachinesAreNotMixedWhereNamesAreEqual) {
