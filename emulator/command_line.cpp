@@ -48,8 +48,8 @@ CommandLine::CommandLine(int argc, const char* const* argv) {
     }
 }
 
-std::optional<int> read(const support::Arguments& arguments, const CommandLine& line,
-                        std::string_view hint) {
+std::optional<int> read_command_line(const support::Arguments& arguments, const CommandLine& line,
+                                     std::string_view hint) {
     std::vector<std::string> extra;
     try {
         if (arguments.read(line.own)) {

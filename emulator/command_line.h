@@ -37,7 +37,7 @@ inline constexpr int kCannotRun = 2;
 /// @param hint  a right command line, shown when there are words that belong behind "--"
 /// @returns the exit status when the program has to end: after help, or after a usage error that
 ///          was printed
-std::optional<int> read(const support::Arguments& arguments, const CommandLine& line,
-                        std::string_view hint);
+std::optional<int> read_command_line(const support::Arguments& arguments, const CommandLine& line,
+                                     std::string_view hint);
 
 } // namespace emulator

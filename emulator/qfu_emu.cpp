@@ -233,7 +233,7 @@ int main(int argc, char** argv) try {
         "-wbf image.bin -addr 0 -y\n"
         "  qfu-emu list parts");
     arguments.version(support::version_line("qfu-emu"));
-    if (const auto status = read(arguments, line, "qfu-emu --machine FILE -- -l")) {
+    if (const auto status = read_command_line(arguments, line, "qfu-emu --machine FILE -- -l")) {
         return *status;
     }
     if (known.was_given()) {

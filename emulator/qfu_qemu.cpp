@@ -133,7 +133,7 @@ int main(int argc, char** argv) try {
                      "scripts/run starts a whole guest, firmware and shell included.");
     arguments.version(support::version_line("qfu-qemu"));
     constexpr char kRightLine[] = "qfu-qemu --machine FILE -- qemu-system-x86_64 ...";
-    if (const auto status = read(arguments, line, kRightLine)) {
+    if (const auto status = read_command_line(arguments, line, kRightLine)) {
         return *status;
     }
     if (options.command.empty()) {

@@ -126,7 +126,7 @@ int main(int argc, char** argv) try {
                      "  qfu-serprog --part W25Q32 --image chip.bin --port 4000\n"
                      "  flashrom -p serprog:ip=127.0.0.1:4000 -r dump.bin");
     arguments.version(support::version_line("qfu-serprog"));
-    if (const auto status = read(arguments, line, "qfu-serprog --part NAME")) {
+    if (const auto status = read_command_line(arguments, line, "qfu-serprog --part NAME")) {
         return *status;
     }
     return run(options);

@@ -8,7 +8,7 @@
 namespace emulator {
 namespace {
 
-double seconds(std::uint64_t nanoseconds) {
+double in_seconds(std::uint64_t nanoseconds) {
     return static_cast<double>(nanoseconds) / 1e9;
 }
 
@@ -52,20 +52,20 @@ std::string TimeAccount::text() const {
     std::snprintf(line.data(), line.size(),
                   "on hardware about %.6f s: chip busy %.6f s, pauses %.6f s, register accesses "
                   "%.6f s (%llu reads, %llu writes)",
-                  seconds(total_ns()), seconds(busy_ns_), seconds(pause_ns_), seconds(access_ns_),
-                  static_cast<unsigned long long>(reads_),
+                  in_seconds(total_ns()), in_seconds(busy_ns_), in_seconds(pause_ns_),
+                  in_seconds(access_ns_), static_cast<unsigned long long>(reads_),
                   static_cast<unsigned long long>(writes_));
     return line.data();
 }
 
 std::string TimeAccount::json() const {
     const nlohmann::ordered_json object = {
-        {"seconds",           seconds(total_ns())},
-        {"chip_busy_seconds", seconds(busy_ns_)  },
-        {"pause_seconds",     seconds(pause_ns_) },
-        {"access_seconds",    seconds(access_ns_)},
-        {"reads",             reads_             },
-        {"writes",            writes_            },
+        {"seconds",           in_seconds(total_ns())},
+        {"chip_busy_seconds", in_seconds(busy_ns_)  },
+        {"pause_seconds",     in_seconds(pause_ns_) },
+        {"access_seconds",    in_seconds(access_ns_)},
+        {"reads",             reads_                },
+        {"writes",            writes_               },
     };
     return object.dump(2);
 }
