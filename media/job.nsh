@@ -18,7 +18,10 @@ if not %lasterror% == 0x0 then
   goto refuse
 endif
 set -v JobWrong no
-"%JobHome%\walk.nsh" "%JobHome%\found.nsh"
+"%JobHome%\walk.nsh"
+for %r in %JobRows%
+  "%JobHome%\each.nsh" "%JobHome%\found.nsh" %r
+endfor
 \job\count.nsh
 if %JobWrong% == yes then
   echo "%JobAll%"
@@ -26,7 +29,9 @@ if %JobWrong% == yes then
   goto refuse
 endif
 set -v JobAdapters %JobSeen%
-"%JobHome%\walk.nsh" "%JobHome%\one.nsh"
+for %r in %JobRows%
+  "%JobHome%\each.nsh" "%JobHome%\one.nsh" %r
+endfor
 exit /b
 
 :refuse

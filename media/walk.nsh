@@ -1,36 +1,41 @@
 @echo -off
-# Runs the script %1 for each adapter of JobAll, with JobAdapter, JobIds, JobPlace and JobAt set.
+# Keeps what JobAll says of each adapter: JobNumbern, JobIdsn, JobPlacen and JobAtn of the first, JobNumbernn and so
+# on of the second. JobRows has the "n", "nn" and so on, JobSeen the one behind the last.
 #
 # "ports" is the fifth word of an adapter: vendor and device stand four and three words before it, the bus
-# is the first word behind it, the device the second.
+# is the first word behind it, the device the second. A line here costs the user a hundredth of a second on a slow
+# machine.
 set -v JobSeen n
+set -v JobRows " "
 set -v JobStep none
 set -v Job1 none
 set -v Job2 none
 set -v Job3 none
 set -v Job4 none
 for %w in %JobAll%
-  if %JobStep% == device then
-    set -v JobPlace "%JobBus% %w"
-    set -v JobAt "%JobBus%%wFun=0]"
-    set -v JobStep none
-    set -v JobTotal n
-    for %c run (0 5)
-      if %JobTotal% == %JobSeen% then
-        set -v JobAdapter %c
-      endif
-      set -v JobTotal %JobTotal%n
-    endfor
-    set -v JobSeen %JobSeen%n
-    %1
-  endif
-  if %JobStep% == bus then
-    set -v JobBus "%w"
-    set -v JobStep device
-  endif
-  if "x%w" == "xports" then
-    set -v JobIds "%Job1%%Job2%"
-    set -v JobStep bus
+  if "%w" == ports or %JobStep% == bus or %JobStep% == device then
+    if %JobStep% == device then
+      set -v JobPlace%JobSeen% "%JobBus% %w"
+      set -v JobAt%JobSeen% "%JobBus%%wFun=0]"
+      set -v JobStep none
+      set -v JobTotal n
+      for %c run (0 5)
+        if %JobTotal% == %JobSeen% then
+          set -v JobNumber%JobSeen% %c
+        endif
+        set -v JobTotal %JobTotal%n
+      endfor
+      set -v JobRows "%JobRows% %JobSeen%"
+      set -v JobSeen %JobSeen%n
+    endif
+    if %JobStep% == bus then
+      set -v JobBus "%w"
+      set -v JobStep device
+    endif
+    if "%w" == ports then
+      set -v JobIds%JobSeen% "%Job1%%Job2%"
+      set -v JobStep bus
+    endif
   endif
   set -v Job1 "%Job2%"
   set -v Job2 "%Job3%"
