@@ -170,8 +170,10 @@ const std::vector<std::string> kQ35 = {"qemu-system-x86_64",
                                        "memory-backend-memfd,id=m0,size=256M,share=on",
                                        "-vga",
                                        "none"};
-const std::vector<std::string> kVirt = {"qemu-system-aarch64", "-machine", "virt", "-cpu",
-                                        "cortex-a57",          "-m",       "512"};
+// Without a boot menu of QEMU's this firmware waits 5 s for a key.
+const std::vector<std::string> kVirt = {"qemu-system-aarch64",  "-machine", "virt", "-cpu",
+                                        "cortex-a57",           "-m",       "512",  "-boot",
+                                        "menu=on,splash-time=0"};
 
 /// An expansion ROM of the device behind the bus driver, out of which firmware starts that driver
 /// before it looks for something to boot.
