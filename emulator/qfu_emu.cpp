@@ -145,7 +145,10 @@ int run(const Options& options) {
         progress.draw();
     });
     const bool timed = let_accesses_take_time(options, description, *machine, clock);
-    const TimeAccount account(*machine, clock);
+    std::optional<TimeAccount> account;
+    if (timed || !options.estimate.empty()) {
+        account.emplace(*machine, clock);
+    }
     std::vector<std::filesystem::path> own = images.names();
     own.emplace_back(options.machine);
     firmware.files().protect(own);
@@ -161,9 +164,9 @@ int run(const Options& options) {
     progress.wipe();
     print_notes(firmware, description);
     if (!options.estimate.empty()) {
-        std::cout << (options.estimate == "json" ? account.json() : account.text()) << '\n';
+        std::cout << (options.estimate == "json" ? account->json() : account->text()) << '\n';
     } else if (timed) {
-        std::cerr << "qfu-emu: " << account.text() << '\n';
+        std::cerr << "qfu-emu: " << account->text() << '\n';
     }
     if (summary) {
         std::cerr << summary->text();
