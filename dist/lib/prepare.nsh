@@ -146,30 +146,48 @@ for %w in %QfuText%
   set -v QfuFlash %w
 endfor
 
-# The adapter's line of the list. In a file the shell can tell lines apart.
-echo ShellCommand,^"qfu^" >a qfu.tmp
-echo "%QfuList%" >>a qfu.tmp
-set -d QfuRow >v QfuJunk
-parse qfu.tmp "0%QfuAt%. VenId" 1 >v QfuRow
-if "x%QfuRow%" == x or %QfuAdapter% == none then
-  set -v QfuCount none
-  for %c run (1 5)
-    if %QfuCount% == none then
-      set -d QfuMine >v QfuJunk
-      parse qfu.tmp "0%c. VenId" 1 >v QfuMine
-      if "x%QfuMine%" == x then
-        set -v QfuCount %c
+# The adapter's lines of the list: "ports" is the fifth word of each adapter. What stands between two
+# of them goes into a file, so that the shell can tell its lines apart. The whole list cannot: the shell
+# reads a file to its first empty line, and there is one behind a chip that does not answer. A line here
+# costs the user a hundredth of a second on a slow machine, so most words pass only the first.
+set -v QfuSeen n
+set -v QfuMine none
+set -v Qfu1 none
+set -v Qfu2 none
+set -v Qfu3 none
+set -v Qfu4 none
+for %w in %QfuList%
+  if "x%w" == "xports" or %QfuSeen%n == %QfuTarget% or %QfuSeen% == %QfuTarget% then
+    if "x%w" == "xports" then
+      set -v QfuSeen %QfuSeen%n
+      if %QfuSeen% == %QfuTarget% then
+        set -v QfuMine "%Qfu1%%Qfu2%%Qfu3%%Qfu4%"
       endif
     endif
-  endfor
-  if %QfuCount% == none then
-    set -v QfuCount 6
+    if %QfuSeen% == %QfuTarget% then
+      set -v QfuMine "%QfuMine% %w"
+    endif
+    if %QfuSeen%n == %QfuTarget% then
+      set -v Qfu1 "%Qfu2%"
+      set -v Qfu2 "%Qfu3%"
+      set -v Qfu3 "%Qfu4%"
+      set -v Qfu4 " %w"
+    endif
   endif
-  if "x%QfuRow%" == x then
-    echo "%QfuList%"
-    set -v QfuResult "there is no adapter %QfuAt%; the number of adapters is %QfuCount%."
-    goto refuse
+endfor
+set -v QfuTotal n
+for %c run (1 6)
+  set -v QfuTotal %QfuTotal%n
+  if %QfuTotal% == %QfuSeen% then
+    set -v QfuCount %c
   endif
+endfor
+if "%QfuMine%" == none then
+  echo "%QfuList%"
+  set -v QfuResult "there is no adapter %QfuAt%; the number of adapters is %QfuCount%."
+  goto refuse
+endif
+if %QfuAdapter% == none then
   if not %QfuCount% == 1 then
     echo "%QfuList%"
     set -v QfuResult "there are %QfuCount% adapters; say which."
@@ -181,28 +199,10 @@ if %QfuFlash% == 0 then
   set -v QfuResult "adapter %QfuAt% has no flash chip that is known on the chip select asked for."
   goto refuse
 endif
-set -v QfuMine "%QfuTool%: adapter %QfuAt%,"
-for %w in %QfuRow%
-  if not "%w" == 0%QfuAt%. then
-    set -v QfuMine "%QfuMine% %w"
-  endif
-endfor
-echo "%QfuMine%"
-# The words of its chips stand behind "ports", the fifth word of each adapter. A line here costs the user a
-# hundredth of a second on a slow machine, so most words pass one only.
-set -v QfuSeen n
-set -v QfuMine " "
-for %w in %QfuList%
-  if "%w" == ports or %QfuSeen% == %QfuTarget% then
-    if "%w" == ports then
-      set -v QfuSeen %QfuSeen%n
-    else
-      set -v QfuMine "%QfuMine% %w"
-    endif
-  endif
-endfor
 echo ShellCommand,^"qfu^" >a qfu.tmp
 echo "%QfuMine%" >>a qfu.tmp
+parse qfu.tmp " VenId" 1 >v QfuText
+echo "%QfuTool%: adapter %QfuAt%, %QfuText%"
 # Of two chips qfu takes the one on chip select 0.
 set -d QfuText >v QfuJunk
 if %QfuChip% == none or %QfuChip% == 0 then
