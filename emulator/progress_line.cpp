@@ -128,7 +128,7 @@ void ProgressLine::wipe() {
 }
 
 std::string ProgressLine::text(Time now) const {
-    constexpr std::uint64_t kKiB = 1024;
+    constexpr std::uint64_t kBytesInKiB = 1024;
     std::string text = "qfu-emu: ";
     const auto append = [&text](const char* format, auto... values) {
         std::array<char, 60> part{};
@@ -143,15 +143,15 @@ std::string ProgressLine::text(Time now) const {
         append("%llu %%, ", whole(std::min(kNotDone, 100 * done / total_)));
     }
     text += moves_ ? "" : "erased ";
-    append("%llu", whole(done / kKiB));
+    append("%llu", whole(done / kBytesInKiB));
     if (total_ != 0) {
-        append(" of %llu", whole(total_ / kKiB));
+        append(" of %llu", whole(total_ / kBytesInKiB));
     }
     text += " KiB";
     const double seconds = std::chrono::duration<double>(now - since_).count();
     const double rate = static_cast<double>(done_ - done_then_) / seconds;
     if (seconds > 0 && rate > 0) {
-        append(", %.1f KiB/s", rate / static_cast<double>(kKiB));
+        append(", %.1f KiB/s", rate / static_cast<double>(kBytesInKiB));
         if (total_ != 0) {
             constexpr std::uint64_t kMinute = 60;
             const auto left = static_cast<std::uint64_t>(static_cast<double>(total_ - done) / rate);

@@ -15,6 +15,7 @@
 namespace lab {
 
 using Bytes = std::vector<std::uint8_t>;
+constexpr std::uint64_t kSecond = 1'000'000'000; ///< of the emulated clock, in nanoseconds
 
 /// `count` bytes that look random and are the same in every run; never a long row of one value.
 Bytes pattern(std::size_t count, std::uint32_t seed = 1);

@@ -10,9 +10,8 @@ namespace {
 using emulator::FaultKind;
 using emulator::Operation;
 using lab::Bytes;
+using lab::kSecond;
 using lab::Probed;
-
-constexpr std::uint64_t kSecond = 1'000'000'000;
 
 /// Register accesses by controller register: "4 < 00000123". An index write that selects the
 /// register of the access behind it is folded into it.

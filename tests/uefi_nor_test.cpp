@@ -12,10 +12,10 @@ using emulator::FaultKind;
 using emulator::NorChip;
 using emulator::Operation;
 using lab::Bytes;
+using lab::kSecond;
 
 constexpr std::uint32_t kBottomBoot = 0x22CB00C2;
 constexpr std::uint32_t kBothEnds = 0x257E00EC;
-constexpr std::uint64_t kSecond = 1'000'000'000;
 
 /// An adapter with NOR flash alone, as discovery leaves it.
 struct Nor : lab::Discovered {

@@ -19,6 +19,7 @@ struct VolumeFile {
     bool read_only = false;
     bool folder = false;
 
+    std::string text() const { return {bytes.begin(), bytes.end()}; }
     bool operator==(const VolumeFile&) const = default;
 };
 

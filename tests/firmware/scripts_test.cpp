@@ -12,10 +12,6 @@ namespace {
 
 using namespace firmware;
 
-std::string text_of(const VolumeFile& file) {
-    return {file.bytes.begin(), file.bytes.end()};
-}
-
 /// A volume with the tools in a folder of their own, whose name the shell must quote, and an empty
 /// folder to work in.
 Volume volume_with_tools() {
@@ -65,7 +61,7 @@ Scripts run_lines(emulator::Machine& machine, const Volume& volume,
     };
     Scripts scripts{run_guest(machine, volume, script + "reset -s\r\n", confirm), {}, {}};
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        const std::string status = text_of(scripts.guest.volume["status" + std::to_string(i)]);
+        const std::string status = scripts.guest.volume["status" + std::to_string(i)].text();
         scripts.statuses.push_back(status.substr(0, status.find('\r')));
     }
     for (const auto& [name, file] : scripts.guest.volume) {

@@ -211,10 +211,6 @@ Shown run_in_process(const Story& story) {
     return shown;
 }
 
-std::string text_of(const VolumeFile& file) {
-    return {file.bytes.begin(), file.bytes.end()};
-}
-
 /// One start of a guest, and the stories that run in it, several each in a folder of its own.
 struct Boot {
     std::string name;
@@ -291,13 +287,13 @@ void collect(Run& run, const Volume& volume) {
     for (std::size_t i = 0; i < run.story.steps.size(); ++i) {
         const std::string out = "~out" + std::to_string(i);
         const std::string status = "~status" + std::to_string(i);
-        const std::string console = text_of(files[out]);
+        const std::string console = files[out].text();
         for (const std::string& text : run.story.steps[i].prints) {
             EXPECT_NE(console.find(text), std::string::npos) << text << "\nis not in\n" << console;
         }
         if (!run.story.steps[i].run.empty()) {
             run.shown.consoles.push_back(comparable(console));
-            const std::string value = text_of(files[status]);
+            const std::string value = files[status].text();
             run.shown.statuses.push_back(value.substr(0, value.find('\r')));
         }
         files.erase(out);

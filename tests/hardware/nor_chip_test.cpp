@@ -143,8 +143,8 @@ TEST(NorChip, ObeysFaults) {
 }
 
 /// An adapter with a NOR controller and its registers.
-struct Board {
-    Board() : adapter(machine.add(*find_adapter_model(0x1E5D, 0xC703), {0, 2, 0}, 0)) {
+struct NorBoard {
+    NorBoard() : adapter(machine.add(*find_adapter_model(0x1E5D, 0xC703), {0, 2, 0}, 0)) {
         machine.add_nor_chip(adapter, *find_nor_part(0x22ED0020), kNeverBusy);
         machine.assign_bars();
     }
@@ -177,7 +177,7 @@ struct Board {
 };
 
 TEST(NorController, StartsNothingBeforeItIsSetUp) {
-    Board b;
+    NorBoard b;
     b.load_reset();
     b.write(0xC940, 0x01010000);
     EXPECT_EQ(b.misuses(), Misuses{"0.cs0: sequence started before the interface was set up"});
@@ -193,7 +193,7 @@ TEST(NorController, StartsNothingBeforeItIsSetUp) {
 }
 
 TEST(NorController, WantsFreshCyclesAndAnAcknowledgedEnd) {
-    Board b;
+    NorBoard b;
     b.set_up();
     b.load_reset();
     b.write(0xC940, 0x01010000);
@@ -214,7 +214,7 @@ TEST(NorController, WantsFreshCyclesAndAnAcknowledgedEnd) {
 }
 
 TEST(NorController, ShowsThePageThatTheWindowBaseNames) {
-    Board b;
+    NorBoard b;
     b.set_up();
     const auto contents = b.adapter.nor()->chip()->contents();
     contents[0x402002] = 0x34;

@@ -11,8 +11,8 @@ namespace {
 using namespace emulator;
 
 /// A block whose first port is brought up step by step.
-struct Board {
-    explicit Board(PhyModel model = {3, 4, 0x11}) : block(model, "0", clock, journal) {
+struct PhyBoard {
+    explicit PhyBoard(PhyModel model = {3, 4, 0x11}) : block(model, "0", clock, journal) {
         journal.listen_to_cycles([this](std::string_view line) { last = line; });
         if (model.generation == 2) {
             index = 0x178;
@@ -67,7 +67,7 @@ struct Board {
 };
 
 TEST(PhyBlock, ShowsALockedPatternThatWasStartedInOrder) {
-    Board b;
+    PhyBoard b;
     b.bring_up(0x200);
     EXPECT_EQ(b.last, "0.phy2  test control        95 > 80E0  start: PRBS7, x^7 + x^6 + 1");
     EXPECT_EQ(b.read(0x295), 0xB0E0U);
@@ -82,7 +82,7 @@ TEST(PhyBlock, ShowsALockedPatternThatWasStartedInOrder) {
 
 /// One word of the script: "02<60" writes, "9D?" reads, "A04<..." is register 04 of the AHCI block,
 /// a name alone is a step.
-void step(Board& b, const std::string& word) {
+void step(PhyBoard& b, const std::string& word) {
     const std::size_t at = word.find_first_of("<?");
     const auto number = [&](std::size_t from) {
         return static_cast<std::uint32_t>(std::stoul(word.substr(from), nullptr, 16));
@@ -105,12 +105,12 @@ void step(Board& b, const std::string& word) {
 
 TEST(PhyBlock, ComplainsAboutWhatItWouldNotTake) {
     std::ifstream script(QFU_SOURCE_DIR "/tests/hardware/phy_misuse.txt");
-    auto b = std::make_unique<Board>();
+    auto b = std::make_unique<PhyBoard>();
     int count = 0;
     for (std::string line; std::getline(script, line);) {
         const std::size_t arrow = line.find(" => ");
         if (line.starts_with("= ")) {
-            b = std::make_unique<Board>(
+            b = std::make_unique<PhyBoard>(
                 PhyModel{3, static_cast<std::uint8_t>(line[2] - '0'), 0x11});
         } else if (arrow != line.npos) {
             std::istringstream words(line.substr(0, arrow));
@@ -128,7 +128,7 @@ TEST(PhyBlock, ComplainsAboutWhatItWouldNotTake) {
 }
 
 TEST(PhyBlock, HasAPairForEachPortInGeneration2) {
-    Board b({2, 2, 0x11});
+    PhyBoard b({2, 2, 0x11});
     EXPECT_FALSE(b.block.contains(0xB0));
     b.bring_up();
     b.index = 0x1F8;
@@ -141,7 +141,7 @@ TEST(PhyBlock, HasAPairForEachPortInGeneration2) {
 }
 
 TEST(PhyBlock, WantsThePreparationBefore6GbWhereEightPortsAreReported) {
-    const auto prepare = [](Board& b, std::uint32_t port) {
+    const auto prepare = [](PhyBoard& b, std::uint32_t port) {
         b.write(port | 0xA2, 0x46);
         b.write(port | 0xED, 0x2400);
         b.write(port | 0xDB, 0);
@@ -149,7 +149,7 @@ TEST(PhyBlock, WantsThePreparationBefore6GbWhereEightPortsAreReported) {
         b.write(port | 0xD6, 0);
         b.write(port | 0xD6, 0x200);
     };
-    Board b;
+    PhyBoard b;
     b.reset();
     b.load_rate(0x70);
     EXPECT_EQ(b.complaint(), "0 complaints") << "four ports are reported";
@@ -167,7 +167,7 @@ TEST(PhyBlock, WantsThePreparationBefore6GbWhereEightPortsAreReported) {
     EXPECT_EQ(b.complaint(),
               "0.phy2 6 Gb/s preparation (A2): written on a port that wants no preparation");
 
-    Board second({2, 2, 0x11});
+    PhyBoard second({2, 2, 0x11});
     second.block.set_ports_implemented(0xFF);
     second.index = 0x1F8;
     prepare(second, 0x100);
@@ -177,7 +177,7 @@ TEST(PhyBlock, WantsThePreparationBefore6GbWhereEightPortsAreReported) {
 }
 
 TEST(PhyBlock, FaultsStrikeTheReadsThatTheyAreAimedAt) {
-    Board b;
+    PhyBoard b;
     b.block.add_fault({PhyFaultKind::kNoPass, 0, 2, 1, 0});
     b.block.add_fault({PhyFaultKind::kNoLock, 1, 1, 0, 0});
     b.block.add_fault({PhyFaultKind::kErrors, 0, 3, 2, 0x12345678});
