@@ -3,8 +3,7 @@
 # on of the second. JobRows has the "n", "nn" and so on, JobSeen the one behind the last.
 #
 # "ports" is the fifth word of an adapter: vendor and device stand four and three words before it, the bus
-# is the first word behind it, the device the second. A line here costs the user a hundredth of a second on a slow
-# machine.
+# is the first word behind it, the device the second.
 set -v JobSeen n
 set -v JobRows " "
 set -v JobStep none
@@ -12,7 +11,11 @@ set -v Job1 none
 set -v Job2 none
 set -v Job3 none
 set -v Job4 none
-for %w in %JobAll%
+set -v JobBus none
+# The shell puts variables into a line one after another, in the order in which they were made, and each goes through
+# all that those before it have put there. So the words of the list are made last.
+set -v JobWords "%JobAll%"
+for %w in %JobWords%
   if "%w" == ports or %JobStep% == bus or %JobStep% == device then
     if %JobStep% == device then
       set -v JobPlace%JobSeen% "%JobBus% %w"

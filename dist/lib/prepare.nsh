@@ -128,6 +128,23 @@ if not %QfuTool% == backup then
   endif
 endif
 
+# What is kept of the list. The shell puts variables into a line one after another, in the order in which they were
+# made, and each goes through all that those before it have put there. So the list, which is long, is made
+# anew behind all others.
+set -v QfuSeen n
+set -v QfuPart other
+if %QfuTarget% == nn then
+  set -v QfuPart before
+endif
+set -v QfuMine none
+set -v Qfu1 none
+set -v Qfu2 none
+set -v Qfu3 none
+set -v Qfu4 none
+set -v QfuText "0"
+set -v QfuFlash 0
+set -d QfuList >v QfuJunk
+
 # With one adapter qfu takes it whatever number it is given, and for a number beyond the list it does
 # nothing and says nothing. So the number must be in the list.
 "%QfuHome%\qfu.efi" -l %QfuSelect% >v QfuList
@@ -140,7 +157,6 @@ endif
 "%QfuHome%\qfu.efi" -getparm qfu2.tmp %QfuSelect% >v QfuJunk
 echo ShellCommand,^"qfu^" >a qfu.tmp
 type qfu2.tmp >>a qfu.tmp
-set -v QfuText "0"
 parse qfu.tmp "set FlashSize" 1 >v QfuText
 for %w in %QfuText%
   set -v QfuFlash %w
@@ -148,26 +164,25 @@ endfor
 
 # The adapter's lines of the list: "ports" is the fifth word of each adapter. What stands between two
 # of them goes into a file, so that the shell can tell its lines apart. The whole list cannot: the shell
-# reads a file to its first empty line, and there is one behind a chip that does not answer. A line here
-# costs the user a hundredth of a second on a slow machine, so most words pass only the first.
-set -v QfuSeen n
-set -v QfuMine none
-set -v Qfu1 none
-set -v Qfu2 none
-set -v Qfu3 none
-set -v Qfu4 none
+# reads a file to its first empty line, and there is one behind a chip that does not answer. Most words
+# pass only the first line here.
 for %w in %QfuList%
-  if "x%w" == "xports" or %QfuSeen%n == %QfuTarget% or %QfuSeen% == %QfuTarget% then
-    if "x%w" == "xports" then
+  if "%w" == ports or not %QfuPart% == other then
+    if "%w" == ports then
       set -v QfuSeen %QfuSeen%n
+      set -v QfuPart other
+      if %QfuSeen%n == %QfuTarget% then
+        set -v QfuPart before
+      endif
       if %QfuSeen% == %QfuTarget% then
+        set -v QfuPart mine
         set -v QfuMine "%Qfu1%%Qfu2%%Qfu3%%Qfu4%"
       endif
     endif
-    if %QfuSeen% == %QfuTarget% then
+    if %QfuPart% == mine then
       set -v QfuMine "%QfuMine% %w"
     endif
-    if %QfuSeen%n == %QfuTarget% then
+    if %QfuPart% == before then
       set -v Qfu1 "%Qfu2%"
       set -v Qfu2 "%Qfu3%"
       set -v Qfu3 "%Qfu4%"
