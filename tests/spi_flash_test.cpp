@@ -318,6 +318,7 @@ TEST(SpiStatus, APollGoesOnBehindAReadThatFails) {
 TEST(SpiWriteEnable, ReportsStatusZeroWhenEvenThatCannotBeRead) {
     Operations o(4);
     QFU_ADAPTER& adapter = o.ready();
+    o.lab.stop_listening();
     o.chip.faults().add(lab::fault(FaultKind::kControllerBusy, Operation::kWriteEnable));
     o.chip.faults().add(lab::fault(FaultKind::kControllerBusy, Operation::kReadStatus));
     EXPECT_EQ(qfu_spiflash_write_enable(adapter), QFU_FAILED);
@@ -409,6 +410,7 @@ TEST(SpiUnlock, LiftsTheProtectionOfSectorsThatAreStillProtected) {
 TEST(SpiUnlock, GoesOnWhenASectorNeverReadsBackAsUnprotected) {
     Operations o(1, "AT25DF041A");
     QFU_ADAPTER& adapter = o.ready();
+    o.lab.stop_listening();
     auto wrong = lab::fault(FaultKind::kWrongData, Operation::kQueryProtection);
     o.chip.faults().add(wrong);
     const std::uint64_t start = o.lab.clock().now_ns();
@@ -433,6 +435,7 @@ TEST(SpiUnlock, ReportsAControllerThatHangsInAQuery) {
 TEST(SpiUnlock, GivesUpOnAControllerThatHangsInTheUnprotect) {
     Operations o(1, "AT25DF041A");
     QFU_ADAPTER& adapter = o.ready();
+    o.lab.stop_listening();
     o.chip.protect_all_sectors();
     o.chip.faults().add(lab::fault(FaultKind::kControllerBusy, Operation::kUnprotectSector));
     const std::uint64_t start = o.lab.clock().now_ns();
@@ -460,6 +463,7 @@ std::uint32_t read_with_stray_bit(QFU_ADAPTER& adapter, std::uint32_t reg) {
 TEST(SpiUnlock, WaitsForTheWholeDataRegisterToBeZero) {
     Operations o(1, "AT25DF041A");
     QFU_ADAPTER& adapter = o.ready();
+    o.lab.stop_listening();
     o.chip.protect_all_sectors();
     o.slot().reg_read = read_with_stray_bit<0x0E>; // the status with the latch set stays as it is
     const std::uint64_t start = o.lab.clock().now_ns();
