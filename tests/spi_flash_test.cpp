@@ -516,18 +516,30 @@ TEST(SpiUnlock, IsDecidedByTheWholeIdentification) {
     EXPECT_EQ(status_only.chip.count(Operation::kUnknown), 0U) << "no protection queries";
     EXPECT_EQ(status_only.chip.status(), 0);
 
-    for (const std::uint8_t second : Bytes{0x25, 0x8D, 0x26}) {
-        Operations two_bytes(1, "SST25VF040B");
-        QFU_ADAPTER& adapter = two_bytes.ready();
-        QFU_CHIP_LIST short_list = *two_bytes.context.chip_list;
-        short_list.records[0] = *static_cast<const QFU_CHIP_ENTRY*>(two_bytes.slot().chip);
-        short_list.records[0].id_len = 2;
-        short_list.records[0].id_bytes[1] = second;
-        two_bytes.context.chip_list = &short_list;
-        answer = 0xBF | std::uint32_t{second} << 8;
-        two_bytes.slot().reg_read = read_with_other_id;
-        two_bytes.slot().probe(adapter);
-        EXPECT_EQ(two_bytes.chip.count(Operation::kWriteStatus), second == 0x26 ? 1U : 2U);
+    struct Other {
+        Bytes id;
+        bool unlocked;
+    };
+    for (const auto& [id, unlocked] : {
+             Other{{0xBF, 0x25},    true },
+             Other{{0xBF, 0x8D},    true },
+             Other{{0xBF, 0x26},    false},
+             Other{{0xBF, 0x25, 0}, true },
+             Other{{0xBF, 0x8D, 0}, true },
+             Other{{0xBF, 0x25, 1}, false}
+    }) {
+        Operations other(1, "SST25VF040B");
+        QFU_ADAPTER& adapter = other.ready();
+        QFU_CHIP_LIST list = *other.context.chip_list;
+        list.records[0] = *static_cast<const QFU_CHIP_ENTRY*>(other.slot().chip);
+        list.records[0].id_len = static_cast<std::uint8_t>(id.size());
+        std::ranges::copy(id, list.records[0].id_bytes.begin());
+        other.context.chip_list = &list;
+        answer = id[0] | std::uint32_t{id[1]} << 8 | std::uint32_t{id.back()} << 16;
+        other.slot().reg_read = read_with_other_id;
+        other.slot().probe(adapter);
+        EXPECT_EQ(other.chip.count(Operation::kWriteStatus), unlocked ? 2U : 1U)
+            << testing::PrintToString(id);
     }
 
     chiplist::ChipList list{1, 1, {0x9F}, {}};
