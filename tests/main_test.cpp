@@ -121,11 +121,12 @@ TEST(Entry, ReportsMissingMemory) {
     EXPECT_EQ(context.text(), "Resource is not enough.[2]\nprocess_file_fun() has warning!!(15)\n");
 }
 
-TEST(Entry, StartsEveryRunWithoutPaging) {
+TEST(Entry, StartsEveryRunWithoutPagingAndOnAnEmptyPage) {
     Lab lab;
     lab.kind(1);
     lab.run("-l -bp");
     const Outcome run = lab.run("-h");
+    EXPECT_EQ(qfu_page_lines, 0U);
     EXPECT_NE(run.console.find("-se -addr 0 -wbf image.bin -y"), std::string::npos);
 }
 
