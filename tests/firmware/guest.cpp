@@ -25,7 +25,9 @@ constexpr std::chrono::seconds kTimeLimit{240};
 constexpr char kImage[] = "volume.img";
 
 void make_volume(const fs::path& folder, const Volume& volume) {
-    shell(folder, std::string("truncate -s 64M ") + kImage + " && mkfs.vfat -F 32 " + kImage);
+    // Debian leaves /usr/sbin out of a plain user's path.
+    shell(folder, std::string("truncate -s 64M ") + kImage +
+                      " && PATH=$PATH:/usr/sbin mkfs.vfat -F 32 " + kImage);
     fs::create_directory(folder / "in");
     for (const auto& [name, file] : volume) {
         if (file.folder) {
