@@ -187,7 +187,7 @@ TEST(QfuEmu, ShowsOnATerminalHowFarALongRunIs) {
     // Who reads the log slowly makes a short run a long one.
     const auto start = [](const std::string& name, const std::string& pace, const std::string& time,
                           const std::string& arguments) {
-        return "mkfifo " + name + " && { for i in 1 2 3 4 5; do sleep 0.4; head -c " + pace +
+        return "mkfifo " + name + "; { for i in 1 2 3 4 5; do sleep 0.4; head -c " + pace +
                "; done; cat; } <" + name + " >/dev/null & TERM=xterm script -E never -qec '" +
                QFU_TOOLS "/qfu-emu --machine " + time + ".toml --keys y --log " + name + " -- " +
                arguments + "' " + name + ".seen >/dev/null & ";
