@@ -12,6 +12,7 @@
 #include <memory>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -138,6 +139,7 @@ class Qemu {
         arguments.push_back(nullptr);
         process_ = fork();
         if (process_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL); // nobody reads the console any more
             dup2(input[0], STDIN_FILENO);
             dup2(output[1], STDOUT_FILENO);
             close(input[1]);
