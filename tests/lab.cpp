@@ -5,7 +5,6 @@
 #include "platform/system.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -63,10 +62,8 @@ std::string Outcome::text() const {
 }
 
 Lab::Lab() {
-    std::string name = (std::filesystem::temp_directory_path() / "qfu-test-XXXXXX").string();
-    folder_ = mkdtemp(name.data());
     machine_ = std::make_unique<Machine>(clock_);
-    firmware_ = std::make_unique<Firmware>(*machine_, clock_, folder_);
+    firmware_ = std::make_unique<Firmware>(*machine_, clock_, folder_.path());
     machine_->journal().listen_to_cycles([this](std::string_view line) {
         cycles_ += line;
         cycles_ += '\n';
@@ -79,8 +76,6 @@ Lab::~Lab() {
     EXPECT_EQ(firmware_->resources(), Resources{}) << "something was not given back";
     EXPECT_TRUE(starvation_expected_ || !firmware_->terminal().starved())
         << "the program waited for a key that nobody pressed";
-    std::error_code error;
-    std::filesystem::remove_all(folder_, error);
 }
 
 Adapter& Lab::adapter(std::uint16_t device, std::uint16_t vendor) {
@@ -108,32 +103,29 @@ SpiChip& Lab::kind(int flash_if, std::string_view part, BusyTimes times) {
 }
 
 void Lab::write_file(const std::string& name, std::span<const std::uint8_t> bytes) {
-    std::ofstream out(folder_ / name, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+    folder_.write(name, bytes);
 }
 
 void Lab::write_file(const std::string& name, std::string_view text) {
-    std::ofstream(folder_ / name, std::ios::binary) << text;
+    folder_.write(name, text);
 }
 
 Bytes Lab::read_file(const std::string& name) const {
-    const std::string text = read_text(name);
-    return {text.begin(), text.end()};
+    EXPECT_TRUE(exists(name)) << name << " is missing";
+    return folder_.read(name);
 }
 
 std::string Lab::read_text(const std::string& name) const {
-    std::ifstream in(folder_ / name, std::ios::binary);
-    EXPECT_TRUE(in) << name << " is missing";
-    return {std::istreambuf_iterator<char>(in), {}};
+    const Bytes bytes = read_file(name);
+    return {bytes.begin(), bytes.end()};
 }
 
 bool Lab::exists(const std::string& name) const {
-    return std::filesystem::exists(folder_ / name);
+    return std::filesystem::exists(folder() / name);
 }
 
 void Lab::remove_chip_list() {
-    std::filesystem::remove(folder_ / "spilist.bin");
+    std::filesystem::remove(folder() / "spilist.bin");
 }
 
 Outcome Lab::run(std::string_view arguments, std::string_view keys) {

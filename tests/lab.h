@@ -3,6 +3,7 @@
 
 #include "context.h"
 #include "in_process.h"
+#include "scratch_folder.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -14,7 +15,6 @@
 
 namespace lab {
 
-using Bytes = std::vector<std::uint8_t>;
 constexpr std::uint64_t kSecond = 1'000'000'000; ///< of the emulated clock, in nanoseconds
 
 /// `count` bytes that look random and are the same in every run; never a long row of one value.
@@ -78,7 +78,7 @@ class Lab {
     Bytes read_file(const std::string& name) const;
     std::string read_text(const std::string& name) const;
     bool exists(const std::string& name) const;
-    const std::filesystem::path& folder() const { return folder_; }
+    const std::filesystem::path& folder() const { return folder_.path(); }
 
     /// Takes "spilist.bin" away; it is there at first.
     void remove_chip_list();
@@ -120,7 +120,7 @@ class Lab {
     void expect_starvation() { starvation_expected_ = true; }
 
   private:
-    std::filesystem::path folder_;
+    ScratchFolder folder_;
     emulator::VirtualClock clock_;
     std::unique_ptr<emulator::Machine> machine_;
     std::unique_ptr<emulator::Firmware> firmware_;

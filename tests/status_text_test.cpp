@@ -7,8 +7,8 @@
 
 namespace {
 
-TEST(StatusText, IsWhatTheTranscriptShows) {
-    std::ifstream file(QFU_SOURCE_DIR "/tests/transcripts/status-texts.txt");
+TEST(StatusText, IsWhatTheFileSays) {
+    std::ifstream file(QFU_SOURCE_DIR "/tests/status_texts.txt");
     std::map<int, std::string> texts;
     for (std::string line; std::getline(file, line);) {
         if (!line.empty() && std::isdigit(static_cast<unsigned char>(line[0])) != 0) {

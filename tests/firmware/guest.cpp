@@ -235,16 +235,6 @@ std::string run(const fs::path& folder, const Platform& platform, emulator::Gues
 
 } // namespace
 
-ScratchFolder::ScratchFolder() {
-    std::string name = (fs::temp_directory_path() / "qfu-guest-XXXXXX").string();
-    path_ = mkdtemp(name.data());
-}
-
-ScratchFolder::~ScratchFolder() {
-    std::error_code error;
-    fs::remove_all(path_, error);
-}
-
 void shell(const fs::path& folder, const std::string& command) {
     const std::string line = "cd '" + folder.string() + "' && (" + command + ") >/dev/null";
     if (std::system(line.c_str()) != 0) {
@@ -259,6 +249,15 @@ const Platform kX64Edk2{"edk2", "efi-edk2", kX64.code, kQ35, kX64.disk, false};
 const Platform kAArch64{
     "aarch64", "efi-aarch64", "/usr/share/AAVMF/AAVMF_CODE.fd", kVirt, "virtio-blk-pci,addr=0x1e",
     true};
+
+const Platform& platform_named(const std::string& name) {
+    for (const Platform* platform : {&kX64, &kX64Clang, &kX64Edk2, &kAArch64}) {
+        if (platform->name == name) {
+            return *platform;
+        }
+    }
+    throw std::runtime_error("there is no platform " + name);
+}
 
 std::vector<std::uint8_t> read_bytes(const fs::path& file) {
     std::ifstream in(file, std::ios::binary);

@@ -3,6 +3,7 @@
 
 #include "guest_bridge.h"
 #include "hardware/machine.h"
+#include "scratch_folder.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -50,6 +51,9 @@ extern const Platform kX64Clang; ///< the program by the second compiler
 extern const Platform kX64Edk2;  ///< the program as scripts/edk2 builds it
 extern const Platform kAArch64;
 
+/// The platform of that name. @throws std::runtime_error when there is none
+const Platform& platform_named(const std::string& name);
+
 /// Boots a guest with the bridge's adapters and a volume that holds `volume` and `script` as its
 /// start-up script, and waits until it powers off.
 /// @throws std::runtime_error when it cannot be started or takes longer than four minutes
@@ -76,18 +80,7 @@ std::string boot_medium(const Platform& platform, emulator::Machine& machine,
 /// Runs a command line of a Linux shell in that folder. @throws std::runtime_error when it fails
 void shell(const std::filesystem::path& folder, const std::string& command);
 
-/// A folder that goes with its owner.
-class ScratchFolder {
-  public:
-    ScratchFolder();
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-    ~ScratchFolder();
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
+using lab::ScratchFolder;
 
 std::vector<std::uint8_t> read_bytes(const std::filesystem::path& file);
 

@@ -64,4 +64,24 @@ TEST(Guest, AKeyEndsAnEndlessLoopbackAndSoDoesCtrlC) {
     EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
 }
 
+TEST(Guest, TheShellShowsTheManualAndRunsTheScriptOfParameters) {
+    const emulator::SteadyClock clock;
+    emulator::Machine machine(clock);
+    auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, 0xC703), {0, 2, 0}, 0xA1);
+    machine.add_nor_chip(adapter, *emulator::find_nor_part(0x22CB00C2), emulator::kNeverBusy);
+    Volume volume;
+    add_program(volume);
+    volume["spilist.bin"].bytes = lab::shipped_chip_list();
+    const GuestResult guest = run_guest(machine, volume,
+                                        "fs0:\r\nqfu -? >a manual\r\nqfu -getparm p.nsh -adid 0\r\n"
+                                        "p.nsh\r\necho %ADCount% %DevId% %RevId% %FlashSize%\r\n"
+                                        "reset -s\r\n",
+                                        [](const std::string&) { return ""; });
+    const std::string manual = guest.volume.at("manual").text();
+    EXPECT_NE(manual.find("Programs, dumps and erases the flash"), std::string::npos) << manual;
+    EXPECT_NE(manual.find("-wpa:     wipe out whole chip."), std::string::npos) << manual;
+    EXPECT_NE(manual.find("-erctn, --error continue."), std::string::npos) << manual;
+    EXPECT_NE(guest.serial.find("1 C703 A1 0x800000"), std::string::npos) << guest.serial;
+}
+
 } // namespace

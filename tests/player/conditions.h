@@ -1,0 +1,38 @@
+// What must hold after a command: the lines below its output.
+#pragma once
+
+#include "player.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace session {
+
+/// Everything that a condition can ask about.
+struct After {
+    const Stage& stage;
+    const Observation& seen;
+    const std::vector<lab::Bytes>& flash_before; ///< of the command
+    std::filesystem::path folder;
+};
+
+/// The last line of a run whose command line was refused; "= refused" stands for it and status 3.
+inline constexpr std::string_view kRefusal = "process_file_fun() has warning!!(2)\r\n";
+bool is_refused(const Observation& seen);
+
+/// True for a line that states a condition.
+bool is_condition(const std::string& line);
+
+/// A condition's line as it holds: the same line when it is met, otherwise what came out.
+/// Absent when nothing of the kind came out.
+/// @throws support::InputError for a line that states no condition
+std::optional<std::string> as_it_holds(const std::string& line, const After& after);
+
+/// The lines that must be there whether or not the session has them: status, misuse, keys.
+std::vector<std::string> needed_lines(const Observation& seen);
+
+/// The bytes of a volume's file, with letters in any case.
+std::optional<lab::Bytes> find_file(const std::filesystem::path& folder, const std::string& name);
+
+} // namespace session

@@ -1,0 +1,531 @@
+#include "player.h"
+
+#include "conditions.h"
+#include "machine_lines.h"
+#include "registers.h"
+#include "support/input_error.h"
+
+#include <algorithm>
+#include <fstream>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <utility>
+
+namespace session {
+
+namespace fs = std::filesystem;
+using emulator::Operation;
+using lab::Bytes;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+/// What is printed in front of erase and write progress: a return and 56 spaces.
+const std::string kBlank = "\r" + std::string(56, ' ');
+
+bool is_setting(const std::string& line) {
+    static const std::set<std::string> kFirstWords = {
+        "machine", "adapter", "spi", "nor",  "phy",   "fault", "time",
+        "shell",   "no",      "put", "fill", "keys:", "text",  "guests:"};
+    return line.starts_with("$ ") || line.starts_with("#") ||
+           (!line.empty() && kFirstWords.contains(line.substr(0, line.find(' '))));
+}
+
+void replace_all(std::string& text, std::string_view from, std::string_view to) {
+    for (std::size_t at = 0; (at = text.find(from, at)) != text.npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+/// The address in memory of bytes that do not verify, which differs from run to run.
+void hide_source_address(std::string& line) {
+    constexpr std::string_view kSource = "Source(0x";
+    const std::size_t at = line.find(kSource);
+    if (at != line.npos) {
+        const std::size_t from = at + kSource.size();
+        line.replace(from, line.find(')', from) - from, "X");
+    }
+}
+
+/// A console as a session shows it. CR LF ends a line; all else is marked.
+Lines as_lines(const std::string& console) {
+    Lines lines;
+    std::istringstream in(console);
+    for (std::string line; std::getline(in, line);) {
+        const bool ended = !in.eof();
+        const bool whole = ended && line.ends_with('\r');
+        if (whole) {
+            line.pop_back();
+        }
+        hide_source_address(line);
+        replace_all(line, kBlank, "<BLANK>");
+        replace_all(line, "\r", "<CR>");
+        line += whole ? "" : ended ? "<LF>" : "<END>";
+        if (is_setting(line) || is_condition(line) || line.starts_with('\\')) {
+            line.insert(0, "\\");
+        }
+        lines.push_back(line);
+    }
+    if (!lines.empty() && lines.back().empty()) {
+        lines.back() = "<EMPTY>";
+    }
+    return lines;
+}
+
+/// Takes away the list of arguments with which qfu starts, or says that it is not there.
+void imply_arguments(Lines& output, const Command& command) {
+    Lines echo = {"[0]: " + std::string(emulator::kCommandName)};
+    for (std::size_t i = 1; i < command.words.size(); ++i) {
+        echo.push_back("[" + std::to_string(i) + "]: " + command.words[i]);
+    }
+    if (output.size() >= echo.size() &&
+        std::ranges::equal(std::span(output).first(echo.size()), echo)) {
+        output.erase(output.begin(), output.begin() + static_cast<std::ptrdiff_t>(echo.size()));
+    } else {
+        output.insert(output.begin(), "<NO ARGUMENTS>");
+    }
+}
+
+std::map<Operation, std::uint64_t> count_operations(const emulator::Machine& machine) {
+    std::map<Operation, std::uint64_t> counts;
+    for (std::size_t i = 1; i < emulator::kOperationCount; ++i) {
+        const auto operation = static_cast<Operation>(i);
+        for (const auto& adapter : machine.adapters()) {
+            const auto* spi = adapter->spi().chip();
+            const auto* nor = adapter->nor() == nullptr ? nullptr : adapter->nor()->chip();
+            counts[operation] += (spi == nullptr ? 0 : spi->count(operation)) +
+                                 (nor == nullptr ? 0 : nor->count(operation));
+        }
+    }
+    return counts;
+}
+
+void press(emulator::Terminal& terminal, const std::string& keys) {
+    constexpr std::string_view kFunctionKey = "<F1>"; // has a scan code and no character
+    constexpr std::uint16_t kScanCode = 0x0B;
+    std::size_t from = 0;
+    for (std::size_t at = 0; (at = keys.find(kFunctionKey, from)) != keys.npos;) {
+        terminal.press(keys.substr(from, at - from));
+        terminal.press(emulator::KeyStroke{kScanCode, 0});
+        from = at + kFunctionKey.size();
+    }
+    terminal.press(keys.substr(from));
+}
+
+/// The shell's own commands that sessions use. @returns what they print
+std::string run_shell_command(const Command& command, const fs::path& folder) {
+    const std::string& name = command.words[0];
+    if (name == "type") {
+        const Bytes bytes = find_file(folder, command.words.at(1)).value_or(Bytes{});
+        return std::string(bytes.begin(), bytes.end()) + "\r\n"; // the shell adds a line end
+    }
+    if (name == "rm") {
+        fs::remove(folder / command.words.at(1));
+    } else if (name == "mkdir") {
+        fs::create_directory(folder / command.words.at(1));
+    } else if (name == "attrib") {
+        fs::permissions(folder / command.words.at(2), fs::perms::owner_read);
+    } else {
+        throw support::InputError("sessions know no command " + name);
+    }
+    return "";
+}
+
+class Player {
+  public:
+    Player(const fs::path& file, const BeforeCommand& before) : file_(file), before_(before) {
+        std::ifstream in(file);
+        for (std::string line; std::getline(in, line);) {
+            in_guests_ = in_guests_ || line.starts_with("guests:");
+            lines().push_back(line);
+        }
+        if (lines().empty()) {
+            throw SessionError(file.string() + ": there is no such session");
+        }
+        volume_.write("spilist.bin", lab::shipped_chip_list());
+        std::string image;
+        for (int i = 0; i < 200; ++i) {
+            image += "This is image. ";
+        }
+        volume_.write("image.bin", image);
+    }
+
+    Playback play() {
+        while (at_ < lines().size()) {
+            const std::size_t start = at_;
+            try {
+                play_line();
+            } catch (const support::InputError& error) {
+                fail(start, error.what());
+            } catch (const std::logic_error& error) { // a number or a word is missing
+                fail(start, std::string("cannot be read: ") + error.what());
+            }
+        }
+        end_stage();
+        for (const auto& [name, text] : texts_) {
+            if (!text.used) {
+                fail(text.line, "nothing uses this text");
+            }
+        }
+        return std::move(result_);
+    }
+
+  private:
+    struct Text {
+        Lines lines;
+        std::size_t line;
+        bool used;
+    };
+
+    [[noreturn]] void fail(std::size_t line, const std::string& what) const {
+        throw SessionError(file_.string() + ":" + std::to_string(line + 1) + ": " + what);
+    }
+
+    Lines& lines() { return result_.expected; }
+    Stage& stage() { return result_.stages.back(); }
+
+    void play_line() {
+        const std::string line = lines()[at_++];
+        result_.shown.push_back(line);
+        const auto words = split(line);
+        if (line.empty() || line[0] == '#' || words[0] == "guests:") {
+            return;
+        }
+        if (words[0] == "$") {
+            play_command(line.substr(2));
+        } else if (words[0] == "keys:") {
+            keys_ = line.substr(std::string_view("keys: ").size());
+        } else if (words[0] == "text") {
+            read_text(words.at(1));
+        } else if (words[0] == "put") {
+            put(words);
+        } else if (words[0] == "fill") {
+            begin_stage();
+            fill(words);
+        } else {
+            set_up(line, words);
+        }
+    }
+
+    /// Lines that come before a machine's first command.
+    void set_up(const std::string& line, const std::vector<std::string>& words) {
+        static const std::map<std::string, emulator::Shell> kShells = {
+            {"no-parameters", emulator::Shell::kNoParameters},
+            {"older",         emulator::Shell::kOlder       },
+            {"none",          emulator::Shell::kNone        }
+        };
+        if (words[0] == "machine") {
+            end_stage();
+            machine_.start(words, at_ - 1);
+        } else if (open_) {
+            throw support::InputError("this machine is already in use; start with \"machine\"");
+        } else if (words[0] == "shell") {
+            shell_ = kShells.at(words.at(1));
+        } else if (line == "no root bridge") {
+            root_bridge_ = false;
+        } else if (!machine_.take(words, at_ - 1)) {
+            throw support::InputError("no line of a session starts with " + words[0]);
+        }
+    }
+
+    void read_text(const std::string& name) {
+        Text text{{}, at_ - 1, false};
+        while (at_ < lines().size() && lines()[at_] != "end") {
+            text.lines.push_back(lines()[at_]);
+            result_.shown.push_back(lines()[at_++]);
+        }
+        if (at_ == lines().size()) {
+            fail(text.line, "this text has no \"end\"");
+        }
+        result_.shown.push_back(lines()[at_++]);
+        texts_["@" + name] = text;
+    }
+
+    /// put NAME = pattern SIZE [SEED], put NAME = "TEXT" or put NAME @OFFSET = BYTE...
+    void put(const std::vector<std::string>& words) {
+        const std::string& name = words.at(1);
+        if (words.at(2) == "=" && words.at(3) == "pattern") {
+            const auto seed = words.size() > 5 ? std::stoul(words[5]) : 1;
+            volume_.write(name, lab::pattern(std::stoul(words.at(4), nullptr, 0),
+                                             static_cast<std::uint32_t>(seed)));
+        } else if (words[2] == "=") {
+            volume_.write(name, words.at(3));
+        } else {
+            Bytes bytes = volume_.read(name);
+            std::size_t at = std::stoul(words[2].substr(1), nullptr, 16);
+            bytes.resize(std::max(bytes.size(), at + words.size() - 4));
+            for (std::size_t i = 4; i < words.size(); ++i) {
+                bytes[at++] = static_cast<std::uint8_t>(std::stoul(words[i], nullptr, 16));
+            }
+            volume_.write(name, bytes);
+        }
+        if (open_ && !stage().commands.empty()) {
+            stage().process_only = "a file changes between its commands";
+        }
+    }
+
+    /// fill BYTE or fill @ADDRESS = NAME, in every chip
+    void fill(const std::vector<std::string>& words) {
+        for (const auto chip : chips_of(*stage().machine)) {
+            if (words.size() == 2) {
+                lab::fill(chip, static_cast<std::uint8_t>(std::stoul(words[1], nullptr, 16)));
+            } else {
+                const Bytes bytes = volume_.read(words.at(3));
+                const std::size_t at = std::stoul(words[1].substr(1), nullptr, 16);
+                std::ranges::copy(bytes, chip.subspan(at, bytes.size()).begin());
+            }
+        }
+        stage().flash = contents_of(*stage().machine);
+    }
+
+    void begin_stage() {
+        if (open_) {
+            return;
+        }
+        Stage stage;
+        stage.description = machine_.describe();
+        stage.shell = shell_;
+        stage.root_bridge = root_bridge_;
+        if (!stage.description.firmware_faults.empty()) {
+            stage.process_only = "a guest's firmware does not fail on demand";
+        } else if (shell_ != emulator::Shell::kCurrent || !root_bridge_) {
+            stage.process_only = "a guest has a shell and a root bridge";
+        }
+        stage.machine = emulator::build_machine(stage.description, clock_, images_);
+        stage.machine->assign_bars();
+        stage.flash = contents_of(*stage.machine);
+        stage.files = read_files(volume_.path());
+        result_.stages.push_back(std::move(stage));
+        open_ = true;
+    }
+
+    void end_stage() {
+        if (open_) {
+            stage().files_after = read_files(volume_.path());
+            stage().flash_after = contents_of(*stage().machine);
+            expect_no_idle_fault();
+        }
+        open_ = false;
+        shell_ = emulator::Shell::kCurrent;
+        root_bridge_ = true;
+    }
+
+    void expect_no_idle_fault() {
+        const auto& faults = stage().description.firmware_faults;
+        auto idle = emulator::idle_faults(stage().description, *stage().machine);
+        for (std::size_t i = 0; i < faults.size(); ++i) {
+            if (std::ranges::none_of(stage().observations, [i](const Observation& seen) {
+                    return !seen.failed_calls.empty() && seen.failed_calls[i];
+                })) {
+                idle.push_back(faults[i].line);
+            }
+        }
+        // A machine file serves several sessions, and not each of them meets its faults.
+        if (!idle.empty() && !machine_.is_file()) {
+            fail(machine_.line_of(idle.front()), "this fault never struck");
+        }
+    }
+
+    /// The end of the lines that belong to the command before: its output and conditions.
+    std::size_t end_of_command() const {
+        std::size_t end = at_;
+        bool block = false;
+        for (; end < result_.expected.size(); ++end) {
+            const std::string& line = result_.expected[end];
+            if (!block && is_setting(line)) {
+                break;
+            }
+            block = line == "registers:" || line == "cycles:" || (block && line != "end");
+        }
+        while (end > at_ && result_.expected[end - 1].empty()) {
+            --end;
+        }
+        return end;
+    }
+
+    void play_command(const std::string& line) {
+        begin_stage();
+        const Command command{line, split(line), std::exchange(keys_, {})};
+        const std::size_t end = end_of_command();
+        const std::span<const std::string> below = std::span(lines()).subspan(at_, end - at_);
+        const bool registers = std::ranges::find(below, "registers:") != below.end();
+        result_.has_registers = result_.has_registers || registers;
+        const auto before = contents_of(*stage().machine);
+        if (before_ && command.is_qfu()) {
+            before_(stage(), command, clock_, volume_.path());
+        }
+        const bool cycles = in_guests_ || std::ranges::find(below, "cycles:") != below.end();
+        stage().observations.push_back(
+            run(stage(), command, clock_, volume_.path(), {cycles, registers}));
+        stage().commands.push_back(command);
+        show_output(command, below);
+        show_conditions({stage(), stage().observations.back(), before, volume_.path()}, below);
+        at_ = end;
+    }
+
+    void show_output(const Command& command, std::span<const std::string> below) {
+        const Observation& seen = stage().observations.back();
+        const std::size_t rest = is_refused(seen) ? kRefusal.size() : 0;
+        Lines output = as_lines(seen.console.substr(0, seen.console.size() - rest));
+        if (command.is_qfu()) {
+            imply_arguments(output, command);
+        }
+        // A text stands for its lines wherever the session uses it.
+        std::size_t i = 0;
+        for (const std::string& line : below) {
+            const auto text = texts_.find(line);
+            if (text == texts_.end()) {
+                ++i;
+                continue;
+            }
+            const Lines& wanted = text->second.lines;
+            text->second.used = true;
+            if (i + wanted.size() <= output.size() &&
+                std::ranges::equal(std::span(output).subspan(i, wanted.size()), wanted)) {
+                const auto from = output.begin() + static_cast<std::ptrdiff_t>(i);
+                *from = line;
+                output.erase(from + 1, from + static_cast<std::ptrdiff_t>(wanted.size()));
+            }
+            ++i;
+        }
+        result_.shown.insert(result_.shown.end(), output.begin(), output.end());
+    }
+
+    void show_conditions(const After& after, std::span<const std::string> below) {
+        Lines needed = needed_lines(after.seen);
+        for (std::size_t i = 0; i < below.size(); ++i) {
+            const std::string& line = below[i];
+            if (line == "registers:" || line == "cycles:") {
+                result_.shown.push_back(line);
+                const Lines& block = line == "cycles:" ? after.seen.cycles : after.seen.registers;
+                result_.shown.insert(result_.shown.end(), block.begin(), block.end());
+                result_.shown.emplace_back("end");
+                while (i < below.size() && below[i] != "end") {
+                    ++i;
+                }
+            } else if (is_condition(line)) {
+                if (const auto held = as_it_holds(line, after)) {
+                    result_.shown.push_back(*held);
+                    std::erase(needed, *held);
+                }
+            }
+        }
+        result_.shown.insert(result_.shown.end(), needed.begin(), needed.end());
+    }
+
+    fs::path file_;
+    BeforeCommand before_;
+    Playback result_;
+    std::size_t at_ = 0; ///< the next line
+    bool in_guests_ = false;
+    std::map<std::string, Text> texts_; ///< by the word that stands for each
+    std::string keys_;                  ///< for the next command
+    MachineLines machine_;
+    emulator::Shell shell_ = emulator::Shell::kCurrent;
+    bool root_bridge_ = true;
+    bool open_ = false; ///< the last stage is the current machine's
+    emulator::VirtualClock clock_;
+    emulator::ImageFiles images_;
+    lab::ScratchFolder volume_;
+};
+
+} // namespace
+
+std::vector<std::span<std::uint8_t>> chips_of(const emulator::Machine& machine) {
+    std::vector<std::span<std::uint8_t>> chips;
+    for (const auto& adapter : machine.adapters()) {
+        if (adapter->nor() != nullptr && adapter->nor()->chip() != nullptr) {
+            chips.push_back(adapter->nor()->chip()->contents());
+        }
+        if (adapter->spi().chip() != nullptr) {
+            chips.push_back(adapter->spi().chip()->contents());
+        }
+    }
+    return chips;
+}
+
+std::vector<Bytes> contents_of(const emulator::Machine& machine) {
+    std::vector<Bytes> contents;
+    for (const auto chip : chips_of(machine)) {
+        contents.emplace_back(chip.begin(), chip.end());
+    }
+    return contents;
+}
+
+Files read_files(const fs::path& folder) {
+    Files files;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        const std::string name = fs::relative(entry.path(), folder).string();
+        if (entry.is_directory()) {
+            files[name + "/"] = {};
+        } else {
+            std::ifstream in(entry.path(), std::ios::binary);
+            files[name] = {std::istreambuf_iterator<char>(in), {}};
+        }
+    }
+    return files;
+}
+
+Observation run(const Stage& stage, const Command& command, emulator::VirtualClock& clock,
+                const fs::path& folder, Listen listen,
+                const std::function<void(emulator::Firmware&)>& prepare) {
+    Observation seen;
+    if (!command.is_qfu()) {
+        seen.console = run_shell_command(command, folder);
+        return seen;
+    }
+    emulator::Machine& machine = *stage.machine;
+    emulator::Firmware firmware(machine, clock, folder);
+    if (!stage.root_bridge) {
+        firmware.hide_root_bridge();
+    }
+    for (const auto& fault : stage.description.firmware_faults) {
+        (firmware.faults().*emulator::call_named(fault.call)).fail(fault.nth, fault.times);
+    }
+    press(firmware.terminal(), command.keys);
+    if (prepare) {
+        prepare(firmware);
+    }
+    std::optional<RegisterLines> registers;
+    if (listen.registers) {
+        registers.emplace(machine);
+    }
+    if (listen.cycles) {
+        machine.journal().listen_to_cycles(
+            [&seen](std::string_view line) { seen.cycles.emplace_back(line); });
+    }
+    const auto operations_before = count_operations(machine);
+    const std::uint64_t start = clock.now_ns();
+    Lines arguments = {emulator::kCommandName};
+    arguments.insert(arguments.end(), command.words.begin() + 1, command.words.end());
+    seen.status =
+        static_cast<unsigned>(emulator::run_program(firmware, stage.shell, arguments) & 0xFF);
+    seen.ns = clock.now_ns() - start;
+    machine.journal().listen_to_cycles(nullptr);
+    if (registers) {
+        seen.registers = registers->take();
+    }
+    for (const auto& [operation, count] : count_operations(machine)) {
+        seen.operations[operation] = count - operations_before.at(operation);
+    }
+    seen.console = firmware.terminal().transcript();
+    seen.starved = firmware.terminal().starved();
+    seen.unread_keys = firmware.terminal().keys_left();
+    seen.misuses = machine.journal().take_misuses();
+    if (firmware.resources() != emulator::Resources{}) {
+        seen.misuses.emplace_back("the program has not given everything back");
+    }
+    for (const auto& fault : stage.description.firmware_faults) {
+        seen.failed_calls.push_back(
+            !(firmware.faults().*emulator::call_named(fault.call)).never_struck());
+    }
+    return seen;
+}
+
+Playback play(const fs::path& file, const BeforeCommand& before) {
+    return Player(file, before).play();
+}
+
+} // namespace session
