@@ -1,19 +1,16 @@
 // Runs QEMU with a machine file's adapters in the guest.
 #include "bus_trace.h"
 #include "command_line.h"
-#include "guest/driver_bridge.h"
+#include "guest/launcher.h"
 #include "machine_file.h"
-#include "qemu_bridge.h"
 #include "report.h"
 #include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/version.h"
 
+#include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <iostream>
-#include <memory>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,29 +21,15 @@ using namespace emulator;
 struct Options {
     std::string machine;
     std::string log;
-    bool driver = false;
     TraceOptions trace;
-    std::vector<std::string> command;
+    GuestSetup guest;
 };
 
-pid_t start(const std::vector<std::string>& command) {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string& word : command) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM); // without its adapters the guest is of no use
-        execvp(arguments[0], arguments.data());
-        std::cerr << "qfu-qemu: " << arguments[0] << ": " << std::strerror(errno) << '\n';
-        _exit(kCannotRun);
-    }
-    if (child < 0) {
-        throw support::InputError("no process for QEMU");
-    }
-    return child;
+volatile std::sig_atomic_t qemu = 0;
+
+/// Chips and logs are complete when only QEMU is stopped, and this program ends after it.
+void stop_guest(int /*signal*/) {
+    kill(qemu, SIGTERM);
 }
 
 /// The files that the log must not replace: what the machine is made of, and the guest's drives.
@@ -54,7 +37,10 @@ std::vector<std::filesystem::path> inputs(const Options& options, const ImageFil
     constexpr std::string_view kFile = "file=";
     std::vector<std::filesystem::path> files = images.names();
     files.emplace_back(options.machine);
-    for (const std::string& word : options.command) {
+    for (const Drive& drive : options.guest.drives) {
+        files.emplace_back(drive.image);
+    }
+    for (const std::string& word : options.guest.further) {
         files.emplace_back(word);
         const std::size_t name = word.find(kFile);
         if (name != word.npos) {
@@ -82,17 +68,11 @@ int run(const Options& options) {
     }
     CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
     auto trace = start_trace(options.trace, inputs(options, images), options.log, *machine, clock);
-    std::unique_ptr<GuestBridge> bridge;
-    if (options.driver) {
-        bridge = std::make_unique<DriverBridge>(*machine);
-    } else {
-        bridge = std::make_unique<QemuBridge>(*machine);
+    const auto bridge = make_bridge(*options.guest.kind, *machine);
+    qemu = start_guest(options.guest, *bridge, STDIN_FILENO, STDOUT_FILENO);
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+        std::signal(signal, stop_guest);
     }
-    std::vector<std::string> command = options.command;
-    const auto devices = bridge->arguments();
-    command.insert(command.end(), devices.begin(), devices.end());
-    const pid_t qemu = start(command);
-    bridge->handed_over();
     bridge->serve();
     int status = 0;
     waitpid(qemu, &status, 0);
@@ -111,35 +91,61 @@ int run(const Options& options) {
 int main(int argc, char** argv) try {
     const CommandLine line(argc, argv);
     const support::Arguments arguments{
-        "Runs QEMU with a machine file's adapters in the guest. The guest's memory must be "
-        "shared (memory-backend-memfd), "
-        "except with --driver.\n"
-        "The exit status is QEMU's, or 2 when the adapters cannot be served.",
+        "Boots a QEMU guest with a machine file's adapters. Its serial console is standard input "
+        "and output; on a terminal, Ctrl-A and then X ends the guest.\n"
+        "The exit status is QEMU's, or 2 when the guest cannot be started.",
         "qfu-qemu"};
-    arguments.usage("Usage: qfu-qemu --machine FILE [OPTION...] -- QEMU [QEMU-ARGUMENT...]");
+    arguments.usage("Usage: qfu-qemu --machine FILE [OPTION...] [-- QEMU-ARGUMENT...]");
     Options options;
-    options.command = line.behind;
     arguments.option("--machine", options.machine, "machine file (TOML)").required();
+    std::vector<std::string> kinds;
+    kinds.reserve(kGuestKinds.size());
+    for (const GuestKind* kind : kGuestKinds) {
+        kinds.emplace_back(kind->name);
+    }
+    std::string kind = kinds.front();
+    arguments.option("--guest", kind, "processor and firmware").one_of(kinds).show_default();
+    std::vector<std::string> disks;
+    std::vector<std::string> sticks;
+    std::vector<std::string> cds;
+    arguments.option("--disk", disks, "image of a disk, which the guest writes to")
+        .one_value_each();
+    arguments.option("--stick", sticks, "image of a USB stick, which the guest writes to")
+        .one_value_each();
+    arguments.option("--cd", cds, "image of a CD").one_value_each();
+    arguments.option("--driver", options.guest.driver,
+                     "bus-driver.efi, which an AArch64 guest needs to reach the adapters, for "
+                     "firmware to start; without it load the driver in the shell");
     arguments.option("--log", options.log,
                      "file that receives what happens on the flash bus and in the PHY test block");
-    arguments.flag("--driver", options.driver,
-                   "serves the adapters to bus-driver.efi, which the guest loads, for a QEMU that "
-                   "cannot take them as PCI functions (qemu-system-aarch64)");
     options.trace.add_to(arguments);
     arguments.footer("Example:\n"
-                     "  qfu-qemu --machine emulator/machines/indexed.toml -- qemu-system-x86_64 "
-                     "-machine q35,memory-backend=m0 -m 256 "
-                     "-object memory-backend-memfd,id=m0,size=256M,share=on\n"
-                     "scripts/run starts a whole guest, firmware and shell included.");
+                     "  qfu-qemu --machine emulator/machines/indexed.toml --disk volume.img\n"
+                     "Words after \"--\" are added to QEMU's command line.\n"
+                     "scripts/run makes such a volume, and does the main job in the guest.");
     arguments.version(support::version_line("qfu-qemu"));
-    constexpr char kRightLine[] = "qfu-qemu --machine FILE -- qemu-system-x86_64 ...";
-    if (const auto status = read_command_line(arguments, line, kRightLine)) {
+    if (const auto status =
+            read_command_line(arguments, line, "qfu-qemu --machine FILE -- -smbios type=1")) {
         return *status;
     }
-    if (options.command.empty()) {
-        throw support::InputError("QEMU's command line is missing; it stands behind \"--\": " +
-                                  std::string(kRightLine));
+    options.guest.kind = *std::ranges::find(kGuestKinds, kind, &GuestKind::name);
+    if (!options.guest.driver.empty() && !options.guest.kind->driver) {
+        throw support::InputError("--driver is for a guest of AArch64");
     }
+    options.guest.further = line.behind;
+    if (!line.behind.empty() && !line.behind.front().starts_with('-')) {
+        throw support::InputError('"' + line.behind.front() +
+                                  "\" stands where further arguments for QEMU do, such as -smbios; "
+                                  "--guest chooses QEMU itself");
+    }
+    const auto add = [&](Drive::Kind kind_of_drive, const std::vector<std::string>& images) {
+        for (const std::string& image : images) {
+            options.guest.drives.push_back({kind_of_drive, image});
+        }
+    };
+    add(Drive::Kind::kDisk, disks);
+    add(Drive::Kind::kStick, sticks);
+    add(Drive::Kind::kCd, cds);
     return run(options);
 } catch (const std::exception& error) {
     std::cerr << "qfu-qemu: " << error.what() << '\n';

@@ -1,7 +1,7 @@
 // A guest with real UEFI firmware and its shell.
 #pragma once
 
-#include "guest_bridge.h"
+#include "guest/launcher.h"
 #include "hardware/machine.h"
 #include "scratch_folder.h"
 
@@ -39,11 +39,8 @@ using Operator = std::function<std::string(const std::string& line)>;
 /// What a guest is, and which build of the program runs in it.
 struct Platform {
     std::string name;
-    std::string build;             ///< folder in build/ with the program
-    std::string code;              ///< the firmware
-    std::vector<std::string> qemu; ///< without drives
-    std::string disk;              ///< the device for the drive "volume"
-    bool driver;                   ///< adapters are reached through the bus driver
+    std::string build; ///< folder in build/ with the program
+    const emulator::GuestKind& guest;
 };
 
 extern const Platform kX64;
@@ -64,9 +61,6 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
 GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
                       const Operator& at_console);
 
-/// How a boot medium is attached.
-enum class Medium { kStick, kCd };
-
 /// Keys that no keyboard has: the machine loses its power.
 inline constexpr char kPullThePlug[] = "pull the plug";
 
@@ -74,7 +68,7 @@ inline constexpr char kPullThePlug[] = "pull the plug";
 /// it powers off. A stick keeps what is written to it. A platform with the driver has CDs only.
 /// @returns the serial console
 std::string boot_medium(const Platform& platform, emulator::Machine& machine,
-                        const std::filesystem::path& image, Medium medium,
+                        const std::filesystem::path& image, emulator::Drive::Kind medium,
                         const Operator& at_console);
 
 /// Runs a command line of a Linux shell in that folder. @throws std::runtime_error when it fails

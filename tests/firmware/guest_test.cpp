@@ -1,9 +1,11 @@
 // What only a guest can show.
 #include "guest.h"
 #include "lab.h"
+#include "support/input_error.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace {
 
@@ -82,6 +84,31 @@ TEST(Guest, TheShellShowsTheManualAndRunsTheScriptOfParameters) {
     EXPECT_NE(manual.find("-wpa:     wipe out whole chip."), std::string::npos) << manual;
     EXPECT_NE(manual.find("-erctn, --error continue."), std::string::npos) << manual;
     EXPECT_NE(guest.serial.find("1 C703 A1 0x800000"), std::string::npos) << guest.serial;
+}
+
+TEST(Launcher, SaysWhatIsMissing) {
+    const emulator::SteadyClock clock;
+    emulator::Machine machine(clock);
+    emulator::GuestKind no_qemu = emulator::kX64Guest;
+    no_qemu.qemu = "qemu-none";
+    emulator::GuestKind no_firmware = emulator::kAArch64Guest;
+    no_firmware.firmware = "/none.fd";
+    const auto complaint = [&](const emulator::GuestSetup& setup) {
+        const auto bridge = emulator::make_bridge(*setup.kind, machine);
+        try {
+            emulator::start_guest(setup, *bridge, STDIN_FILENO, STDOUT_FILENO);
+            return std::string("started");
+        } catch (const support::InputError& error) {
+            return std::string(error.what());
+        }
+    };
+    EXPECT_EQ(complaint({&no_qemu, {}, {}, {}}), "qemu-none: No such file or directory; it comes "
+                                                 "with the packages qemu-system-x86 and ovmf");
+    EXPECT_EQ(complaint({&no_firmware, {}, {}, {}}),
+              "/none.fd: no file that can be read; it comes with the packages qemu-system-arm and "
+              "qemu-efi-aarch64");
+    EXPECT_EQ(complaint({&emulator::kAArch64Guest, {{emulator::Drive::Kind::kStick, "x"}}, {}, {}}),
+              "x: this guest has no USB; it takes disks and CDs");
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 namespace {
 
 using namespace firmware;
+using Drive = emulator::Drive::Kind;
 
 constexpr char kTwoAdapters[] = R"(
 name = "line"
@@ -73,7 +74,7 @@ struct BootMedium : testing::Test {
 
     /// What the results say after one more start of the machine.
     void boot(
-        Medium medium, const Operator& at_console = [](const std::string&) { return ""; },
+        Drive medium, const Operator& at_console = [](const std::string&) { return ""; },
         const Platform& platform = kX64) {
         serial = boot_medium(platform, machine, image(), medium, at_console);
         results.add(serial, "serial");
@@ -106,7 +107,7 @@ TEST_F(BootMedium, StickNamesTheAdapterThatFailsAndKeepsBackupsAndResults) {
     auto& good = add(0xC709, 3);
     std::ranges::copy(b, good.contents().begin());
     make_medium(kTwoAdapters);
-    boot(Medium::kStick);
+    boot(Drive::kStick);
     const std::vector<std::string> expected = {
         "[Bus=0,Dev=2,Fun=0] failed FAILED. The flash holds a.bin.new000, not a.bin; it held "
         "a.bin.old000 before.",
@@ -128,7 +129,7 @@ TEST_F(BootMedium, CdGoesOnWhereThePowerWasLost) {
     auto& chip = add(0xC709, 3);
     make_medium("at_end = \"power off\"\n[[adapter]]\nall = true\nimage = \"b.bin\"\n");
     const auto medium = read_bytes(image());
-    boot(Medium::kCd, [&](const std::string& line) {
+    boot(Drive::kCd, [&](const std::string& line) {
         return line.find("Erase block") == line.npos ? "" : kPullThePlug;
     });
     EXPECT_EQ(lines(), std::vector<std::string>{
@@ -137,7 +138,7 @@ TEST_F(BootMedium, CdGoesOnWhereThePowerWasLost) {
     EXPECT_FALSE(std::ranges::equal(chip.contents().first(b.size()), b));
     // The adapter and the CD go into a machine with the other processor.
     boot(
-        Medium::kCd, [](const std::string&) { return ""; }, kAArch64);
+        Drive::kCd, [](const std::string&) { return ""; }, kAArch64);
     EXPECT_EQ(lines(),
               std::vector<std::string>{"[Bus=0,Dev=3,Fun=0] done done. The flash holds b.bin; it "
                                        "held b.bin.old000 before."})
@@ -151,7 +152,7 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
     const auto& second = add(0xC709, 3);
     std::string job = kTwoAdapters;
     make_medium(job.replace(job.find("00:02.0"), 7, "01:02.0"));
-    boot(Medium::kStick);
+    boot(Drive::kStick);
     const std::string says = " refused these are not the adapters of the job. Expected: 1 of "
                              "1e5d:c705 01:02.0, 1 of 1e5d:c709. Nothing was written.";
     EXPECT_EQ(lines(), (std::vector<std::string>{"[Bus=0,Dev=2,Fun=0]" + says,
@@ -160,7 +161,7 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
     make_medium(kTwoAdapters);
     fill_stick(5 * 2048);
     results = {};
-    boot(Medium::kStick);
+    boot(Drive::kStick);
     EXPECT_EQ(lines(),
               (std::vector<std::string>{
                   "[Bus=0,Dev=2,Fun=0] refused there is no room for the bytes that are read back. "
@@ -172,7 +173,7 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
     mtools("mcopy -o", "a.bin ::/job/a.bin");
     fill_stick(0);
     results = {};
-    boot(Medium::kStick);
+    boot(Drive::kStick);
     EXPECT_EQ(
         lines(),
         std::vector<std::string>{"- refused the medium is damaged: job\\a.bin is not what it was. "
@@ -187,8 +188,8 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
 TEST_F(BootMedium, WithoutAJobEndsAtThePromptAndSaysWhatCanBeTyped) {
     add(0xC709, 3);
     shell(QFU_SOURCE_DIR, "cmake --build build/host --target medium");
-    serial = boot_medium(kX64, machine, QFU_SOURCE_DIR "/build/qfu-" QFU_VERSION ".img",
-                         Medium::kCd, [](const std::string& line) {
+    serial = boot_medium(kX64, machine, QFU_SOURCE_DIR "/build/qfu-" QFU_VERSION ".img", Drive::kCd,
+                         [](const std::string& line) {
                              return line.find("files that you make are gone") != line.npos
                                         ? "qfu -l\rreset -s\r"
                                         : "";

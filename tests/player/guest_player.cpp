@@ -102,9 +102,9 @@ firmware::Volume boot(const firmware::Platform& platform, const Guests& guests) 
             file.folder = folder;
         }
     }
-    const std::string script = script_of(guests, platform.driver);
+    const std::string script = script_of(guests, platform.guest.driver);
     const auto keys = [&](const std::string& line) { return keys_at(guests, line); };
-    if (!platform.driver) {
+    if (!platform.guest.driver) {
         emulator::QemuBridge bridge(*guests.front()->machine);
         return run_guest(platform, bridge, volume, script, keys).volume;
     }
@@ -242,8 +242,8 @@ bool play_in_guests(const std::string& platform, const std::vector<std::filesyst
             // A guest on the bus keeps its adapters until it ends; the driver can change them.
             std::string folder = "s" + std::to_string(guests.size()) + "/";
             guests.push_back(
-                std::make_unique<Guest>(name, stage, where.driver ? folder : std::string()));
-            if (!where.driver) {
+                std::make_unique<Guest>(name, stage, where.guest.driver ? folder : std::string()));
+            if (!where.guest.driver) {
                 same = play(where, guests) && same;
                 guests.clear();
             }
