@@ -503,7 +503,9 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     seen.status =
         static_cast<unsigned>(emulator::run_program(firmware, stage.shell, arguments) & 0xFF);
     seen.ns = clock.now_ns() - start;
-    machine.journal().listen_to_cycles(nullptr);
+    if (listen.cycles) {
+        machine.journal().listen_to_cycles(nullptr);
+    }
     if (registers) {
         seen.registers = registers->take();
     }
@@ -516,6 +518,9 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     seen.misuses = machine.journal().take_misuses();
     if (firmware.resources() != emulator::Resources{}) {
         seen.misuses.emplace_back("the program has not given everything back");
+    }
+    for (const emulator::NamedCall& call : emulator::kNamedCalls) {
+        seen.calls.push_back((firmware.faults().*call.fault).calls());
     }
     for (const auto& fault : stage.description.firmware_faults) {
         seen.failed_calls.push_back(

@@ -1,0 +1,251 @@
+// Every command of the sessions again, while one thing after another goes wrong.
+#include "player/player.h"
+
+#include <algorithm>
+#include <array>
+#include <gtest/gtest.h>
+#include <iostream>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using emulator::kNamedCalls;
+using lab::Bytes;
+using session::Command;
+using session::Observation;
+using session::Stage;
+
+/// How a command ends when nothing goes wrong. It lives in memory that forks share.
+struct GoodRun {
+    std::array<std::uint64_t, kNamedCalls.size()> calls; ///< by the call's place in the list
+    std::uint64_t accesses;
+    std::uint64_t misuses;
+    std::array<char, 4096> console;
+    std::array<std::uint8_t, 1 << 25> flash; ///< of all chips in a row
+};
+
+GoodRun& good_run() {
+    static void* memory =
+        mmap(nullptr, sizeof(GoodRun), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *static_cast<GoodRun*>(memory);
+}
+
+/// A command in front of its run. Each variant runs in a fork, so that the session goes on as if
+/// nothing had happened.
+class Variants {
+  public:
+    Variants(const Stage& stage, const Command& command, emulator::VirtualClock& clock,
+             const std::filesystem::path& folder)
+        : stage_(stage), command_(command), clock_(clock), folder_(folder) {
+        in_fork("as it is", [&] {
+            GoodRun& good = good_run();
+            const Observation run = session::run(stage_, command_, clock_, folder_);
+            std::ranges::copy(run.calls, good.calls.begin());
+            good.accesses = stage_.machine->accesses() - accesses_before_;
+            good.misuses = run.misuses.size();
+            good.console.fill('\0');
+            run.console.copy(good.console.data(), good.console.size() - 1);
+            std::size_t at = 0;
+            for (const auto chip : session::chips_of(*stage_.machine)) {
+                std::ranges::copy(chip, &good.flash[at]);
+                at += chip.size();
+            }
+            return std::string();
+        });
+    }
+
+    /// Lets the nth call of a kind fail, for every `step`th of the good run's calls.
+    void fail_calls(std::size_t kind, std::uint64_t first, std::uint64_t step) const {
+        for (std::uint64_t nth = first; nth <= good_run().calls[kind]; nth += step) {
+            const std::string what =
+                std::string(kNamedCalls[kind].name) + " " + std::to_string(nth);
+            in_fork(what, [&] {
+                const Observation seen = session::run(
+                    stage_, command_, clock_, folder_, {}, [&](emulator::Firmware& firmware) {
+                        (firmware.faults().*kNamedCalls[kind].fault).fail(nth);
+                    });
+                return what_is_wrong(seen, kNamedCalls[kind].name);
+            });
+        }
+    }
+
+    /// Takes power away in each access of the first adapter. When the machine is up again, the same
+    /// command must leave what it leaves without a loss.
+    void cut_power() const {
+        emulator::Adapter& adapter = stage_.machine->adapter(0);
+        for (std::uint64_t access = 1; access <= good_run().accesses; ++access) {
+            in_fork("power lost in access " + std::to_string(access), [&] {
+                adapter.add_power_fault({.nth = accesses_before_ + access});
+                stage_.machine->journal().listen_to_cycles([&](std::string_view cycle) {
+                    if (cycle.ends_with("power is lost")) {
+                        end_after_second_run(adapter); // the first never goes on
+                    }
+                });
+                session::run(stage_, command_, clock_, folder_);
+                return std::string("power was never lost");
+            });
+        }
+    }
+
+  private:
+    /// Runs `variant` in a fork. It returns what is wrong, or "".
+    template <class Variant>
+    void in_fork(const std::string& what, Variant variant) const {
+        std::cout << std::flush;
+        const pid_t child = fork();
+        if (child == 0) {
+            const std::string wrong = variant();
+            if (!wrong.empty()) {
+                std::cerr << wrong << '\n';
+            }
+            _exit(wrong.empty() ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0) << command_.line << ": " << what;
+    }
+
+    [[noreturn]] void end_after_second_run(emulator::Adapter& adapter) const {
+        adapter.power_up();
+        const Observation again = session::run(stage_, command_, clock_, folder_);
+        std::string wrong;
+        if (!again.console.ends_with("successful!!\r\n") || !again.misuses.empty()) {
+            wrong = again.console + (again.misuses.empty() ? "" : again.misuses.front());
+        } else if (!holds_the_good_flash()) {
+            wrong = "the flash differs from a run without a loss of power";
+        }
+        std::cerr << wrong;
+        _exit(wrong.empty() ? 0 : 1);
+    }
+
+    bool holds_the_good_flash() const {
+        std::size_t at = 0;
+        return std::ranges::all_of(session::chips_of(*stage_.machine), [&](auto chip) {
+            const std::span good = std::span(good_run().flash).subspan(at, chip.size());
+            at += chip.size();
+            return lab::equal(chip, good);
+        });
+    }
+
+    /// True when each byte is what it was, erased, or what the good run leaves.
+    bool flash_is_explained() const {
+        const auto chips = session::chips_of(*stage_.machine);
+        std::size_t at = 0;
+        for (std::size_t i = 0; i < chips.size(); ++i) {
+            const std::span good = std::span(good_run().flash).subspan(at, chips[i].size());
+            at += chips[i].size();
+            if (lab::equal(chips[i], good) || lab::equal(chips[i], flash_before_[i])) {
+                continue;
+            }
+            for (std::size_t k = 0; k < good.size(); ++k) {
+                const std::uint8_t now = chips[i][k];
+                if (now != flash_before_[i][k] && now != good[k] && now != 0xFF) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    }
+
+    std::string what_is_wrong(const Observation& seen, std::string_view call) const {
+        if (seen.status != 0 && seen.status != 3) {
+            return "status " + std::to_string(seen.status);
+        }
+        for (const std::string& misuse : seen.misuses) {
+            // A lost answer or a break may let a command meet a chip that is busy or not erased.
+            if (good_run().misuses == 0 && !misuse.ends_with("while the chip is busy") &&
+                misuse.find("sets bits") == misuse.npos && call != "memory write" &&
+                call != "memory read") {
+                return misuse;
+            }
+        }
+        if (call == "memory read" || call == "memory write") {
+            return "";
+        }
+        const std::string good = good_run().console.data();
+        // With several adapters, a lost answer may leave one out, and the others succeed.
+        const bool success = stage_.machine->adapters().size() == 1 &&
+                             seen.console.find("Write file is successful") != good.npos &&
+                             seen.console.find(size_line(good)) != good.npos;
+        return success && !holds_the_good_flash() ? "success, but the flash differs"
+               : !flash_is_explained()            ? "the flash holds neither old nor new bytes"
+                                                  : std::string();
+    }
+
+    /// An image whose size cannot be asked for counts as empty, and the user is told so.
+    static std::string size_line(const std::string& console) {
+        const std::size_t at = console.find("its size is ");
+        return at == console.npos ? "" : console.substr(at, console.find('\r', at) - at);
+    }
+
+    const Stage& stage_;
+    const Command& command_;
+    emulator::VirtualClock& clock_;
+    const std::filesystem::path& folder_;
+    std::uint64_t accesses_before_ = stage_.machine->accesses();
+    std::vector<Bytes> flash_before_ = session::contents_of(*stage_.machine);
+};
+
+bool has_faults(const Stage& stage) {
+    return !stage.description.firmware_faults.empty() ||
+           std::ranges::any_of(stage.description.adapters, [](const auto& adapter) {
+               return !adapter.faults.empty() || (adapter.spi && !adapter.spi->faults.empty()) ||
+                      (adapter.nor && !adapter.nor->faults.empty());
+           });
+}
+
+std::vector<std::filesystem::path> session_files() {
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(QFU_SOURCE_DIR "/tests/sessions")) {
+        if (entry.path().extension() == ".txt") {
+            files.push_back(entry.path());
+        }
+    }
+    std::ranges::sort(files);
+    return files;
+}
+
+class Sweep : public testing::TestWithParam<std::filesystem::path> {};
+
+TEST_P(Sweep, OverFailingCallsLeavesAnExplainedFlash) {
+    const bool each = GetParam().stem() == "short-writes";
+    std::size_t number = 0;
+    session::play(GetParam(), [&](const Stage& stage, const Command& command, auto& clock,
+                                  const auto& folder) {
+        if (has_faults(stage)) {
+            return;
+        }
+        const Variants variants(stage, command, clock, folder);
+        constexpr std::uint64_t kMostAccesses = 20'000; // more are polls, and take too long
+        if (good_run().accesses == 0 || good_run().accesses > kMostAccesses) {
+            return;
+        }
+        ++number;
+        for (std::size_t kind = 0; kind < kNamedCalls.size(); ++kind) {
+            // A few calls of each command, and others of the next one.
+            const std::string_view name = kNamedCalls[kind].name;
+            const bool few = name == "pool" || name == "file";
+            const std::uint64_t tries = few ? 6 : 3;
+            const std::uint64_t step = each && few ? 1 : good_run().calls[kind] / tries + 1;
+            variants.fail_calls(kind, 1 + number * 7 % step, step);
+        }
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Sessions, Sweep, testing::ValuesIn(session_files()), [](const auto& file) {
+    std::string name = file.param.stem().string();
+    std::ranges::replace(name, '-', '_');
+    return name;
+});
+
+TEST(PowerCut, InAnyAccessIsRepairedByTheSameCommand) {
+    session::play(QFU_SOURCE_DIR "/tests/sessions/short-writes.txt",
+                  [](const Stage& stage, const Command& command, auto& clock, const auto& folder) {
+                      Variants(stage, command, clock, folder).cut_power();
+                  });
+}
+
+} // namespace
