@@ -372,7 +372,12 @@ class Player {
         if (command.is_qfu()) {
             imply_arguments(output, command);
         }
-        // A text stands for its lines wherever the session uses it.
+        fold_texts(output, below);
+        result_.shown.insert(result_.shown.end(), output.begin(), output.end());
+    }
+
+    /// Replaces lines with the name of the text that stands for them, where the session does so.
+    void fold_texts(Lines& output, std::span<const std::string> below) {
         std::size_t i = 0;
         for (const std::string& line : below) {
             const auto text = texts_.find(line);
@@ -390,7 +395,6 @@ class Player {
             }
             ++i;
         }
-        result_.shown.insert(result_.shown.end(), output.begin(), output.end());
     }
 
     void show_conditions(const After& after, std::span<const std::string> below) {
@@ -399,12 +403,14 @@ class Player {
             const std::string& line = below[i];
             if (line == "registers:" || line == "cycles:") {
                 result_.shown.push_back(line);
-                const Lines& block = line == "cycles:" ? after.seen.cycles : after.seen.registers;
-                result_.shown.insert(result_.shown.end(), block.begin(), block.end());
-                result_.shown.emplace_back("end");
+                Lines block = line == "cycles:" ? after.seen.cycles : after.seen.registers;
+                const std::size_t first = i + 1;
                 while (i < below.size() && below[i] != "end") {
                     ++i;
                 }
+                fold_texts(block, below.subspan(first, i - first));
+                result_.shown.insert(result_.shown.end(), block.begin(), block.end());
+                result_.shown.emplace_back("end");
             } else if (is_condition(line)) {
                 if (const auto held = as_it_holds(line, after)) {
                     result_.shown.push_back(*held);
