@@ -242,6 +242,7 @@ TEST(ShippedList, KnowsEveryEmulatedPart) {
     const ChipList list = shipped_source();
     for (const SpiPart& part : spi_parts()) {
         EXPECT_EQ(record_of(list, part.name).chips.size(), 1U) << part.name;
+        EXPECT_EQ(find_spi_part(part.name), &part) << "a name is taken twice";
     }
 }
 
