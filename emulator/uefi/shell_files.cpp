@@ -202,7 +202,7 @@ std::string ShellFiles::absolute(std::string path) const {
     if (path.size() >= kVolume.size() && same_name(path.substr(0, kVolume.size()), kVolume)) {
         path.erase(0, kVolume.size());
     } else if (path.empty() || path[0] != '\\') {
-        path = current_ + "\\" + path;
+        path.insert(0, "\\");
     }
     path = clean(path);
     return path.empty() || path[0] != '\\' ? "\\" + path : path;

@@ -32,9 +32,6 @@ class ShellFiles {
                CallFault& short_read);
     ~ShellFiles();
 
-    /// Changes the current directory; `path` is absolute on the volume, like "\\tools".
-    void change_directory(std::string path) { current_ = std::move(path); }
-
     /// Lets no one write to these files of the host, as if they were write-protected.
     void protect(std::vector<std::filesystem::path> files) { protected_ = std::move(files); }
 
@@ -78,7 +75,6 @@ class ShellFiles {
     CallFault* fault_;
     CallFault* short_read_;
     std::vector<std::filesystem::path> protected_;
-    std::string current_ = "\\";
     std::vector<std::unique_ptr<OpenFile>> files_;
     std::vector<std::unique_ptr<List>> lists_;
     std::uint64_t flushes_ = 0;
