@@ -16,9 +16,9 @@ class Input {
 
     bool empty() const { return rest_.empty(); }
 
-    /// The characters up to the next line feed, which goes with them.
-    std::string_view line() {
-        const std::string_view line = rest_.substr(0, rest_.find('\n'));
+    /// The characters up to the next line feed or another end, which goes with them.
+    std::string_view line(char end = '\n') {
+        const std::string_view line = rest_.substr(0, rest_.find(end));
         rest_.remove_prefix(std::min(line.size() + 1, rest_.size()));
         return line;
     }

@@ -1,6 +1,6 @@
 // Any command line for the whole program on a healthy adapter. The input is text: a line with the
 // adapter's kind and the query at which the user breaks the command; a line with the keys that are
-// pressed, a "." for silence; then one line an argument.
+// pressed, a "." for silence; a line with the arguments.
 #include "bench.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -21,8 +21,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                        : std::optional(emulator::KeyStroke{0, static_cast<unsigned char>(key)});
         });
     std::vector<std::string> arguments;
-    while (!input.empty()) {
-        arguments.emplace_back(input.line());
+    const std::string_view line = input.line();
+    for (fuzz::Input words(line.data(), line.size()); !words.empty();) {
+        arguments.emplace_back(words.line(' '));
     }
     const EFI_STATUS status = bench.run(arguments).status;
     EXPECT_TRUE(status == EFI_SUCCESS || status == EFI_UNSUPPORTED) << status;
