@@ -4,13 +4,13 @@
 // reads, "spi: 9F>EF" sends bytes and receives some. Numbers are hexadecimal, times decimal.
 // "20us" lets time pass, "power" takes power away and gives it back, "zeros" fills the chip.
 // Complaints follow " => ", with " | " between them; otherwise there must be none.
-// "NAME = ACCESS..." gives accesses a name.
-#include "hardware/machine.h"
+// "NAME = ACCESS..." gives accesses a name. Machines and faults are described as in sessions.
+#include "player/machine_lines.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
-#include <iomanip>
 #include <map>
+#include <regex>
 #include <sstream>
 
 namespace {
@@ -29,34 +29,19 @@ std::vector<std::uint8_t> bytes(const std::string& digits) {
     return result;
 }
 
-/// Words of a line as keys and values: `on "read id" nth 2`.
-struct Settings : std::map<std::string, std::string> {
-    explicit Settings(std::istream& words) {
-        for (std::string key; words >> key;) {
-            words >> std::quoted((*this)[key]);
-        }
-    }
-    std::uint32_t value(const char* key, std::uint32_t usual) {
-        return contains(key) ? number(at(key)) : usual;
-    }
-    std::uint8_t byte(const char* key, std::uint8_t usual) {
-        return static_cast<std::uint8_t>(value(key, usual));
-    }
-};
-
 class Script {
   public:
     void play(const std::string& line) {
-        std::istringstream words(line);
-        std::string first;
-        words >> first;
-        if (first == "machine") {
-            build(words);
-        } else if (first == "fault") {
-            add_fault(words);
-        } else if (const std::size_t equals = line.find(" = "); equals != line.npos) {
-            names_[first] = line.substr(equals + 3);
+        const std::size_t equals = line.find(" = ");
+        if (line.starts_with("machine") || line.starts_with("fault")) {
+            describe(line);
+        } else if (equals != line.npos) {
+            names_[line.substr(0, equals)] = line.substr(equals + 3);
         } else {
+            if (!machine_) {
+                machine_ = build_machine(lines_.describe(), clock_, images_);
+                machine_->assign_bars();
+            }
             const std::size_t arrow = line.find(" => ");
             carry_out(line.substr(0, arrow));
             std::string complaints;
@@ -73,44 +58,20 @@ class Script {
     NorChip* nor() { return adapter().nor() == nullptr ? nullptr : adapter().nor()->chip(); }
     std::span<std::uint8_t> contents() { return nor() ? nor()->contents() : spi()->contents(); }
 
-    void build(std::istream& words) {
-        std::string device;
-        words >> device;
-        Settings settings(words);
-        machine_ = std::make_unique<Machine>(clock_);
-        const auto& model = *find_adapter_model(0x1E5D, static_cast<std::uint16_t>(number(device)));
-        machine_->add(model, {0, 2, 0}, settings.byte("revision", 0x11));
-        const BusyTimes times = settings["time"] == "typical" ? BusyTimes{} : kNeverBusy;
-        if (settings.contains("spi")) {
-            machine_->add_spi_chip(adapter(), *find_spi_part(settings["spi"]), times);
+    /// Takes lines as sessions have them, with " ; " between them. Chips are never busy unless one
+    /// says so.
+    void describe(const std::string& line) {
+        std::istringstream parts(std::regex_replace(line, std::regex(" ; "), "\n"));
+        for (std::string part; std::getline(parts, part);) {
+            const auto words = session::split(part);
+            if (words[0] == "machine") {
+                lines_.start(words, 0);
+                lines_.take({"time", "none"}, 0);
+            } else {
+                EXPECT_TRUE(lines_.take(words, 0)) << part;
+            }
         }
-        if (settings.contains("nor")) {
-            machine_->add_nor_chip(adapter(), *find_nor_part(number(settings["nor"])), times);
-        }
-        if (settings.contains("ports")) {
-            adapter().phy()->set_ports_implemented(number(settings["ports"]));
-        }
-        machine_->assign_bars();
-    }
-
-    void add_fault(std::istream& words) {
-        std::string kind;
-        words >> std::quoted(kind);
-        Settings settings(words);
-        const std::uint32_t nth = settings.value("nth", 1);
-        const std::uint32_t times = settings.value("times", 0);
-        if (const auto phy = phy_fault_kind_named(kind)) {
-            adapter().phy()->add_fault(
-                {*phy, settings.byte("port", 0), nth, times, settings.value("value", 0)});
-            return;
-        }
-        const auto on = operation_named(settings["on"]);
-        Fault fault{fault_kind_named(kind).value(), on, {}, nth, times,
-                    settings.byte("mask", 0xFF)};
-        if (settings.contains("address")) {
-            fault.address = settings.value("address", 0);
-        }
-        (nor() ? nor()->faults() : spi()->faults()).add(fault);
+        machine_.reset();
     }
 
     void carry_out(const std::string& accesses) {
@@ -189,7 +150,9 @@ class Script {
     }
 
     std::map<std::string, std::string> names_;
+    session::MachineLines lines_;
     VirtualClock clock_;
+    ImageFiles images_;
     std::unique_ptr<Machine> machine_;
     std::string place_;
 };
