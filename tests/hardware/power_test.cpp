@@ -30,7 +30,11 @@ struct Victim {
     void program(std::uint32_t data) {
         write(4, 0);
         write(8, data);
-        run(0x09130243); // accesses 5 and 6
+        run(0x09130243); // accesses 5 and 6, or 10 and 11 after an erase
+    }
+    void erase() {
+        write(4, 0x1000);
+        run(0x09132003);
     }
     std::uint32_t word(std::size_t at = 0) const {
         std::uint32_t word = 0;
@@ -45,9 +49,13 @@ struct Victim {
 
 TEST(Power, LeavesAnInterruptedProgramHalfDoneAndAnEndedOneWhole) {
     constexpr std::uint32_t kData = 0x00FF0F00;
-    for (const std::uint64_t nth : {5U, 6U}) {
+    for (const std::uint64_t nth : {10U, 11U}) {
         Victim v({.nth = nth});
+        v.erase();
+        v.clock.advance_us(1000);
+        v.run(0x09130601);
         v.program(kData);
+        EXPECT_EQ(v.word(0x1000), 0xFFFFFFFFU) << "the erase before it is over";
         EXPECT_EQ(v.word() & kData, kData) << "only bits that were being cleared can be";
         EXPECT_NE(v.word(), kData);
         EXPECT_NE(v.word(), 0xFFFFFFFFU);
@@ -62,8 +70,7 @@ TEST(Power, LeavesAnInterruptedProgramHalfDoneAndAnEndedOneWhole) {
 
 TEST(Power, LeavesAnInterruptedEraseUndefinedAndGoesAtATimeToo) {
     Victim v({.at_us = 999});
-    v.write(4, 0x1000);
-    v.run(0x09132003);
+    v.erase();
     v.clock.advance_us(2000); // over long ago for who looks now, but not when power went
     EXPECT_EQ(v.status(), 0xFFFFFFFFU);
     EXPECT_NE(v.word(0x1000), 0U);
