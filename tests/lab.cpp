@@ -111,21 +111,13 @@ void Lab::write_file(const std::string& name, std::string_view text) {
 }
 
 Bytes Lab::read_file(const std::string& name) const {
-    EXPECT_TRUE(exists(name)) << name << " is missing";
+    EXPECT_TRUE(std::filesystem::exists(folder() / name)) << name << " is missing";
     return folder_.read(name);
 }
 
 std::string Lab::read_text(const std::string& name) const {
     const Bytes bytes = read_file(name);
     return {bytes.begin(), bytes.end()};
-}
-
-bool Lab::exists(const std::string& name) const {
-    return std::filesystem::exists(folder() / name);
-}
-
-void Lab::remove_chip_list() {
-    std::filesystem::remove(folder() / "spilist.bin");
 }
 
 Outcome Lab::run(std::string_view arguments, std::string_view keys) {
@@ -139,17 +131,6 @@ Outcome Lab::run(const std::vector<std::string>& arguments, std::string_view key
     line.insert(line.end(), arguments.begin(), arguments.end());
     const EFI_STATUS status = run_program(*firmware_, shell_, line);
     return {status, printed()};
-}
-
-void Lab::press_late(char key) {
-    // More often than one poll without waiting asks.
-    constexpr int kSilence = 40;
-    firmware_->terminal().on_key_needed([=, asked = 0](bool) mutable -> std::optional<KeyStroke> {
-        if (++asked < kSilence) {
-            return std::nullopt;
-        }
-        return KeyStroke{0, static_cast<unsigned char>(key)};
-    });
 }
 
 void Lab::attach() {

@@ -77,18 +77,11 @@ class Lab {
     void write_file(const std::string& name, std::string_view text);
     Bytes read_file(const std::string& name) const;
     std::string read_text(const std::string& name) const;
-    bool exists(const std::string& name) const;
     const std::filesystem::path& folder() const { return folder_.path(); }
-
-    /// Takes "spilist.bin" away; it is there at first.
-    void remove_chip_list();
 
     /// Runs the program with these arguments and presses the keys in turn.
     Outcome run(std::string_view arguments, std::string_view keys = "");
     Outcome run(const std::vector<std::string>& arguments, std::string_view keys = "");
-
-    /// Lets the user press this key only after having been asked for it many times.
-    void press_late(char key);
 
     /// Prepares for calls of single routines: starts the firmware and attaches the program to it.
     void attach();

@@ -7,13 +7,13 @@
 
 namespace {
 
+// The file is written from the table of codes, not from the program.
 TEST(StatusText, IsWhatTheFileSays) {
     std::ifstream file(QFU_SOURCE_DIR "/tests/status_texts.txt");
     std::map<int, std::string> texts;
-    for (std::string line; std::getline(file, line);) {
-        if (!line.empty() && std::isdigit(static_cast<unsigned char>(line[0])) != 0) {
-            texts[std::stoi(line)] = line.substr(line.find(' ') + 1);
-        }
+    for (int code = 0; file >> code;) {
+        file.get(); // the space between them
+        std::getline(file, texts[code]);
     }
     EXPECT_EQ(texts.size(), 63U);
     for (int code = 0; code < 256; ++code) {

@@ -76,8 +76,9 @@ Lines as_lines(const std::string& console) {
 
 /// Takes away the list of arguments with which qfu starts, or says that it is not there.
 void imply_arguments(Lines& output, const Command& command) {
+    constexpr std::size_t kListed = 50; // qfu drops the rest
     Lines echo = {"[0]: " + std::string(emulator::kCommandName)};
-    for (std::size_t i = 1; i < command.words.size(); ++i) {
+    for (std::size_t i = 1; i < std::min(command.words.size(), kListed); ++i) {
         echo.push_back("[" + std::to_string(i) + "]: " + command.words[i]);
     }
     if (output.size() >= echo.size() &&
