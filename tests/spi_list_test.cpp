@@ -79,6 +79,7 @@ TEST(IdMatch, ComparesAsManyBytesAsTheRecordHas) {
     EXPECT_TRUE(match({}, 0x12345678));
     EXPECT_TRUE(match({1, 2, 3, 4, 1, 2}, 0x04030201)) << "the value repeats";
     EXPECT_FALSE(match({1, 2, 3, 4, 5}, 0x04030201));
+    EXPECT_TRUE(match(Bytes(15), 0)) << "a record has room for 15";
     QFU_CHIP_ENTRY broken{};
     for (const int length : {16, 255}) {
         broken.id_len = static_cast<std::uint8_t>(length);
