@@ -51,9 +51,7 @@ std::string bus(const std::string& line, const Observation& seen) {
     std::string result;
     for (const auto& [operation, count] : seen.operations) {
         const std::string name(operation_name(operation));
-        const std::size_t at = line.find(name);
-        const bool named =
-            at != line.npos && (line.size() == at + name.size() || line[at + name.size()] == ',');
+        const bool named = (line + ',').find(' ' + name + ',') != line.npos;
         if (named || (changes_chip(operation) && count > 0)) {
             result += (result.empty() ? "" : ", ") + std::to_string(count) + " " + name;
         }

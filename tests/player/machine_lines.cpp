@@ -85,6 +85,13 @@ void MachineLines::start(const Words& words, std::size_t line) {
 
 bool MachineLines::take(const Words& words, std::size_t line) {
     const std::string& what = words[0];
+    if (what == "adapters") {
+        for (std::size_t i = 2; i < words.size(); ++i) {
+            take({"adapter", words[i], "revision", "0x10"}, line);
+            take({"spi", words[1]}, line);
+        }
+        return true;
+    }
     if (what != "adapter" && what != "spi" && what != "nor" && what != "phy" && what != "fault" &&
         what != "time") {
         return false;

@@ -27,8 +27,8 @@ const std::string kBlank = "\r" + std::string(56, ' ');
 
 bool is_setting(const std::string& line) {
     static const std::set<std::string> kFirstWords = {
-        "machine", "adapter", "spi", "nor",  "phy",   "fault", "time",
-        "shell",   "no",      "put", "fill", "keys:", "text",  "guests:"};
+        "machine", "adapter", "adapters", "spi",  "nor",   "phy",  "fault",  "time",
+        "shell",   "no",      "put",      "fill", "keys:", "text", "guests:"};
     return line.starts_with("$ ") || line.starts_with("#") ||
            (!line.empty() && kFirstWords.contains(line.substr(0, line.find(' '))));
 }
