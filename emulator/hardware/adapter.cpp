@@ -114,20 +114,6 @@ void Adapter::config_write(std::uint32_t offset, std::uint32_t value, int width)
     }
 }
 
-PciFunction::Window Adapter::short_way() const {
-    const PciFunction::Window bar = pci_.window(spi_window_.bar);
-    if (bar.size == 0 || !power_.stays() || journal_->wants_registers() ||
-        journal_->probe() != nullptr || access_clock_ != nullptr) {
-        return {};
-    }
-    return {bar.base + spi_window_.first, spi_window_.size, bar.bar};
-}
-
-void Adapter::when_short_way_changes(const std::function<void()>& tell) {
-    tell_ = tell;
-    pci_.when_windows_change(tell);
-}
-
 void Adapter::add_power_fault(const PowerFault& fault) {
     power_.add(fault);
     if (spi_.chip() != nullptr) {
@@ -136,7 +122,6 @@ void Adapter::add_power_fault(const PowerFault& fault) {
     if (nor_ && nor_->chip() != nullptr) {
         nor_->chip()->expect_power_loss();
     }
-    tell_();
 }
 
 void Adapter::power_up() {
@@ -167,6 +152,9 @@ void Adapter::come_up() {
 }
 
 bool Adapter::has_power() {
+    if (power_.stays()) {
+        return true;
+    }
     for (;;) {
         const Power::Change change = power_.next_change();
         forget_ended_changes(change.at_ns);
@@ -212,35 +200,19 @@ void Adapter::tell_power(std::string_view what) {
     }
 }
 
-std::uint32_t Adapter::read_watched(PciFunction::Location at, int width) {
-    if (!has_power()) {
-        return all_ones(width);
-    }
-    if (power_.goes_in(accesses_)) {
-        lose_power();
-        return all_ones(width);
-    }
-    return read_powered(at, width);
-}
-
-void Adapter::write_watched(PciFunction::Location at, std::uint32_t value, int width) {
-    if (!has_power()) {
-        return;
-    }
-    write_powered(at, value, width);
-    // What this very write has started is cut short, however soon it would have ended.
-    if (power_.goes_in(accesses_)) {
-        lose_power();
-    }
-}
-
 std::uint32_t Adapter::read(PciFunction::Location at, int width) {
     ++accesses_;
     if (access_clock_ != nullptr) {
         access_clock_->advance(access_times_.read_ns, TimeUse::kRead);
     }
-    const std::uint32_t value =
-        power_.is_watched(accesses_) ? read_watched(at, width) : read_powered(at, width);
+    std::uint32_t value = all_ones(width);
+    if (has_power()) {
+        if (power_.goes_in(accesses_)) {
+            lose_power();
+        } else {
+            value = carry_out_read(at, width);
+        }
+    }
     if (journal_->wants_registers()) {
         log('>', at, value, width);
     }
@@ -261,14 +233,17 @@ void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
     if (journal_->probe() != nullptr) {
         journal_->probe()->see(name_, {true, at.bar, at.offset, value});
     }
-    if (power_.is_watched(accesses_)) {
-        write_watched(at, value, width);
-    } else {
-        write_powered(at, value, width);
+    if (!has_power()) {
+        return;
+    }
+    carry_out_write(at, value, width);
+    // What this very write has started is cut short, however soon it would have ended.
+    if (power_.goes_in(accesses_)) {
+        lose_power();
     }
 }
 
-std::uint32_t Adapter::read_elsewhere(PciFunction::Location at, int width) {
+std::uint32_t Adapter::carry_out_read(PciFunction::Location at, int width) {
     const bool window = nor_ && at.bar == 0;
     const bool whole = width == 4 && at.offset % 4 == 0;
     if (!whole && (!window || width != 2 || at.offset % 2 != 0)) {
@@ -288,6 +263,9 @@ bool Adapter::is_nor_register(PciFunction::Location at) const {
 }
 
 std::uint32_t Adapter::read_register(PciFunction::Location at) {
+    if (spi_window_.contains(at)) {
+        return spi_.read(at.offset - spi_window_.first);
+    }
     if (is_nor_register(at)) {
         return nor_->read(at.offset);
     }
@@ -304,9 +282,11 @@ std::uint32_t Adapter::read_register(PciFunction::Location at) {
     return 0;
 }
 
-void Adapter::write_elsewhere(PciFunction::Location at, std::uint32_t value, int width) {
+void Adapter::carry_out_write(PciFunction::Location at, std::uint32_t value, int width) {
     if (width != 4 || at.offset % 4 != 0) {
         complain("write of " + std::to_string(width) + " bytes", at);
+    } else if (spi_window_.contains(at)) {
+        spi_.write(at.offset - spi_window_.first, value);
     } else if (is_nor_register(at)) {
         nor_->write(at.offset, value);
     } else if (model_->interface == Interface::kIndexed && at.offset == kIndex) {

@@ -10,7 +10,6 @@
 #include "hardware/spi_controller.h"
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -85,26 +84,6 @@ class Adapter {
     std::uint32_t read(PciFunction::Location at, int width);
     void write(PciFunction::Location at, std::uint32_t value, int width);
 
-    /// The bus addresses of the SPI controller's own registers, where nearly all accesses go, while
-    /// the short way to them is open: power stays, accesses take no time, and nobody listens to
-    /// them or has a probe connected. Who else wants to see every access closes it here.
-    PciFunction::Window short_way() const;
-    /// Has somebody told when the short way may have opened, closed or moved.
-    void when_short_way_changes(const std::function<void()>& tell);
-
-    /// Accesses on the short way, to 32 bits at an offset into it.
-    /// @returns false when the access has to take the other way; nothing has happened then
-    [[gnu::always_inline]] bool read_shortly(std::uint32_t offset, std::uint32_t& value) {
-        const bool done = spi_.read_shortly(offset, value);
-        accesses_ += done ? 1 : 0;
-        return done;
-    }
-    [[gnu::always_inline]] bool write_shortly(std::uint32_t offset, std::uint32_t value) {
-        const bool done = spi_.write_shortly(offset, value);
-        accesses_ += done ? 1 : 0;
-        return done;
-    }
-
     /// Configuration cycles. Without power a read gives all ones and a write is lost.
     std::uint32_t config_read(std::uint32_t offset, int width);
     void config_write(std::uint32_t offset, std::uint32_t value, int width);
@@ -122,46 +101,27 @@ class Adapter {
     void take_time(VirtualClock& clock, AccessTimes times) {
         access_clock_ = &clock;
         access_times_ = times;
-        tell_();
     }
 
     /// Register accesses so far.
     std::uint64_t accesses() const { return accesses_; }
 
   private:
-    /// The register that nearly every access goes to.
-    bool is_spi_register(PciFunction::Location at, int width) const {
-        return spi_window_.contains(at) && width == 4 && at.offset % 4 == 0;
-    }
-    [[gnu::cold]] bool has_power();
-    [[gnu::cold]] std::uint32_t read_watched(PciFunction::Location at, int width);
+    bool has_power();
     void forget_ended_changes(std::uint64_t now_ns);
     void lose_power();
     void tell_power(std::string_view what);
     void come_up();
-    [[gnu::cold]] void write_watched(PciFunction::Location at, std::uint32_t value, int width);
-    std::uint32_t read_powered(PciFunction::Location at, int width) {
-        return is_spi_register(at, width) ? spi_.read(at.offset % kSpiWindowSize)
-                                          : read_elsewhere(at, width);
-    }
-    std::uint32_t read_elsewhere(PciFunction::Location at, int width);
-    void write_powered(PciFunction::Location at, std::uint32_t value, int width) {
-        if (is_spi_register(at, width)) {
-            spi_.write(at.offset % kSpiWindowSize, value);
-        } else {
-            write_elsewhere(at, value, width);
-        }
-    }
-    void write_elsewhere(PciFunction::Location at, std::uint32_t value, int width);
+    std::uint32_t carry_out_read(PciFunction::Location at, int width);
+    void carry_out_write(PciFunction::Location at, std::uint32_t value, int width);
     std::uint32_t read_window(std::uint32_t offset, int width);
     bool is_nor_register(PciFunction::Location at) const;
     std::uint32_t read_register(PciFunction::Location at);
     void write_index(std::uint32_t value);
     void write_behind_index(std::uint32_t value);
     std::uint32_t indexed_register(std::string_view what);
-    [[gnu::cold]] void log(char direction, PciFunction::Location at, std::uint32_t value,
-                           int width);
-    [[gnu::cold]] void complain(std::string_view what, PciFunction::Location at);
+    void log(char direction, PciFunction::Location at, std::uint32_t value, int width);
+    void complain(std::string_view what, PciFunction::Location at);
 
     const AdapterModel* model_;
     PciAddress address_;
@@ -183,7 +143,6 @@ class Adapter {
     std::uint64_t accesses_ = 0;
     VirtualClock* access_clock_ = nullptr; ///< null: accesses take no time
     AccessTimes access_times_;
-    std::function<void()> tell_ = [] {}; ///< that the short way may have changed
 };
 
 } // namespace emulator

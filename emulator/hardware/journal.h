@@ -19,11 +19,10 @@ class Journal {
   public:
     using Listener = std::function<void(std::string_view line)>;
 
-    [[gnu::cold]] void misuse(std::string what);
+    void misuse(std::string what);
     /// The same for a chip, which software that waits can misuse a million times: the words become
     /// a text only when it is kept or told.
-    [[gnu::cold]] void misuse(std::string_view place,
-                              std::initializer_list<std::string_view> words);
+    void misuse(std::string_view place, std::initializer_list<std::string_view> words);
 
     /// Misuse so far; only the first few hundred are kept as text.
     const std::vector<std::string>& misuses() const { return misuses_; }
@@ -33,21 +32,10 @@ class Journal {
     std::vector<std::string> take_misuses();
 
     void listen_to_cycles(Listener listener) { cycles_ = std::move(listener); }
-    void listen_to_registers(Listener listener) {
-        registers_ = std::move(listener);
-        tell_();
-    }
-    /// Has somebody told when who looks at register accesses has changed.
-    void when_listener_changes(std::function<void()> tell) { tell_ = std::move(tell); }
+    void listen_to_registers(Listener listener) { registers_ = std::move(listener); }
     /// Connects a probe beside those that are connected, or takes it away if it is.
-    void connect(BusProbe& probe) {
-        probes_.add(probe);
-        tell_();
-    }
-    void disconnect(const BusProbe& probe) {
-        probes_.remove(probe);
-        tell_();
-    }
+    void connect(BusProbe& probe) { probes_.add(probe); }
+    void disconnect(const BusProbe& probe) { probes_.remove(probe); }
     /// What stands for the connected probes, or null.
     BusProbe* probe() { return probes_.empty() ? nullptr : &probes_; }
     bool wants_cycles() const { return static_cast<bool>(cycles_); }
@@ -63,7 +51,6 @@ class Journal {
     Listener cycles_;
     Listener registers_;
     BusProbes probes_;
-    std::function<void()> tell_ = [] {};
 };
 
 /// Text of a number in capital hexadecimal digits, `digits` of them at least.

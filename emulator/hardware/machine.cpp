@@ -10,14 +10,11 @@ constexpr std::uint64_t kMemoryWindowEnd = 0xFC000000;
 
 } // namespace
 
-Machine::Machine(const Clock& clock) : clock_(&clock) {
-    journal_.when_listener_changes([this] { change_short_way(); });
-}
+Machine::Machine(const Clock& clock) : clock_(&clock) {}
 
 Adapter& Machine::add(const AdapterModel& model, PciAddress address, std::uint8_t revision) {
     adapters_.push_back(std::make_unique<Adapter>(
         model, address, revision, std::to_string(adapters_.size()), *clock_, journal_));
-    adapters_.back()->when_short_way_changes([this] { change_short_way(); });
     return *adapters_.back();
 }
 
@@ -65,30 +62,30 @@ bool Machine::in_memory_window(std::uint64_t address) {
     return address >= kMemoryWindow && address < kMemoryWindowEnd;
 }
 
+std::uint32_t Machine::memory_read(std::uint64_t address, int width) const {
+    for (const auto& adapter : adapters_) {
+        if (const auto at = adapter->pci().locate(address)) {
+            return adapter->read(at, width);
+        }
+    }
+    return all_ones(width);
+}
+
+void Machine::memory_write(std::uint64_t address, std::uint32_t value, int width) const {
+    for (const auto& adapter : adapters_) {
+        if (const auto at = adapter->pci().locate(address)) {
+            adapter->write(at, value, width);
+            return;
+        }
+    }
+}
+
 std::uint64_t Machine::accesses() const {
     std::uint64_t sum = 0;
     for (const auto& adapter : adapters_) {
         sum += adapter->accesses();
     }
     return sum;
-}
-
-void Machine::change_short_way() {
-    short_way_ = last_ == nullptr ? PciFunction::Window{} : last_->short_way();
-    if (!in_memory_window(short_way_.base)) {
-        short_way_ = {};
-    }
-}
-
-Machine::Target Machine::search(std::uint64_t address) {
-    for (const auto& adapter : adapters_) {
-        if (const auto at = adapter->pci().locate(address)) {
-            last_ = adapter.get();
-            change_short_way();
-            return {last_, at};
-        }
-    }
-    return {nullptr, {}};
 }
 
 } // namespace emulator

@@ -46,58 +46,16 @@ class Machine {
     static bool in_memory_window(std::uint64_t address);
 
     /// Memory cycles. Where no function decodes the address, a read gives all ones.
-    std::uint32_t memory_read(std::uint64_t address, int width) {
-        const Target target = find(address);
-        return target.adapter == nullptr ? all_ones(width) : target.adapter->read(target.at, width);
-    }
-    void memory_write(std::uint64_t address, std::uint32_t value, int width) {
-        const Target target = find(address);
-        if (target.adapter != nullptr) {
-            target.adapter->write(target.at, value, width);
-        }
-    }
-
-    /// Memory cycles of 32 bits on the short way of the adapter that the last cycle went to. Most
-    /// cycles can take it; to be asked first.
-    /// @returns false when the cycle has to take the other way; nothing has happened then
-    [[gnu::always_inline]] bool read_shortly(std::uint64_t address, std::uint32_t& value) {
-        return short_way_.contains(address) && last_->read_shortly(offset(address), value);
-    }
-    [[gnu::always_inline]] bool write_shortly(std::uint64_t address, std::uint32_t value) {
-        return short_way_.contains(address) && last_->write_shortly(offset(address), value);
-    }
+    std::uint32_t memory_read(std::uint64_t address, int width) const;
+    void memory_write(std::uint64_t address, std::uint32_t value, int width) const;
 
     /// Register accesses of all adapters so far.
     std::uint64_t accesses() const;
 
   private:
-    /// The adapter that decodes an address, and where it lies there; null when none does.
-    struct Target {
-        Adapter* adapter;
-        PciFunction::Location at;
-    };
-    Target find(std::uint64_t address) {
-        // The next cycle nearly always goes where the last one went.
-        if (last_ != nullptr) {
-            if (const auto at = last_->pci().locate(address)) {
-                return {last_, at};
-            }
-        }
-        return search(address);
-    }
-    Target search(std::uint64_t address);
-
-    std::uint32_t offset(std::uint64_t address) const {
-        return static_cast<std::uint32_t>(address - short_way_.base);
-    }
-    void change_short_way();
-
     const Clock* clock_;
     Journal journal_;
     std::vector<std::unique_ptr<Adapter>> adapters_;
-    Adapter* last_ =
-        nullptr; ///< the adapter of the last memory cycle: the next one's, nearly always
-    PciFunction::Window short_way_; ///< of the last adapter
 };
 
 } // namespace emulator

@@ -96,7 +96,7 @@ class NorChip {
     /// @returns when it is over
     std::uint64_t be_busy(std::uint64_t microseconds);
     std::uint32_t offset(std::uint32_t address, std::string_view what);
-    [[gnu::cold]] void complain(std::string_view what);
+    void complain(std::string_view what);
 
     const NorPart* part_;
     std::string place_;

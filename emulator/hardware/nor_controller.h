@@ -45,7 +45,7 @@ class NorController {
     void control_interface(std::uint32_t value);
     void start(std::uint32_t command);
     void log(std::size_t cycles, Operation operation);
-    [[gnu::cold]] void complain(std::string_view what);
+    void complain(std::string_view what);
 
     std::string place_;
     const Clock* clock_;

@@ -1,7 +1,5 @@
 #include "hardware/pci_function.h"
 
-#include <algorithm>
-
 namespace emulator {
 namespace {
 
@@ -60,22 +58,20 @@ void PciFunction::write(std::uint32_t offset, std::uint32_t value, int width) {
         const std::size_t bar = (offset - kFirstBar) / 4;
         bases_[bar] = bars_[bar].size == 0 ? 0 : merged & ~(bars_[bar].size - 1);
     }
-    decode();
 }
 
-PciFunction::Window PciFunction::window(int bar) const {
-    const auto found = std::ranges::find(windows_, bar, &Window::bar);
-    return found == windows_.end() ? Window{} : *found;
-}
-
-void PciFunction::decode() {
-    windows_.clear();
-    for (std::size_t bar = 0; (command_ & kMemoryDecoding) != 0 && bar < bars_.size(); ++bar) {
-        if (bars_[bar].size != 0) {
-            windows_.push_back({bases_[bar], bars_[bar].size, static_cast<int>(bar)});
+PciFunction::Location PciFunction::locate(std::uint64_t address) const {
+    if ((command_ & kMemoryDecoding) == 0) {
+        return {};
+    }
+    for (std::size_t bar = 0; bar < bars_.size(); ++bar) {
+        // A BAR that the function does not have has no bytes.
+        const std::uint64_t offset = address - bases_[bar];
+        if (offset < bars_[bar].size) {
+            return {static_cast<int>(bar), static_cast<std::uint32_t>(offset)};
         }
     }
-    tell_();
+    return {};
 }
 
 } // namespace emulator

@@ -3,9 +3,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
-#include <utility>
-#include <vector>
 
 namespace emulator {
 
@@ -52,30 +49,8 @@ class PciFunction {
         explicit operator bool() const { return bar >= 0; }
     };
 
-    /// A range of bus addresses that the function answers to.
-    struct Window {
-        std::uint64_t base = 0;
-        std::uint64_t size = 0; ///< bytes; 0: none
-        int bar = -1;
-
-        bool contains(std::uint64_t address) const { return address - base < size; }
-    };
-
-    /// The BAR's window; none while memory decoding is off.
-    Window window(int bar) const;
-
-    /// Has somebody told when windows have changed.
-    void when_windows_change(std::function<void()> tell) { tell_ = std::move(tell); }
-
     /// Where a bus address lies; nowhere while memory decoding is off.
-    Location locate(std::uint64_t address) const {
-        for (const Window& window : windows_) {
-            if (window.contains(address)) {
-                return {window.bar, static_cast<std::uint32_t>(address - window.base)};
-            }
-        }
-        return {};
-    }
+    Location locate(std::uint64_t address) const;
 
   private:
     std::uint32_t dword(std::uint32_t offset) const;
@@ -85,10 +60,6 @@ class PciFunction {
     std::array<std::uint32_t, 6> bases_{};
     std::uint16_t command_ = 0;
     std::uint8_t interrupt_line_ = 0;
-
-    void decode();
-    std::vector<Window> windows_; ///< derived from BARs and command; asked at every memory cycle
-    std::function<void()> tell_ = [] {};
 };
 
 } // namespace emulator

@@ -124,8 +124,8 @@ class PhyBlock {
     const PhyFault* striking(PhyFaultKind kind, std::size_t port);
 
     void log(const Target& target, char direction, std::uint32_t value, std::string_view meaning);
-    [[gnu::cold]] void complain(const Target& target, std::string_view what);
-    [[gnu::cold]] void complain(const std::string& what);
+    void complain(const Target& target, std::string_view what);
+    void complain(const std::string& what);
 
     struct Counted {
         PhyFault fault;

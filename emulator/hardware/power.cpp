@@ -9,11 +9,6 @@ constexpr std::uint64_t kNsPerUs = 1000;
 
 } // namespace
 
-void Power::add(const PowerFault& fault) {
-    faults_.push_back({fault, false});
-    watch();
-}
-
 Power::Change Power::next_change() {
     const std::uint64_t now = clock_->now_ns();
     if (!on_) {
@@ -50,22 +45,6 @@ void Power::turn_off(Counted& by, std::uint64_t at_ns) {
     back_ns_.reset();
     if (by.fault.off_us != 0) {
         back_ns_ = at_ns + kNsPerUs * by.fault.off_us;
-    }
-    watch();
-}
-
-void Power::turn_on() {
-    on_ = true;
-    watch();
-}
-
-void Power::watch() {
-    // A time can come before any access; a number has to be reached first.
-    watched_from_ = on_ ? UINT64_MAX : 0;
-    for (const Counted& c : faults_) {
-        if (!c.struck) {
-            watched_from_ = std::min(watched_from_, c.fault.nth);
-        }
     }
 }
 

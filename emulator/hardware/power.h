@@ -25,14 +25,11 @@ class Power {
   public:
     explicit Power(const Clock& clock) : clock_(&clock), start_ns_(clock.now_ns()) {}
 
-    void add(const PowerFault& fault);
+    void add(const PowerFault& fault) { faults_.push_back({fault, false}); }
     bool has_struck(std::size_t i) const { return faults_[i].struck; }
 
     /// True without faults.
     bool stays() const { return faults_.empty(); }
-
-    /// True when the access, by its number, needs a look at power. Without faults none does.
-    bool is_watched(std::uint64_t access) const { return access >= watched_from_; }
 
     enum class Event : std::uint8_t { kNone, kLost, kBack };
     /// The next thing that has happened to power by now, and when it did.
@@ -47,7 +44,7 @@ class Power {
     /// Takes power away when a fault wants that in this access. @returns true when it did
     bool goes_in(std::uint64_t access);
 
-    void turn_on();
+    void turn_on() { on_ = true; }
 
   private:
     struct Counted {
@@ -55,12 +52,10 @@ class Power {
         bool struck;
     };
     void turn_off(Counted& by, std::uint64_t at_ns);
-    void watch();
 
     const Clock* clock_;
     std::uint64_t start_ns_;
     std::vector<Counted> faults_;
-    std::uint64_t watched_from_ = UINT64_MAX;
     std::optional<std::uint64_t> back_ns_;
     bool on_ = true;
 };

@@ -126,7 +126,6 @@ void SpiChip::power_up() {
     busy_until_ns_ = 0;
     stuck_busy_ = false;
     holds_controller_ = false;
-    at_rest_ = false;
 }
 
 void SpiChip::know(std::uint8_t opcode, Operation operation, std::uint32_t unit) {
@@ -181,28 +180,7 @@ Operation SpiChip::transfer(const SpiTransfer& transfer) {
         carry_out(command, transfer);
         stuck_busy_ = stuck_busy_ || faults_.striking(FaultKind::kNeverReady).has_value();
     }
-    at_rest_ = finds_rest();
     return operation;
-}
-
-bool SpiChip::is_plain(Operation operation, bool has_address, std::size_t bytes) {
-    switch (operation) {
-    case Operation::kReadStatus:
-        return !has_address;
-    case Operation::kWriteEnable:
-        return !has_address && bytes == 0;
-    case Operation::kRead:
-        return has_address;
-    case Operation::kProgram:
-        return has_address && bytes == 1;
-    default:
-        return false;
-    }
-}
-
-bool SpiChip::finds_rest() const {
-    return (status_ & kBusy) == 0 && busy_until_ns_ == 0 && !stuck_busy_ && !holds_controller_ &&
-           !status_enabled_ && !next_word_ && sector_protected_.empty() && !change_.is_expected();
 }
 
 bool SpiChip::is_busy() {

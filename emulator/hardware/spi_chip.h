@@ -10,7 +10,6 @@
 
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <initializer_list>
 #include <optional>
 #include <span>
@@ -40,17 +39,6 @@ class SpiChip {
     /// @returns what the chip took it for
     Operation transfer(const SpiTransfer& transfer);
 
-    /// True for cycles that `transfer_at_rest` can carry out: they read status or contents, set the
-    /// latch, or program one byte, and have just what they need for that.
-    static bool is_plain(Operation operation, bool has_address, std::size_t bytes);
-
-    /// Carries out a plain cycle of a chip that is at rest, and stays so.
-    /// @param data  what is sent, the first byte in bits 0 to 7; replaced by the next four bytes
-    ///              that the chip answers, if it does
-    /// @returns false when `transfer` has to look at it; nothing has happened then
-    [[gnu::always_inline]] bool transfer_at_rest(Operation operation, std::uint32_t address,
-                                                 std::uint32_t& data);
-
     /// Carries out one chip-select period given as the bytes on the wires: those that are sent,
     /// one at least, and behind them those that are received. The opcode tells which is which.
     /// @returns what the chip took it for
@@ -70,17 +58,11 @@ class SpiChip {
     Faults& faults() { return faults_; }
     const Faults& faults() const { return faults_; }
     std::uint8_t status();
-    void set_status(std::uint8_t status) {
-        status_ = status;
-        at_rest_ = false;
-    }
+    void set_status(std::uint8_t status) { status_ = status; }
     void protect_all_sectors() { sector_protected_.assign(sector_protected_.size(), true); }
 
     /// Power can go from now on.
-    void expect_power_loss() {
-        change_.expect_interruption();
-        at_rest_ = false;
-    }
+    void expect_power_loss() { change_.expect_interruption(); }
 
     /// Ends what is over by now; a loss of power leaves it whole.
     void forget_ended_change(std::uint64_t now_ns) { change_.forget_ended(now_ns); }
@@ -105,12 +87,6 @@ class SpiChip {
     static constexpr std::uint8_t kWriteEnabled = 0x02;
     static constexpr std::uint8_t kBlockProtection = 0x3C;
 
-    /// True when a program puts the byte in place of the old one, without complaint or wait.
-    bool takes_in_no_time(std::uint8_t byte, std::uint8_t old) const {
-        return (status_ & (kWriteEnabled | kBlockProtection)) == kWriteEnabled &&
-               (byte & ~old) == 0 && times_.program_us == 0;
-    }
-
     /// What an opcode stands for and what must come with it.
     struct Command {
         Operation operation = Operation::kUnknown;
@@ -121,7 +97,6 @@ class SpiChip {
     void know(std::uint8_t opcode, Operation operation, std::uint32_t unit = 0);
     void carry_out(const Command& command, const SpiTransfer& transfer);
     bool is_busy();
-    bool finds_rest() const;
     bool wants_address(const Command& command) const;
     bool write_enabled(std::string_view what);
     bool is_protected(std::uint32_t address, std::uint32_t length) const;
@@ -141,7 +116,7 @@ class SpiChip {
     void query_protection(const SpiTransfer& transfer);
     void protect_sector(std::uint32_t address, bool protect);
     std::uint32_t offset(std::uint32_t address, std::string_view what);
-    [[gnu::cold]] void complain(std::initializer_list<std::string_view> words);
+    void complain(std::initializer_list<std::string_view> words);
 
     const SpiPart* part_;
     std::string place_;
@@ -162,31 +137,6 @@ class SpiChip {
     std::uint64_t busy_until_ns_ = 0;
     bool stuck_busy_ = false;
     bool holds_controller_ = false;
-    bool at_rest_ = false; ///< as the last transfer found it
 };
-
-inline bool SpiChip::transfer_at_rest(Operation operation, std::uint32_t address,
-                                      std::uint32_t& data) {
-    constexpr std::uint32_t kEachByte = 0x01010101;
-    const bool inside = address <= contents_.size() - sizeof data;
-    if (!at_rest_ || !faults_.empty()) {
-        return false;
-    }
-    if (operation == Operation::kReadStatus) {
-        data = status_ * kEachByte;
-    } else if (operation == Operation::kWriteEnable) {
-        status_ |= kWriteEnabled;
-    } else if (operation == Operation::kProgram && inside &&
-               takes_in_no_time(static_cast<std::uint8_t>(data), contents_[address])) {
-        contents_[address] = static_cast<std::uint8_t>(data);
-        status_ = static_cast<std::uint8_t>(status_ & ~kWriteEnabled);
-    } else if (operation == Operation::kRead && inside) {
-        std::memcpy(&data, &contents_[address], sizeof data);
-    } else {
-        return false;
-    }
-    ++counts_[static_cast<std::size_t>(operation)];
-    return true;
-}
 
 } // namespace emulator

@@ -95,15 +95,14 @@ SpiController::Cycle SpiController::decode(std::uint32_t command) {
     if ((command & 0xFFFF0009) != 0x09130001) {
         complain("command word " + hex(command, 8));
     }
-    return {static_cast<std::uint8_t>(command >> kWindowOpcode), (command & 0x2) != 0,
-            (command & 0x4) != 0, static_cast<std::uint8_t>((command >> 4) & 0xF)};
+    return {static_cast<std::uint8_t>(command >> 8), (command & 0x2) != 0, (command & 0x4) != 0,
+            static_cast<std::uint8_t>((command >> 4) & 0xF)};
 }
 
 void SpiController::start(std::uint32_t command) {
     command_ = command;
     running_ = true;
     held_ = false;
-    const std::uint64_t complaints = journal_->misuse_count();
     Cycle cycle = decode(command);
     if (cycle.bytes > kDataBytes) {
         complain("cycle of " + std::to_string(cycle.bytes) + " data bytes");
@@ -124,9 +123,6 @@ void SpiController::start(std::uint32_t command) {
     if (journal_->probe() != nullptr) {
         journal_->probe()->see(place_, transfer, operation, chip_.get());
     }
-    if (journal_->misuse_count() == complaints) {
-        note_plain(command, cycle, operation);
-    }
     const auto received = std::bit_cast<std::uint32_t>(in);
     if (cycle.receive) {
         data_in_ = received;
@@ -135,18 +131,6 @@ void SpiController::start(std::uint32_t command) {
     if (journal_->wants_cycles()) {
         log(cycle, operation, data_out_, received);
     }
-}
-
-void SpiController::note_plain(std::uint32_t command, const Cycle& cycle, Operation operation) {
-    if (SpiChip::is_plain(operation, cycle.address, cycle.bytes)) {
-        const std::uint64_t beyond = std::uint64_t{1} << (8 * cycle.bytes);
-        plain(command) = {command, operation, cycle.receive,
-                          static_cast<std::uint32_t>(beyond - 1)};
-    }
-}
-
-void SpiController::log_plain(const PlainCommand& command, std::uint32_t data) {
-    log(decode(command.word), command.operation, data_out_, data & command.mask);
 }
 
 void SpiController::log(Cycle cycle, Operation operation, std::uint32_t sent,

@@ -15,7 +15,6 @@ class UnfinishedChange {
   public:
     /// Power can go from now on.
     void expect_interruption() { expected_ = true; }
-    bool is_expected() const { return expected_; }
 
     /// A change of `memory` starts that ends at a time; the one before it is over.
     void start(std::span<std::uint8_t> memory, std::uint64_t end_ns);

@@ -17,12 +17,6 @@ class CallFault {
         times_ = times;
     }
 
-    /// True when calls are to fail, sooner or later.
-    bool is_set() const { return nth_ != 0; }
-
-    /// Counts a call while none is to fail.
-    void count() { ++calls_; }
-
     /// Counts a call. @returns true when it fails
     bool strikes() {
         ++calls_;

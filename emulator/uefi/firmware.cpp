@@ -68,13 +68,28 @@ EFI_TIME wall_clock(std::uint64_t now_ns) {
 }
 
 void store(void* buffer, std::uint32_t value, int width) {
-    std::memcpy(buffer, &value, static_cast<std::size_t>(width));
+    switch (width) {
+    case 1:
+        *static_cast<UINT8*>(buffer) = static_cast<UINT8>(value);
+        break;
+    case 2:
+        *static_cast<UINT16*>(buffer) = static_cast<UINT16>(value);
+        break;
+    default:
+        *static_cast<UINT32*>(buffer) = value;
+        break;
+    }
 }
 
 std::uint32_t fetch(const void* buffer, int width) {
-    std::uint32_t value = 0;
-    std::memcpy(&value, buffer, static_cast<std::size_t>(width));
-    return value;
+    switch (width) {
+    case 1:
+        return *static_cast<const UINT8*>(buffer);
+    case 2:
+        return *static_cast<const UINT16*>(buffer);
+    default:
+        return *static_cast<const UINT32*>(buffer);
+    }
 }
 
 } // namespace
@@ -299,8 +314,10 @@ struct Firmware::Services {
         }
         return Machine::in_memory_window(address) ? EFI_SUCCESS : EFI_INVALID_PARAMETER;
     }
-    [[gnu::noinline]] static EFI_STATUS EFIAPI read_any(EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH width,
-                                                        UINT64 address, UINTN count, VOID* buffer) {
+    static EFI_STATUS EFIAPI memory_read(RootBridge* /*self*/,
+                                         EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH width,
+                                         UINT64 address, UINTN count, VOID* buffer) {
+        active->terminal_.note_activity();
         const int bytes = unit(width);
         const EFI_STATUS status = begin_memory_cycle(address, count, bytes);
         if (status != EFI_SUCCESS) {
@@ -313,9 +330,10 @@ struct Firmware::Services {
         store(buffer, value, bytes);
         return EFI_SUCCESS;
     }
-    [[gnu::noinline]] static EFI_STATUS EFIAPI
-    write_any(EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH width, UINT64 address, UINTN count,
-              const VOID* buffer) {
+    static EFI_STATUS EFIAPI memory_write(RootBridge* /*self*/,
+                                          EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH width,
+                                          UINT64 address, UINTN count, VOID* buffer) {
+        active->terminal_.note_activity();
         const int bytes = unit(width);
         const EFI_STATUS status = begin_memory_cycle(address, count, bytes);
         if (status != EFI_SUCCESS) {
@@ -325,42 +343,6 @@ struct Firmware::Services {
             return EFI_DEVICE_ERROR;
         }
         active->machine_->memory_write(address, fetch(buffer, bytes), bytes);
-        return EFI_SUCCESS;
-    }
-    // Nearly every memory cycle takes the short way, which is inline down to the chip. The tables'
-    // convention keeps ten vector registers that ordinary functions may change: a service that
-    // calls one saves them all, each time. What it leaves to another of the tables' kind costs
-    // nothing.
-    static EFI_STATUS EFIAPI memory_read(RootBridge* /*self*/,
-                                         EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH width,
-                                         UINT64 address, UINTN count, VOID* buffer) {
-        active->terminal_.note_activity();
-        CallFault& fault = active->faults_.memory_read;
-        if (width != EfiPciIoWidthUint32 || count != 1 || fault.is_set()) {
-            return read_any(width, address, count, buffer);
-        }
-        std::uint32_t value = 0;
-        if (!active->machine_->read_shortly(address, value)) {
-            return read_any(EfiPciIoWidthUint32, address, 1, buffer);
-        }
-        fault.count();
-        std::memcpy(buffer, &value, sizeof value);
-        return EFI_SUCCESS;
-    }
-    static EFI_STATUS EFIAPI memory_write(RootBridge* /*self*/,
-                                          EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_WIDTH width,
-                                          UINT64 address, UINTN count, VOID* buffer) {
-        active->terminal_.note_activity();
-        CallFault& fault = active->faults_.memory_write;
-        if (width != EfiPciIoWidthUint32 || count != 1 || fault.is_set()) {
-            return write_any(width, address, count, buffer);
-        }
-        std::uint32_t value = 0;
-        std::memcpy(&value, buffer, sizeof value);
-        if (!active->machine_->write_shortly(address, value)) {
-            return write_any(EfiPciIoWidthUint32, address, 1, buffer);
-        }
-        fault.count();
         return EFI_SUCCESS;
     }
     static EFI_STATUS EFIAPI config_read(RootBridge* /*self*/,
