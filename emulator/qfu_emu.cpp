@@ -6,7 +6,6 @@
 #include "keyboard.h"
 #include "known.h"
 #include "machine_file.h"
-#include "progress_line.h"
 #include "report.h"
 #include "support/arguments.h"
 #include "support/input_error.h"
@@ -136,13 +135,10 @@ int run(const Options& options) {
         summary.emplace(*machine, clock);
     }
     Firmware firmware(*machine, clock, options.folder);
-    ProgressLine progress(firmware, options.arguments);
     firmware.terminal().on_output([&](std::string_view text) {
-        progress.wipe();
         if (options.estimate.empty()) {
             std::cout << text << std::flush;
         }
-        progress.draw();
     });
     const bool timed = let_accesses_take_time(options, description, *machine, clock);
     std::optional<TimeAccount> account;
@@ -161,7 +157,6 @@ int run(const Options& options) {
     std::vector<std::string> arguments = {kCommandName};
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
-    progress.wipe();
     print_notes(firmware, description);
     if (!options.estimate.empty()) {
         std::cout << (options.estimate == "json" ? account->json() : account->text()) << '\n';

@@ -142,7 +142,6 @@ void NorChip::program(std::uint32_t at, std::uint16_t data) {
 }
 
 void NorChip::erase(NorBlock block) {
-    erased_bytes_ += block.size;
     change_.start(contents_, be_busy(times_.erase_us(block.size)));
     if (!faults_.striking(FaultKind::kNotStored)) {
         const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);

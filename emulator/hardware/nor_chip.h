@@ -69,9 +69,6 @@ class NorChip {
         return counts_[static_cast<std::size_t>(operation)];
     }
 
-    /// Bytes of all the units that were erased.
-    std::uint64_t erased_bytes() const { return erased_bytes_; }
-
   private:
     /// How far a command has come. Unlock-bypass mode has states of its own.
     enum class State : std::uint8_t {
@@ -106,7 +103,6 @@ class NorChip {
     std::vector<std::uint8_t> own_; ///< empty when somebody else keeps the contents
     std::span<std::uint8_t> contents_;
     std::array<std::uint64_t, kOperationCount> counts_{};
-    std::uint64_t erased_bytes_ = 0;
     Faults faults_;
     UnfinishedChange change_;
     State state_ = State::kRead;

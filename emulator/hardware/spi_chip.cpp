@@ -414,7 +414,6 @@ void SpiChip::erase(std::uint32_t address, std::uint32_t unit, std::string_view 
     if (!may_change(address, unit, what)) {
         return;
     }
-    erased_bytes_ += unit;
     change_.start(contents_, be_busy(times_.erase_us(unit)));
     if (!faults_.striking(FaultKind::kNotStored)) {
         const std::uint8_t stuck = faults_.striking(FaultKind::kStuckBits).value_or(0);

@@ -79,9 +79,6 @@ class SpiChip {
         return counts_[static_cast<std::size_t>(operation)];
     }
 
-    /// Bytes of all the units that were erased.
-    std::uint64_t erased_bytes() const { return erased_bytes_; }
-
   private:
     static constexpr std::uint8_t kBusy = 0x01;
     static constexpr std::uint8_t kWriteEnabled = 0x02;
@@ -127,7 +124,6 @@ class SpiChip {
     std::span<std::uint8_t> contents_;
     std::array<Command, 256> commands_{}; ///< by opcode
     std::array<std::uint64_t, kOperationCount> counts_{};
-    std::uint64_t erased_bytes_ = 0;
     Faults faults_;
     UnfinishedChange change_;
     std::uint8_t status_ = 0;

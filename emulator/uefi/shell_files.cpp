@@ -18,7 +18,6 @@ struct OpenFile {
     bool writable;
     int descriptor;
     std::uint64_t position;
-    std::uint64_t moved = 0; ///< bytes read and written
 };
 
 /// The shell's record of a file, with the names that it points to.
@@ -413,7 +412,6 @@ EFI_STATUS ShellFiles::read(SHELL_FILE_HANDLE handle, std::uint64_t* size, void*
     }
     *size = static_cast<std::uint64_t>(got);
     file->position += *size;
-    file->moved += *size;
     return EFI_SUCCESS;
 }
 
@@ -436,12 +434,7 @@ EFI_STATUS ShellFiles::write(SHELL_FILE_HANDLE handle, std::uint64_t size, const
         return EFI_VOLUME_FULL;
     }
     file->position += size;
-    file->moved += size;
     return EFI_SUCCESS;
-}
-
-FileTraffic ShellFiles::traffic() const {
-    return files_.empty() ? FileTraffic{} : FileTraffic{files_[0]->moved, size_of(*files_[0])};
 }
 
 EFI_STATUS ShellFiles::flush(SHELL_FILE_HANDLE handle) {

@@ -17,12 +17,6 @@ namespace emulator {
 /// One open file or folder.
 struct OpenFile;
 
-/// What passed between the program and an open file.
-struct FileTraffic {
-    std::uint64_t moved = 0; ///< bytes read and written
-    std::uint64_t size = 0;  ///< of the file
-};
-
 /// File functions with the habits of a UEFI shell on a FAT volume: names match in any case,
 /// wildcards match names, folders open like files, a file that was deleted elsewhere cannot be
 /// read.
@@ -53,9 +47,6 @@ class ShellFiles {
     std::size_t handles_out() const { return files_.size(); }
     std::size_t lists_out() const { return lists_.size(); }
     std::uint64_t flushes() const { return flushes_; }
-
-    /// Of the file that is open for longest, if there is one.
-    FileTraffic traffic() const;
 
   private:
     struct Entry;
