@@ -14,11 +14,6 @@ namespace {
 
 using support::TableReader;
 
-/// Where qfu looks for adapters.
-constexpr std::int64_t kLastBus = 63;
-constexpr std::int64_t kLastSlot = 15;
-constexpr char kWhereQfuLooks[] = "qfu looks at buses 0 to 63, slots 0 to 15 and function 0";
-
 std::string in_quotes(std::string_view word) {
     return "\"" + std::string(word) + "\"";
 }
@@ -272,23 +267,11 @@ const AdapterModel* MachineReader::read_model(TableReader& reader) {
 }
 
 PciAddress MachineReader::read_place(TableReader& reader) {
-    const std::int64_t bus = reader.number("bus", 0, 255, 0);
-    const std::int64_t slot = reader.number("slot", 0, 31);
-    const std::int64_t function = reader.number("function", 0, 7, 0);
-    const bool hidden = reader.flag("hidden");
-    const char* beyond = bus > kLastBus     ? "bus"
-                         : slot > kLastSlot ? "slot"
-                         : function != 0    ? "function"
-                                            : nullptr;
-    if (beyond != nullptr && !hidden) {
-        reader.fail(beyond, std::string(kWhereQfuLooks) +
-                                "; an adapter that it does not find needs hidden = true");
-    }
-    if (beyond == nullptr && hidden) {
-        reader.fail("hidden", std::string("this adapter is found; ") + kWhereQfuLooks);
-    }
-    const PciAddress place{static_cast<std::uint8_t>(bus), static_cast<std::uint8_t>(slot),
-                           static_cast<std::uint8_t>(function)};
+    // An adapter elsewhere would not be found.
+    constexpr std::int64_t kLastBus = 63;
+    constexpr std::int64_t kLastSlot = 15;
+    const PciAddress place{static_cast<std::uint8_t>(reader.number("bus", 0, kLastBus, 0)),
+                           static_cast<std::uint8_t>(reader.number("slot", 0, kLastSlot)), 0};
     const auto other = std::ranges::find(adapters_, place, &AdapterDescription::address);
     if (other != adapters_.end()) {
         reader.fail("slot",
