@@ -1,50 +1,78 @@
-// Register accesses and speed of the main job on hardware that is never busy.
-#include "bench.h"
+// Register accesses and speed of the main job: erase, program and verify, on hardware that is never
+// busy.
+#include "image.h"
+#include "in_process.h"
+#include "source.h"
 
-#include <algorithm>
 #include <benchmark/benchmark.h>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
 
 namespace {
 
-using namespace bench;
+using namespace emulator;
+using Bytes = std::vector<std::uint8_t>;
 
-void report(benchmark::State& state, std::uint64_t accesses, std::int64_t bytes_a_run) {
-    const auto bytes = static_cast<double>(state.iterations() * bytes_a_run);
-    state.SetBytesProcessed(state.iterations() * bytes_a_run);
-    state.counters["accesses/byte"] = static_cast<double>(accesses) / bytes;
+constexpr std::size_t kKiB = 1024;
+
+/// A chip to program on an adapter model.
+struct Subject {
+    std::uint16_t device;
+    std::string_view spi_part;
+    std::uint32_t nor_id; ///< with a SPI part 0
+    std::size_t size;     ///< of the image
+};
+
+void write(const std::filesystem::path& file, const Bytes& bytes) {
+    std::ofstream out(file, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
 }
 
-constexpr std::int64_t kKiB = 1024;
-
-/// Erase, program and verify of so many bytes; the erase's accesses are among those reported.
-void program_and_verify(benchmark::State& state, const Subject& subject, std::int64_t size) {
-    Bench bench(subject);
-    bench.write("image.bin", random_bytes(static_cast<std::size_t>(size)));
-    const std::uint64_t before = bench.machine().accesses();
-    for (auto _ : state) {
-        bench.run({"-wbf", "image.bin", "-addr", "0", "-y"});
+Bytes random_bytes(std::size_t count) {
+    std::mt19937 random(1);
+    Bytes bytes(count);
+    for (std::uint8_t& byte : bytes) {
+        byte = static_cast<std::uint8_t>(random());
     }
-    report(state, bench.machine().accesses() - before, size);
+    return bytes;
 }
 
-/// Dump of 1 MiB.
-void dump(benchmark::State& state, const Subject& subject) {
-    constexpr std::int64_t kSize = 1024 * kKiB;
-    Bench bench(subject);
-    std::ranges::copy(random_bytes(bench.contents().size()), bench.contents().begin());
-    const std::uint64_t before = bench.machine().accesses();
-    for (auto _ : state) {
-        bench.run({"-rfb", "dump.bin", "-addr", "0", "-sz", std::to_string(kSize)});
+void program_and_verify(benchmark::State& state, const Subject& subject) {
+    std::string name = (std::filesystem::temp_directory_path() / "qfu-bench-XXXXXX").string();
+    const std::filesystem::path folder = mkdtemp(name.data());
+    write(folder / "spilist.bin",
+          chiplist::encode(chiplist::read_source(QFU_SOURCE_DIR "/chiplist/chips.toml")));
+    write(folder / "image.bin", random_bytes(subject.size));
+    VirtualClock clock;
+    Machine machine(clock);
+    Adapter& adapter = machine.add(*find_adapter_model(0x1E5D, subject.device), {0, 2, 0}, 0);
+    if (subject.nor_id != 0) {
+        machine.add_nor_chip(adapter, *find_nor_part(subject.nor_id), kNeverBusy);
+    } else {
+        machine.add_spi_chip(adapter, *find_spi_part(subject.spi_part), kNeverBusy);
     }
-    report(state, bench.machine().accesses() - before, kSize);
+    machine.assign_bars();
+    Firmware firmware(machine, clock, folder);
+    while (state.KeepRunning()) {
+        run_program(firmware, Shell::kCurrent,
+                    {kCommandName, "-wbf", "image.bin", "-addr", "0", "-y"});
+    }
+    const auto bytes = state.iterations() * static_cast<std::int64_t>(subject.size);
+    state.SetBytesProcessed(bytes);
+    state.counters["accesses/byte"] =
+        static_cast<double>(machine.accesses()) / static_cast<double>(bytes);
+    std::filesystem::remove_all(folder);
 }
 
-BENCHMARK_CAPTURE(program_and_verify, kind1, kKind1, 64 * kKiB)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(program_and_verify, kind4, kKind4, 64 * kKiB)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(program_and_verify, nor, kNor, 1024 * kKiB)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(dump, nor, kNor)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(dump, kind1, kKind1)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(dump, kind4, kKind4)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(program_and_verify, kind1, {0xC709, "W25Q16", 0, 64 * kKiB})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(program_and_verify, kind4, {0xC705, "W25Q16", 0, 64 * kKiB})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(program_and_verify, nor, {0xC703, "", 0x22CB00C2, 1024 * kKiB})
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 
