@@ -29,12 +29,13 @@ BusSummary::~BusSummary() {
     machine_->journal().disconnect(*this);
 }
 
-void BusSummary::see(std::string_view place, const SpiTransfer& transfer, Operation operation,
-                     const SpiChip* /*chip*/) {
+void BusSummary::on_spi_transfer(std::string_view place, const SpiTransfer& transfer,
+                                 Operation operation, const SpiChip* /*chip*/) {
     count(place, operation, transfer.mosi.size());
 }
 
-void BusSummary::see(std::string_view place, const NorCycle& cycle, const NorChip* /*chip*/) {
+void BusSummary::on_nor_cycle(std::string_view place, const NorCycle& cycle,
+                              const NorChip* /*chip*/) {
     // Most cycles are steps of a sequence; the last one tells what it does.
     if (cycle.operation != Operation::kUnknown) {
         const bool data = !cycle.write || cycle.operation == Operation::kProgram;

@@ -23,11 +23,9 @@ class BusSummary final : public BusProbe {
     /// A table of the operations, and a line of register accesses for each adapter that had some.
     std::string text() const;
 
-    void see(std::string_view place, const SpiTransfer& transfer, Operation operation,
-             const SpiChip* chip) override;
-    void see(std::string_view place, const NorCycle& cycle, const NorChip* chip) override;
-    void see(std::string_view /*adapter*/, const RegisterAccess& /*access*/) override {}
-    void mark(std::string_view /*what*/) override {}
+    void on_spi_transfer(std::string_view place, const SpiTransfer& transfer, Operation operation,
+                         const SpiChip* chip) override;
+    void on_nor_cycle(std::string_view place, const NorCycle& cycle, const NorChip* chip) override;
 
   private:
     using Place = std::string; ///< adapter and chip select

@@ -134,12 +134,12 @@ void BusTrace::shift(SpiWires& wires, std::uint8_t mosi, std::uint8_t miso) {
 template <class Chip>
 void BusTrace::note_faults(std::string_view place, const Chip& chip) {
     for (const FaultKind kind : chip.faults().at_work()) {
-        mark(std::string(place) + ": fault: " + std::string(fault_kind_name(kind)));
+        on_event(std::string(place) + ": fault: " + std::string(fault_kind_name(kind)));
     }
 }
 
-void BusTrace::see(std::string_view place, const SpiTransfer& transfer, Operation operation,
-                   const SpiChip* chip) {
+void BusTrace::on_spi_transfer(std::string_view place, const SpiTransfer& transfer,
+                               Operation operation, const SpiChip* chip) {
     if (chip != nullptr) {
         note_faults(place, *chip);
     }
@@ -173,7 +173,7 @@ void BusTrace::see(std::string_view place, const SpiTransfer& transfer, Operatio
     write_marks();
 }
 
-void BusTrace::see(std::string_view place, const NorCycle& cycle, const NorChip* chip) {
+void BusTrace::on_nor_cycle(std::string_view place, const NorCycle& cycle, const NorChip* chip) {
     if (chip != nullptr) {
         note_faults(place, *chip);
     }
@@ -201,7 +201,7 @@ void BusTrace::see(std::string_view place, const NorCycle& cycle, const NorChip*
     write_marks();
 }
 
-void BusTrace::see(std::string_view adapter, const RegisterAccess& access) {
+void BusTrace::on_register_access(std::string_view adapter, const RegisterAccess& access) {
     if (!begin()) {
         return;
     }
@@ -218,7 +218,7 @@ void BusTrace::see(std::string_view adapter, const RegisterAccess& access) {
     write_marks();
 }
 
-void BusTrace::mark(std::string_view what) {
+void BusTrace::on_event(std::string_view what) {
     waiting_marks_.emplace_back(what);
 }
 

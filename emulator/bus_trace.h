@@ -39,11 +39,11 @@ class BusTrace final : public BusProbe {
     /// @throws support::InputError when not all of it was written
     void finish(const char* program);
 
-    void see(std::string_view place, const SpiTransfer& transfer, Operation operation,
-             const SpiChip* chip) override;
-    void see(std::string_view place, const NorCycle& cycle, const NorChip* chip) override;
-    void see(std::string_view adapter, const RegisterAccess& access) override;
-    void mark(std::string_view what) override;
+    void on_spi_transfer(std::string_view place, const SpiTransfer& transfer, Operation operation,
+                         const SpiChip* chip) override;
+    void on_nor_cycle(std::string_view place, const NorCycle& cycle, const NorChip* chip) override;
+    void on_register_access(std::string_view adapter, const RegisterAccess& access) override;
+    void on_event(std::string_view what) override;
 
   private:
     using Signal = VcdFile::Signal;

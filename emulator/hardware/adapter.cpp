@@ -196,7 +196,7 @@ void Adapter::tell_power(std::string_view what) {
         journal_->cycle(name_ + "  " + std::string(what));
     }
     if (journal_->probe() != nullptr) {
-        journal_->probe()->mark(name_ + ": " + std::string(what));
+        journal_->probe()->on_event(name_ + ": " + std::string(what));
     }
 }
 
@@ -217,7 +217,7 @@ std::uint32_t Adapter::read(PciFunction::Location at, int width) {
         log('>', at, value, width);
     }
     if (journal_->probe() != nullptr) {
-        journal_->probe()->see(name_, {false, at.bar, at.offset, value});
+        journal_->probe()->on_register_access(name_, {false, at.bar, at.offset, value});
     }
     return value;
 }
@@ -231,7 +231,7 @@ void Adapter::write(PciFunction::Location at, std::uint32_t value, int width) {
         log('<', at, value, width);
     }
     if (journal_->probe() != nullptr) {
-        journal_->probe()->see(name_, {true, at.bar, at.offset, value});
+        journal_->probe()->on_register_access(name_, {true, at.bar, at.offset, value});
     }
     if (!has_power()) {
         return;

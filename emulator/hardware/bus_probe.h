@@ -29,21 +29,24 @@ struct RegisterAccess {
     std::uint32_t value;
 };
 
-/// Sees the signals themselves, where the journal has words for them. `place` and `adapter` are the
-/// names that the journal uses. A chip is null where none is attached.
+/// Sees the signals themselves, where the journal has words for them, and takes what it wants of
+/// them. `place` and `adapter` are the names that the journal uses. A chip is null where none is
+/// attached.
 class BusProbe {
   public:
     virtual ~BusProbe() = default;
 
     /// A chip-select period is over.
-    virtual void see(std::string_view place, const SpiTransfer& transfer, Operation operation,
-                     const SpiChip* chip) = 0;
+    virtual void on_spi_transfer(std::string_view /*place*/, const SpiTransfer& /*transfer*/,
+                                 Operation /*operation*/, const SpiChip* /*chip*/) {}
     /// A cycle on a parallel bus is over.
-    virtual void see(std::string_view place, const NorCycle& cycle, const NorChip* chip) = 0;
+    virtual void on_nor_cycle(std::string_view /*place*/, const NorCycle& /*cycle*/,
+                              const NorChip* /*chip*/) {}
     /// An access to a register begins when it writes, and is over when it reads.
-    virtual void see(std::string_view adapter, const RegisterAccess& access) = 0;
+    virtual void on_register_access(std::string_view /*adapter*/,
+                                    const RegisterAccess& /*access*/) {}
     /// Something to look at has happened: a misuse, a fault, a loss of power.
-    virtual void mark(std::string_view what) = 0;
+    virtual void on_event(std::string_view /*what*/) {}
 };
 
 /// Probes at the same place, all of which see the same.
@@ -53,25 +56,25 @@ class BusProbes final : public BusProbe {
     void remove(const BusProbe& probe) { std::erase(probes_, &probe); }
     bool empty() const { return probes_.empty(); }
 
-    void see(std::string_view place, const SpiTransfer& transfer, Operation operation,
-             const SpiChip* chip) override {
+    void on_spi_transfer(std::string_view place, const SpiTransfer& transfer, Operation operation,
+                         const SpiChip* chip) override {
         for (BusProbe* probe : probes_) {
-            probe->see(place, transfer, operation, chip);
+            probe->on_spi_transfer(place, transfer, operation, chip);
         }
     }
-    void see(std::string_view place, const NorCycle& cycle, const NorChip* chip) override {
+    void on_nor_cycle(std::string_view place, const NorCycle& cycle, const NorChip* chip) override {
         for (BusProbe* probe : probes_) {
-            probe->see(place, cycle, chip);
+            probe->on_nor_cycle(place, cycle, chip);
         }
     }
-    void see(std::string_view adapter, const RegisterAccess& access) override {
+    void on_register_access(std::string_view adapter, const RegisterAccess& access) override {
         for (BusProbe* probe : probes_) {
-            probe->see(adapter, access);
+            probe->on_register_access(adapter, access);
         }
     }
-    void mark(std::string_view what) override {
+    void on_event(std::string_view what) override {
         for (BusProbe* probe : probes_) {
-            probe->mark(what);
+            probe->on_event(what);
         }
     }
 

@@ -9,7 +9,7 @@ namespace emulator {
 void Journal::misuse(std::string what) {
     ++misuse_count_;
     if (!probes_.empty()) {
-        probes_.mark("misuse: " + what);
+        probes_.on_event("misuse: " + what);
     }
     if (misuses_.size() < kKept) {
         misuses_.push_back(std::move(what));

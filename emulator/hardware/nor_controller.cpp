@@ -169,7 +169,7 @@ void NorController::start(std::uint32_t command) {
             operation = chip_->write(cycle.address, static_cast<std::uint16_t>(cycle.data));
         }
         if (journal_->probe() != nullptr) {
-            journal_->probe()->see(
+            journal_->probe()->on_nor_cycle(
                 place_, {true, cycle.address, static_cast<std::uint16_t>(cycle.data), operation},
                 chip_.get());
         }
@@ -207,7 +207,7 @@ std::uint16_t NorController::read_window(std::uint32_t offset) {
                         std::string(operation_name(operation)));
     }
     if (journal_->probe() != nullptr) {
-        journal_->probe()->see(place_, {false, address, value, operation}, chip_.get());
+        journal_->probe()->on_nor_cycle(place_, {false, address, value, operation}, chip_.get());
     }
     return value;
 }

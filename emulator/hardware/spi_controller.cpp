@@ -121,7 +121,7 @@ void SpiController::start(std::uint32_t command) {
         held_ = chip_->holds_controller();
     }
     if (journal_->probe() != nullptr) {
-        journal_->probe()->see(place_, transfer, operation, chip_.get());
+        journal_->probe()->on_spi_transfer(place_, transfer, operation, chip_.get());
     }
     const auto received = std::bit_cast<std::uint32_t>(in);
     if (cycle.receive) {
