@@ -17,8 +17,8 @@ class CallFault {
         times_ = times;
     }
 
-    /// Counts a call. @returns true when it fails
-    bool strikes() {
+    /// Counts the next call. @returns true when it fails
+    bool next_call_fails() {
         ++calls_;
         return nth_ != 0 && calls_ >= nth_ && (times_ == 0 || calls_ < nth_ + times_);
     }

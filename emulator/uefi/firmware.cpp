@@ -102,7 +102,7 @@ struct Firmware::Services {
         if (type != EfiBootServicesData) {
             active->journal().misuse("AllocatePool of type " + std::to_string(type));
         }
-        *buffer = active->faults_.pool.strikes() ? nullptr : active->pool_.allocate(size);
+        *buffer = active->faults_.pool.next_call_fails() ? nullptr : active->pool_.allocate(size);
         return *buffer == nullptr ? EFI_OUT_OF_RESOURCES : EFI_SUCCESS;
     }
     static EFI_STATUS EFIAPI free_pool(VOID* buffer) {
@@ -122,7 +122,7 @@ struct Firmware::Services {
             active->journal().misuse("CreateEvent of type " + hex(type, 8));
             return EFI_INVALID_PARAMETER;
         }
-        if (active->faults_.create_event.strikes()) {
+        if (active->faults_.create_event.next_call_fails()) {
             return EFI_OUT_OF_RESOURCES;
         }
         *event = active->events_.create();
@@ -134,7 +134,7 @@ struct Firmware::Services {
             active->journal().misuse("SetTimer of type " + std::to_string(type));
             return EFI_INVALID_PARAMETER;
         }
-        if (active->faults_.set_timer.strikes()) {
+        if (active->faults_.set_timer.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         return active->events_.set_timer(static_cast<Events::Event*>(event),
@@ -143,7 +143,7 @@ struct Firmware::Services {
                    : EFI_INVALID_PARAMETER;
     }
     static EFI_STATUS EFIAPI wait_for_event(UINTN count, EFI_EVENT* events, UINTN* index) {
-        if (active->faults_.wait_for_event.strikes()) {
+        if (active->faults_.wait_for_event.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         std::uint64_t earliest = UINT64_MAX;
@@ -190,7 +190,7 @@ struct Firmware::Services {
         static const OlderEnvironment kEnvironment{
             {}, kOlderEnvironmentExtension, 1, 0, {}, &older_break};
         *interface = nullptr;
-        if (active->faults_.locate_protocol.strikes()) {
+        if (active->faults_.locate_protocol.next_call_fails()) {
             return EFI_NOT_FOUND;
         }
         if (same(*protocol, kShell) && active->has_shell_protocol()) {
@@ -210,7 +210,7 @@ struct Firmware::Services {
             return EFI_INVALID_PARAMETER;
         }
         *interface = nullptr;
-        if (active->faults_.open_protocol.strikes()) {
+        if (active->faults_.open_protocol.next_call_fails()) {
             return EFI_UNSUPPORTED;
         }
         if (same(*protocol, kShellParameters) && active->shell_ == Shell::kCurrent) {
@@ -226,14 +226,14 @@ struct Firmware::Services {
     // Console
 
     static EFI_STATUS EFIAPI output_string(SIMPLE_TEXT_OUTPUT_INTERFACE* /*self*/, CHAR16* text) {
-        if (active->faults_.output.strikes()) {
+        if (active->faults_.output.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         active->terminal_.print(text);
         return EFI_SUCCESS;
     }
     static EFI_STATUS EFIAPI read_key(SIMPLE_INPUT_INTERFACE* /*self*/, EFI_INPUT_KEY* key) {
-        if (active->faults_.read_key.strikes()) {
+        if (active->faults_.read_key.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         const auto stroke = active->terminal_.take_key();
@@ -250,7 +250,7 @@ struct Firmware::Services {
         constexpr std::uint64_t kReadUs = 100; // the clock is a slow chip
         active->terminal_.note_clock_read();
         active->clock_->advance_us(kReadUs);
-        if (active->faults_.clock.strikes()) {
+        if (active->faults_.clock.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         *time = wall_clock(active->clock_->now_ns());
@@ -324,7 +324,7 @@ struct Firmware::Services {
             return status;
         }
         const std::uint32_t value = active->machine_->memory_read(address, bytes);
-        if (active->faults_.memory_read.strikes()) {
+        if (active->faults_.memory_read.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         store(buffer, value, bytes);
@@ -339,7 +339,7 @@ struct Firmware::Services {
         if (status != EFI_SUCCESS) {
             return status;
         }
-        if (active->faults_.memory_write.strikes()) {
+        if (active->faults_.memory_write.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         active->machine_->memory_write(address, fetch(buffer, bytes), bytes);
@@ -357,7 +357,7 @@ struct Firmware::Services {
         if (reg % static_cast<std::uint32_t>(bytes) != 0) {
             return EFI_UNSUPPORTED;
         }
-        if (active->faults_.config_read.strikes()) {
+        if (active->faults_.config_read.next_call_fails()) {
             return EFI_DEVICE_ERROR;
         }
         const PciAddress function{static_cast<std::uint8_t>(address >> 24),
@@ -420,7 +420,7 @@ Resources Firmware::resources() const {
 }
 
 bool Firmware::query_break() {
-    if (faults_.break_query.strikes()) {
+    if (faults_.break_query.next_call_fails()) {
         break_pending_ = true;
     }
     // Reading the event takes it back.

@@ -282,7 +282,7 @@ EFI_STATUS ShellFiles::open_list(CHAR16* path, std::uint64_t mode, EFI_SHELL_FIL
     if (*list == nullptr) {
         return EFI_INVALID_PARAMETER;
     }
-    if (fault_->strikes()) {
+    if (fault_->next_call_fails()) {
         return EFI_DEVICE_ERROR;
     }
     // The tidied path is never longer and goes back into the caller's buffer.
@@ -315,7 +315,7 @@ EFI_STATUS ShellFiles::open_list(CHAR16* path, std::uint64_t mode, EFI_SHELL_FIL
 }
 
 EFI_STATUS ShellFiles::free_list(EFI_SHELL_FILE_INFO** list) {
-    const bool fails = fault_->strikes();
+    const bool fails = fault_->next_call_fails();
     const auto found =
         std::ranges::find_if(lists_, [&](const auto& l) { return l->head == *list; });
     if (found != lists_.end()) {
@@ -342,7 +342,7 @@ EFI_STATUS ShellFiles::free_list(EFI_SHELL_FILE_INFO** list) {
 
 EFI_STATUS ShellFiles::open_by_name(const CHAR16* name, std::uint64_t mode,
                                     SHELL_FILE_HANDLE* handle) {
-    if (fault_->strikes()) {
+    if (fault_->next_call_fails()) {
         return EFI_DEVICE_ERROR;
     }
     const std::string path = clean(narrow(name));
@@ -364,7 +364,7 @@ OpenFile* ShellFiles::find(SHELL_FILE_HANDLE handle) {
 }
 
 EFI_STATUS ShellFiles::close(SHELL_FILE_HANDLE handle) {
-    const bool fails = fault_->strikes();
+    const bool fails = fault_->next_call_fails();
     OpenFile* file = find(handle);
     if (file == nullptr) {
         return EFI_INVALID_PARAMETER;
@@ -375,7 +375,7 @@ EFI_STATUS ShellFiles::close(SHELL_FILE_HANDLE handle) {
 }
 
 EFI_STATUS ShellFiles::remove(SHELL_FILE_HANDLE handle) {
-    const bool fails = fault_->strikes();
+    const bool fails = fault_->next_call_fails();
     OpenFile* file = find(handle);
     if (file == nullptr) {
         return EFI_INVALID_PARAMETER;
@@ -393,8 +393,8 @@ EFI_STATUS ShellFiles::read(SHELL_FILE_HANDLE handle, std::uint64_t* size, void*
     if (file == nullptr) {
         return EFI_INVALID_PARAMETER;
     }
-    const bool is_short = short_read_->strikes();
-    if (fault_->strikes() || !still_there(*file)) {
+    const bool is_short = short_read_->next_call_fails();
+    if (fault_->next_call_fails() || !still_there(*file)) {
         return EFI_DEVICE_ERROR;
     }
     if (file->directory) {
@@ -420,7 +420,7 @@ EFI_STATUS ShellFiles::write(SHELL_FILE_HANDLE handle, std::uint64_t size, const
     if (file == nullptr) {
         return EFI_INVALID_PARAMETER;
     }
-    if (fault_->strikes() || !still_there(*file)) {
+    if (fault_->next_call_fails() || !still_there(*file)) {
         return EFI_DEVICE_ERROR;
     }
     if (file->directory) {
@@ -443,7 +443,7 @@ EFI_STATUS ShellFiles::flush(SHELL_FILE_HANDLE handle) {
         return EFI_INVALID_PARAMETER;
     }
     ++flushes_;
-    return fault_->strikes() ? EFI_DEVICE_ERROR : EFI_SUCCESS;
+    return fault_->next_call_fails() ? EFI_DEVICE_ERROR : EFI_SUCCESS;
 }
 
 EFI_STATUS ShellFiles::position(SHELL_FILE_HANDLE handle, std::uint64_t* position) {
@@ -451,7 +451,7 @@ EFI_STATUS ShellFiles::position(SHELL_FILE_HANDLE handle, std::uint64_t* positio
     if (file == nullptr) {
         return EFI_INVALID_PARAMETER;
     }
-    if (fault_->strikes()) {
+    if (fault_->next_call_fails()) {
         return EFI_DEVICE_ERROR;
     }
     *position = file->position;
@@ -464,7 +464,7 @@ EFI_STATUS ShellFiles::set_position(SHELL_FILE_HANDLE handle, std::uint64_t posi
     if (file == nullptr) {
         return EFI_INVALID_PARAMETER;
     }
-    if (fault_->strikes()) {
+    if (fault_->next_call_fails()) {
         return EFI_DEVICE_ERROR;
     }
     if (file->directory && position != 0) {
@@ -479,7 +479,7 @@ EFI_STATUS ShellFiles::size(SHELL_FILE_HANDLE handle, std::uint64_t* size) {
     if (file == nullptr) {
         return EFI_INVALID_PARAMETER;
     }
-    if (fault_->strikes()) {
+    if (fault_->next_call_fails()) {
         *size = 0x5A5A5A5A; // nobody promises what a failed call leaves
         return EFI_DEVICE_ERROR;
     }
@@ -489,7 +489,7 @@ EFI_STATUS ShellFiles::size(SHELL_FILE_HANDLE handle, std::uint64_t* size) {
 
 EFI_FILE_INFO* ShellFiles::info(SHELL_FILE_HANDLE handle) {
     OpenFile* file = find(handle);
-    if (file == nullptr || fault_->strikes()) {
+    if (file == nullptr || fault_->next_call_fails()) {
         return nullptr;
     }
     struct stat status {};
