@@ -106,20 +106,80 @@ std::vector<std::filesystem::path> inputs(const Options& options, const ImageFil
     return files;
 }
 
-/// Gives register accesses the time that the machine file says. For an estimate or a summary they
-/// take a typical one without it.
-/// @returns true when the machine file says one
-bool let_accesses_take_time(const Options& options, const MachineDescription& description,
-                            const Machine& machine, VirtualClock& clock) {
-    bool said = false;
-    for (std::size_t i = 0; i < description.adapters.size(); ++i) {
-        const std::optional<AccessTimes>& times = description.adapters[i].access_times;
-        said = said || times.has_value();
-        if (times || !options.estimate.empty() || options.summary) {
-            machine.adapter(i).take_time(clock, times.value_or(AccessTimes{}));
+/// What looks on while the program runs, and says at the end what it has seen.
+class Observers {
+  public:
+    /// @param inputs  files that the log and the trace must not replace
+    /// @throws support::InputError when one of their files is refused or cannot be written
+    Observers(const Options& options, const MachineDescription& description,
+              const std::vector<std::filesystem::path>& inputs, Machine& machine,
+              VirtualClock& clock)
+        : options_(&options), log_(options.log, inputs, machine.journal(), clock),
+          trace_(start_trace(options.trace, inputs, options.log, machine, clock)) {
+        if (options.summary) {
+            summary_.emplace(machine, clock);
+        }
+        const bool timed = let_accesses_take_time(description, machine, clock);
+        if (timed || !options.estimate.empty()) {
+            account_.emplace(machine, clock);
         }
     }
-    return said;
+
+    /// Prints and writes what there is to say.
+    /// @throws support::InputError when not all of a file was written
+    void finish() {
+        if (!options_->estimate.empty()) {
+            std::cout << (options_->estimate == "json" ? account_->json() : account_->text())
+                      << '\n';
+        } else if (account_) {
+            std::cerr << "qfu-emu: " << account_->text() << '\n';
+        }
+        if (summary_) {
+            std::cerr << summary_->text();
+        }
+        log_.finish();
+        if (trace_) {
+            trace_->finish("qfu-emu");
+        }
+    }
+
+  private:
+    /// Gives register accesses the time that the machine file says. For an estimate or a summary
+    /// they take a typical one without it.
+    /// @returns true when the machine file says one
+    bool let_accesses_take_time(const MachineDescription& description, const Machine& machine,
+                                VirtualClock& clock) const {
+        bool said = false;
+        for (std::size_t i = 0; i < description.adapters.size(); ++i) {
+            const std::optional<AccessTimes>& times = description.adapters[i].access_times;
+            said = said || times.has_value();
+            if (times || !options_->estimate.empty() || options_->summary) {
+                machine.adapter(i).take_time(clock, times.value_or(AccessTimes{}));
+            }
+        }
+        return said;
+    }
+
+    const Options* options_;
+    CycleLog log_;
+    std::optional<BusTrace> trace_;
+    std::optional<BusSummary> summary_;
+    std::optional<TimeAccount> account_;
+};
+
+/// Sets the firmware up as the options and the machine file want it.
+void prepare(Firmware& firmware, const Options& options, const MachineDescription& description,
+             const ImageFiles& images) {
+    if (options.estimate.empty()) {
+        firmware.terminal().on_output(
+            [](std::string_view text) { std::cout << text << std::flush; });
+    }
+    std::vector<std::filesystem::path> own = images.names();
+    own.emplace_back(options.machine);
+    firmware.files().protect(own);
+    for (const FirmwareFaultDescription& fault : description.firmware_faults) {
+        (firmware.faults().*call_named(fault.call)).fail(fault.nth, fault.times);
+    }
 }
 
 int run(const Options& options) {
@@ -128,48 +188,17 @@ int run(const Options& options) {
     ImageFiles images;
     const auto machine = build_machine(description, clock, images);
     machine->assign_bars();
-    CycleLog log(options.log, inputs(options, images), machine->journal(), clock);
-    auto trace = start_trace(options.trace, inputs(options, images), options.log, *machine, clock);
-    std::optional<BusSummary> summary;
-    if (options.summary) {
-        summary.emplace(*machine, clock);
-    }
+    Observers observers(options, description, inputs(options, images), *machine, clock);
     Firmware firmware(*machine, clock, options.folder);
-    firmware.terminal().on_output([&](std::string_view text) {
-        if (options.estimate.empty()) {
-            std::cout << text << std::flush;
-        }
-    });
-    const bool timed = let_accesses_take_time(options, description, *machine, clock);
-    std::optional<TimeAccount> account;
-    if (timed || !options.estimate.empty()) {
-        account.emplace(*machine, clock);
-    }
-    std::vector<std::filesystem::path> own = images.names();
-    own.emplace_back(options.machine);
-    firmware.files().protect(own);
+    prepare(firmware, options, description, images);
     std::optional<Keyboard> keyboard;
     press_keys(firmware.terminal(), options, keyboard);
     const CtrlC ctrl_c(firmware);
-    for (const FirmwareFaultDescription& fault : description.firmware_faults) {
-        (firmware.faults().*call_named(fault.call)).fail(fault.nth, fault.times);
-    }
     std::vector<std::string> arguments = {kCommandName};
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
     print_notes(firmware, description);
-    if (!options.estimate.empty()) {
-        std::cout << (options.estimate == "json" ? account->json() : account->text()) << '\n';
-    } else if (timed) {
-        std::cerr << "qfu-emu: " << account->text() << '\n';
-    }
-    if (summary) {
-        std::cerr << summary->text();
-    }
-    log.finish();
-    if (trace) {
-        trace->finish("qfu-emu");
-    }
+    observers.finish();
     images.expect_kept();
     support::finish_standard_output();
     return static_cast<int>(status & 0xFF);
