@@ -43,7 +43,7 @@ std::vector<std::filesystem::path> inputs(const Options& options, const ImageFil
     for (const std::string& word : options.guest.further) {
         files.emplace_back(word);
         const std::size_t name = word.find(kFile);
-        if (name != word.npos) {
+        if (name != std::string::npos) {
             files.emplace_back(
                 word.substr(name + kFile.size(), word.find(',', name) - name - kFile.size()));
         }

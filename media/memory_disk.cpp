@@ -18,11 +18,12 @@ std::uint8_t* bytes_of(EFI_LBA block, UINTN size) {
     return volume.bytes + block * kBlock;
 }
 
-EFI_STATUS EFIAPI reset(EFI_BLOCK_IO*, BOOLEAN) {
+EFI_STATUS EFIAPI reset(EFI_BLOCK_IO* /*disk*/, BOOLEAN /*extended*/) {
     return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI read_blocks(EFI_BLOCK_IO*, UINT32, EFI_LBA block, UINTN size, void* to) {
+EFI_STATUS EFIAPI read_blocks(EFI_BLOCK_IO* /*disk*/, UINT32 /*media_id*/, EFI_LBA block,
+                              UINTN size, void* to) {
     const std::uint8_t* from = bytes_of(block, size);
     if (from == nullptr) {
         return EFI_INVALID_PARAMETER;
@@ -31,7 +32,8 @@ EFI_STATUS EFIAPI read_blocks(EFI_BLOCK_IO*, UINT32, EFI_LBA block, UINTN size, 
     return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI write_blocks(EFI_BLOCK_IO*, UINT32, EFI_LBA block, UINTN size, void* from) {
+EFI_STATUS EFIAPI write_blocks(EFI_BLOCK_IO* /*disk*/, UINT32 /*media_id*/, EFI_LBA block,
+                               UINTN size, void* from) {
     std::uint8_t* to = bytes_of(block, size);
     if (to == nullptr) {
         return EFI_INVALID_PARAMETER;
@@ -40,7 +42,7 @@ EFI_STATUS EFIAPI write_blocks(EFI_BLOCK_IO*, UINT32, EFI_LBA block, UINTN size,
     return EFI_SUCCESS;
 }
 
-EFI_STATUS EFIAPI flush(EFI_BLOCK_IO*) {
+EFI_STATUS EFIAPI flush(EFI_BLOCK_IO* /*disk*/) {
     return EFI_SUCCESS;
 }
 

@@ -180,7 +180,7 @@ extern "C" EFI_STATUS EFIAPI starter_entry(EFI_HANDLE self, EFI_SYSTEM_TABLE* sy
     disk = carried_volume(*image);
     EFI_HANDLE device = image->DeviceHandle;
     auto* block_io = protocol_of<EFI_BLOCK_IO>(boot, device, block_io_guid);
-    if (disk.size == 0 && block_io != nullptr && block_io->Media->ReadOnly) {
+    if (disk.size == 0 && block_io != nullptr && block_io->Media->ReadOnly != FALSE) {
         print(system, u"qfu: the medium cannot be written; it is copied into memory.\r\n");
         disk = copy_volume(boot, *block_io);
         if (disk.size == 0) {

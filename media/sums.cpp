@@ -73,7 +73,7 @@ class Lines {
 
 /// One line of the list: a sum in hexadecimal, two spaces, a name.
 struct Entry {
-    std::array<std::uint8_t, kHexDigits> sum{};
+    std::array<char, kHexDigits> sum{};
     std::array<char16_t, kMostLetters + 1> name{};
     std::size_t letters = 0;
 };
@@ -81,8 +81,8 @@ struct Entry {
 /// @returns false at the end of the list
 bool read_entry(Lines& lines, Entry& entry) {
     entry = {};
-    for (std::uint8_t& digit : entry.sum) {
-        digit = lines.next();
+    for (char& digit : entry.sum) {
+        digit = static_cast<char>(lines.next());
     }
     lines.next();
     lines.next();

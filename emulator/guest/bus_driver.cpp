@@ -130,7 +130,7 @@ void turn_memory_on(RootBridge* bridge, UINT64 function) {
     bridge->Pci.Write(bridge, EfiPciIoWidthUint32, function | kCommand, 1, &command);
 }
 
-EFI_GUID kReadyToBoot = {
+EFI_GUID ready_to_boot_guid = {
     0x7ce88fb3, 0x4bd7, 0x4679, {0x87, 0xa8, 0xa8, 0xd8, 0xde, 0xe5, 0x0d, 0x2b}
 };
 
@@ -142,7 +142,7 @@ void EFIAPI before_boot(EFI_EVENT /*event*/, void* /*context*/) {
 EFI_STATUS turn_memory_on_before_boot() {
     EFI_EVENT event = nullptr;
     return driver.boot->CreateEventEx(EVT_NOTIFY_SIGNAL, TPL_CALLBACK, before_boot, nullptr,
-                                      &kReadyToBoot, &event);
+                                      &ready_to_boot_guid, &event);
 }
 
 /// Finds the shared memory on bus 0 and lets it answer.
@@ -156,6 +156,9 @@ bool find_mailbox(RootBridge* bridge) {
         const UINT64 registers = config_dword(bridge, function | 0x10) & ~0xFU;
         const UINT64 memory = UINT64{config_dword(bridge, function | 0x1C)} << 32 |
                               (config_dword(bridge, function | 0x18) & ~0xFU);
+        if (registers == 0 || memory == 0) {
+            return false; // firmware had no room for it
+        }
         driver.doorbell =
             reinterpret_cast<volatile UINT32*>(registers + emulator::mailbox::kDoorbell);
         driver.mailbox = reinterpret_cast<Mailbox*>(memory);
@@ -167,13 +170,13 @@ bool find_mailbox(RootBridge* bridge) {
 }
 
 /// On the image's handle when a driver stands in front of it already.
-EFI_GUID kInFront = {
+EFI_GUID in_front_guid = {
     0x5d1f6a0c, 0x52c7, 0x4f0e, {0x9b, 0x5e, 0x0f, 0x2e, 0x61, 0x2a, 0x7d, 0x94}
 };
 
 bool is_in_front() {
     void* found = nullptr;
-    return driver.boot->LocateProtocol(&kInFront, nullptr, &found) == EFI_SUCCESS;
+    return driver.boot->LocateProtocol(&in_front_guid, nullptr, &found) == EFI_SUCCESS;
 }
 
 } // namespace
@@ -200,8 +203,8 @@ extern "C" EFI_STATUS EFIAPI bus_driver_entry(EFI_HANDLE image, EFI_SYSTEM_TABLE
     if (is_in_front()) {
         return EFI_ALREADY_STARTED;
     }
-    status =
-        driver.boot->InstallProtocolInterface(&image, &kInFront, EFI_NATIVE_INTERFACE, nullptr);
+    status = driver.boot->InstallProtocolInterface(&image, &in_front_guid, EFI_NATIVE_INTERFACE,
+                                                   nullptr);
     if (status != EFI_SUCCESS) {
         return status;
     }

@@ -84,7 +84,7 @@ class Encoder {
 /// The lengths of the runs of equal bits of a stream, in order; the last run and the first are one.
 std::vector<std::size_t> run_lengths(const Bits& bits) {
     const std::size_t first = bits.find(bits.front() == '1' ? '0' : '1');
-    if (first == bits.npos) {
+    if (first == std::string::npos) {
         return {};
     }
     std::vector<std::size_t> runs;

@@ -352,7 +352,7 @@ void SpiChip::program(const SpiTransfer& transfer) {
     change_.start(contents_, be_busy(times_.program_us));
     for (std::size_t i = 0; i < data.size(); ++i) {
         // The address wraps inside its page.
-        program_byte(start / page * page + (start + i) % page, data[i]);
+        program_byte(std::size_t{start} / page * page + (start + i) % page, data[i]);
     }
 }
 

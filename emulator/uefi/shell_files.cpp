@@ -55,10 +55,11 @@ bool same_name(std::string_view a, std::string_view b) {
 }
 
 bool has_wildcard(std::string_view name) {
-    return name.find_first_of("*?[") != name.npos;
+    return name.find_first_of("*?[") != std::string_view::npos;
 }
 
 /// The shell's patterns: "*", "?" and "[set]", in any case of letters.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the two are long
 bool matches_pattern(std::string_view name, std::string_view pattern) {
     if (pattern.empty()) {
         return name.empty();
@@ -70,8 +71,8 @@ bool matches_pattern(std::string_view name, std::string_view pattern) {
     if (name.empty()) {
         return false;
     }
-    const std::size_t set_end = pattern[0] == '[' ? pattern.find(']') : pattern.npos;
-    if (set_end != pattern.npos) {
+    const std::size_t set_end = pattern[0] == '[' ? pattern.find(']') : std::string_view::npos;
+    if (set_end != std::string_view::npos) {
         const std::string_view set = pattern.substr(1, set_end - 1);
         const bool in_set =
             std::ranges::any_of(set, [&](char c) { return lower(c) == lower(name[0]); });
@@ -85,25 +86,25 @@ bool matches_pattern(std::string_view name, std::string_view pattern) {
 /// relative path takes nothing away.
 std::string clean(std::string path) {
     std::ranges::replace(path, '/', '\\');
-    for (std::size_t at = path.find("\\.\\"); at != path.npos; at = path.find("\\.\\")) {
+    for (std::size_t at = path.find("\\.\\"); at != std::string::npos; at = path.find("\\.\\")) {
         path.erase(at, 2);
     }
     if (path.ends_with("\\.")) {
         path.pop_back();
     }
-    for (std::size_t at = path.find("\\.."); at != path.npos; at = path.find("\\..")) {
+    for (std::size_t at = path.find("\\.."); at != std::string::npos; at = path.find("\\..")) {
         const std::string rest = path.substr(std::min(at + 4, path.size()));
         if (at + 3 < path.size() && path[at + 3] != '\\') {
             break;
         }
         path.erase(at + 1);
-        const std::size_t slash = at == 0 ? path.npos : path.rfind('\\', at - 1);
-        if (slash != path.npos) {
+        const std::size_t slash = at == 0 ? std::string::npos : path.rfind('\\', at - 1);
+        if (slash != std::string::npos) {
             path.erase(slash + 1);
         }
         path += rest;
     }
-    for (std::size_t at = path.find("\\\\"); at != path.npos; at = path.find("\\\\")) {
+    for (std::size_t at = path.find("\\\\"); at != std::string::npos; at = path.find("\\\\")) {
         path.erase(at, 1);
     }
     return path;
@@ -289,7 +290,7 @@ EFI_STATUS ShellFiles::open_list(CHAR16* path, std::uint64_t mode, EFI_SHELL_FIL
     const std::string name = clean(narrow(path));
     std::ranges::copy(widen(name), path);
     const std::size_t colon = name.find(':');
-    if (colon != name.npos && !same_name(name.substr(0, colon + 1), kVolume)) {
+    if (colon != std::string_view::npos && !same_name(name.substr(0, colon + 1), kVolume)) {
         return EFI_INVALID_PARAMETER;
     }
     const std::vector<std::string> found = matches(absolute(name));
@@ -347,7 +348,7 @@ EFI_STATUS ShellFiles::open_by_name(const CHAR16* name, std::uint64_t mode,
     }
     const std::string path = clean(narrow(name));
     const std::size_t colon = path.find(':');
-    if (colon != path.npos && !same_name(path.substr(0, colon + 1), kVolume)) {
+    if (colon != std::string::npos && !same_name(path.substr(0, colon + 1), kVolume)) {
         return EFI_NOT_FOUND;
     }
     return open(absolute(path), mode, handle);

@@ -28,21 +28,21 @@ class QFU_FORMAT_ARGUMENT {
   public:
     template <std::integral Integer>
     constexpr QFU_FORMAT_ARGUMENT(Integer value)
-        : kind_(KIND::NUMBER), number_(static_cast<std::uint64_t>(value)) {}
-    constexpr QFU_FORMAT_ARGUMENT(const char* text) : kind_(KIND::TEXT), text_(text) {}
+        : kind_(Kind::NUMBER), number_(static_cast<std::uint64_t>(value)) {}
+    constexpr QFU_FORMAT_ARGUMENT(const char* text) : kind_(Kind::TEXT), text_(text) {}
     constexpr QFU_FORMAT_ARGUMENT(std::uint32_t* counter)
-        : kind_(KIND::COUNTER), counter_(counter) {}
+        : kind_(Kind::COUNTER), counter_(counter) {}
     QFU_FORMAT_ARGUMENT(const void* address)
-        : kind_(KIND::NUMBER), number_(reinterpret_cast<std::uintptr_t>(address)) {}
+        : kind_(Kind::NUMBER), number_(reinterpret_cast<std::uintptr_t>(address)) {}
 
-    constexpr std::uint64_t number() const { return kind_ == KIND::NUMBER ? number_ : 0; }
-    constexpr const char* text() const { return kind_ == KIND::TEXT ? text_ : nullptr; }
-    constexpr std::uint32_t* counter() const { return kind_ == KIND::COUNTER ? counter_ : nullptr; }
+    constexpr std::uint64_t number() const { return kind_ == Kind::NUMBER ? number_ : 0; }
+    constexpr const char* text() const { return kind_ == Kind::TEXT ? text_ : nullptr; }
+    constexpr std::uint32_t* counter() const { return kind_ == Kind::COUNTER ? counter_ : nullptr; }
 
   private:
-    enum class KIND : std::uint8_t { NUMBER, TEXT, COUNTER };
+    enum class Kind : std::uint8_t { NUMBER, TEXT, COUNTER };
 
-    KIND kind_;
+    Kind kind_;
     union {
         std::uint64_t number_;
         const char* text_;
