@@ -22,8 +22,11 @@ extern "C" int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
     GTEST_FLAG_SET(break_on_failure, true);
     // It breaks with a trap, at which the fuzzer would end without keeping the input.
     std::signal(SIGTRAP, [](int) { std::abort(); });
-    std::string own = (fs::temp_directory_path() / "qfu-fuzz-XXXXXX").string();
+    // No disk is waited for.
+    const fs::path place = fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path();
+    static std::string own = (place / "qfu-fuzz-XXXXXX").string();
     setenv("TMPDIR", mkdtemp(own.data()), 1);
+    std::atexit([] { fs::remove_all(own); });
     return 0;
 }
 
