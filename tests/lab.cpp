@@ -185,16 +185,6 @@ Probed::Probed(int flash_if, std::string_view part, BusyTimes times)
 Probed::Probed(std::uint16_t device, std::string_view part)
     : chip(lab.chip(lab.adapter(device), part, kNeverBusy)) {}
 
-std::string expected(const std::string& name) {
-    std::ifstream file(QFU_SOURCE_DIR "/tests/expected/" + name + ".txt");
-    EXPECT_TRUE(file) << name;
-    std::string result;
-    for (std::string line; std::getline(file, line);) {
-        result += line.starts_with('#') ? "" : line + "\n";
-    }
-    return result;
-}
-
 const Bytes& shipped_chip_list() {
     static const Bytes list = [] {
         std::ifstream in(QFU_SOURCE_DIR "/build/spilist.bin", std::ios::binary);

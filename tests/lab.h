@@ -152,9 +152,6 @@ class Probed : public Discovered {
     emulator::SpiChip& chip;
 };
 
-/// The lines of a file in the folder "expected", without comments.
-std::string expected(const std::string& name);
-
 /// The chip list that is built from the shipped source.
 const Bytes& shipped_chip_list();
 
