@@ -174,6 +174,17 @@ std::uint64_t size_of(const OpenFile& file) {
     return static_cast<std::uint64_t>(status.st_size);
 }
 
+/// A path as it is from the root of the volume; there is one folder to start from, the root.
+std::string absolute(std::string path) {
+    if (path.size() >= kVolume.size() && same_name(path.substr(0, kVolume.size()), kVolume)) {
+        path.erase(0, kVolume.size());
+    } else if (path.empty() || path[0] != '\\') {
+        path.insert(0, "\\");
+    }
+    path = clean(path);
+    return path.empty() || path[0] != '\\' ? "\\" + path : path;
+}
+
 } // namespace
 
 ShellFiles::ShellFiles(std::filesystem::path folder, MemoryPool& pool, Journal& journal,
@@ -196,16 +207,6 @@ std::string ShellFiles::narrow(const CHAR16* name) const {
         result.push_back(static_cast<char>(*name & 0xFF));
     }
     return result;
-}
-
-std::string ShellFiles::absolute(std::string path) const {
-    if (path.size() >= kVolume.size() && same_name(path.substr(0, kVolume.size()), kVolume)) {
-        path.erase(0, kVolume.size());
-    } else if (path.empty() || path[0] != '\\') {
-        path.insert(0, "\\");
-    }
-    path = clean(path);
-    return path.empty() || path[0] != '\\' ? "\\" + path : path;
 }
 
 std::filesystem::path ShellFiles::host_path(const std::string& volume_path) const {

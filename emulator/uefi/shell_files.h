@@ -53,7 +53,6 @@ class ShellFiles {
     struct List;
 
     std::string narrow(const CHAR16* name) const;
-    std::string absolute(std::string path) const;
     std::filesystem::path host_path(const std::string& volume_path) const;
     std::vector<std::string> matches(const std::string& pattern) const;
     EFI_STATUS open(const std::string& volume_path, std::uint64_t mode, SHELL_FILE_HANDLE* handle);
