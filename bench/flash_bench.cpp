@@ -1,8 +1,8 @@
 // Register accesses and speed of the main job: erase, program and verify, on hardware that is never
 // busy.
-#include "image.h"
-#include "in_process.h"
-#include "source.h"
+#include "emulator/in_process.h"
+#include "spilist/image.h"
+#include "spilist/source.h"
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>
@@ -44,7 +44,7 @@ void program_and_verify(benchmark::State& state, const Subject& subject) {
     std::string name = (std::filesystem::temp_directory_path() / "qfu-bench-XXXXXX").string();
     const std::filesystem::path folder = mkdtemp(name.data());
     write(folder / "spilist.bin",
-          chiplist::encode(chiplist::read_source(QFU_SOURCE_DIR "/chiplist/chips.toml")));
+          spilist::encode(spilist::read_source(QFU_SOURCE_DIR "/spilist/chips.toml")));
     write(folder / "image.bin", random_bytes(subject.size));
     VirtualClock clock;
     Machine machine(clock);

@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include "observe/bus_trace.h"
 #include "support/arguments.h"
 #include "support/nearest_word.h"
 #include "support/output_file.h"
@@ -26,17 +27,20 @@ std::string is_time(const std::string& text) {
 
 } // namespace
 
-void TraceOptions::add_to(const support::Arguments& arguments) {
+void add_trace_options(const support::Arguments& arguments, TraceOptions& options) {
     const support::Option trace = arguments.option(
-        "--trace", file,
-        "VCD file that receives the signals of SPI chips, for PulseView and GTKWave; registers and "
+        "--trace", options.file,
+        "VCD file that receives the signals of SPI chips, for PulseView and GTKWave; "
+        "registers and "
         "parallel chips go to a second file, x.registers.vcd beside x.vcd");
     arguments
-        .option("--trace-from", from_seconds,
+        .option("--trace-from", options.from_seconds,
                 "trace from this time on, in seconds since the start, as in --log")
         .check(is_time)
         .needs(trace);
-    arguments.option("--trace-to", to_seconds, "trace up to this time").check(is_time).needs(trace);
+    arguments.option("--trace-to", options.to_seconds, "trace up to this time")
+        .check(is_time)
+        .needs(trace);
 }
 
 CommandLine::CommandLine(int argc, const char* const* argv) {

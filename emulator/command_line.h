@@ -20,15 +20,10 @@ struct CommandLine {
     CommandLine(int argc, const char* const* argv);
 };
 
-/// What is traced, from the command line.
-struct TraceOptions {
-    std::string file;         ///< empty: nothing
-    double from_seconds = 0;  ///< since the start
-    double to_seconds = 1e12; ///< not included
+struct TraceOptions;
 
-    /// Adds --trace, --trace-from and --trace-to.
-    void add_to(const support::Arguments& arguments);
-};
+/// Adds --trace, --trace-from and --trace-to.
+void add_trace_options(const support::Arguments& arguments, TraceOptions& options);
 
 /// Exit status of a program that cannot do what it was asked for.
 inline constexpr int kCannotRun = 2;

@@ -1,6 +1,6 @@
 #include "in_process.h"
 
-#include "main.h"
+#include "qfu/main.h"
 
 namespace emulator {
 

@@ -1,17 +1,17 @@
 // The program in a Linux process, on an emulated machine.
-#include "bus_summary.h"
-#include "bus_trace.h"
 #include "command_line.h"
 #include "in_process.h"
 #include "keyboard.h"
-#include "known.h"
-#include "machine_file.h"
-#include "report.h"
+#include "machine/list_command.h"
+#include "machine/machine_file.h"
+#include "observe/bus_summary.h"
+#include "observe/bus_trace.h"
+#include "observe/report.h"
+#include "observe/time_account.h"
 #include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/nearest_word.h"
 #include "support/version.h"
-#include "time_account.h"
 
 #include <algorithm>
 #include <atomic>
@@ -30,7 +30,7 @@ struct Options {
     TraceOptions trace;
     std::string estimate; ///< "text" or "json": that, in place of the console
     bool summary = false;
-    std::string things; ///< what to list, instead of a run
+    std::string topic; ///< what to list, in place of a run
     std::vector<std::string> arguments;
 };
 
@@ -205,13 +205,13 @@ int run(const Options& options) {
 }
 
 int list(const std::string& wanted) {
-    const auto* things = std::ranges::find(kKnownThings, wanted, &KnownThings::name);
-    if (things == kKnownThings.end()) {
+    const auto* topic = std::ranges::find(kListTopics, wanted, &ListTopic::name);
+    if (topic == kListTopics.end()) {
         std::vector<std::string_view> names;
-        std::ranges::transform(kKnownThings, std::back_inserter(names), &KnownThings::name);
+        std::ranges::transform(kListTopics, std::back_inserter(names), &ListTopic::name);
         throw support::InputError(support::unknown_word("list", wanted, names));
     }
-    things->print();
+    topic->print();
     support::finish_standard_output();
     return 0;
 }
@@ -236,7 +236,7 @@ int main(int argc, char** argv) try {
         .existing_folder();
     arguments.option("--log", options.log,
                      "file that receives what happens on the flash bus and in the PHY test block");
-    options.trace.add_to(arguments);
+    add_trace_options(arguments, options.trace);
     arguments
         .option("--estimate", options.estimate,
                 "print how long the run would take on hardware and where the time would go, as "
@@ -246,10 +246,11 @@ int main(int argc, char** argv) try {
         "--summary", options.summary,
         "print at the end, on standard error, which operations ran on the flash bus, how "
         "often and how long");
-    const support::Command known = arguments.command("list", "print what machine files can name");
-    known.option("things", options.things, "parts, adapters or faults");
-    known.usage("Usage: qfu-emu list parts|adapters|faults");
-    known.footer("Example:\n  qfu-emu list parts");
+    const support::Command list_command =
+        arguments.command("list", "print what machine files can name");
+    list_command.option("things", options.topic, "parts, adapters or faults");
+    list_command.usage("Usage: qfu-emu list parts|adapters|faults");
+    list_command.footer("Example:\n  qfu-emu list parts");
     arguments.footer(
         "Examples:\n"
         "  qfu-emu --machine emulator/machines/indexed.toml --dir work -- -l\n"
@@ -263,8 +264,8 @@ int main(int argc, char** argv) try {
     if (const auto status = read_command_line(arguments, line, "qfu-emu --machine FILE -- -l")) {
         return *status;
     }
-    if (known.was_given()) {
-        return list(options.things);
+    if (list_command.was_given()) {
+        return list(options.topic);
     }
     if (options.machine.empty()) {
         throw support::InputError("--machine is missing; \"qfu-emu --help\" tells more");

@@ -1,9 +1,9 @@
 // Runs QEMU with a machine file's adapters in the guest.
-#include "bus_trace.h"
 #include "command_line.h"
 #include "guest/launcher.h"
-#include "machine_file.h"
-#include "report.h"
+#include "machine/machine_file.h"
+#include "observe/bus_trace.h"
+#include "observe/report.h"
 #include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/version.h"
@@ -118,7 +118,7 @@ int main(int argc, char** argv) try {
                      "firmware to start; without it load the driver in the shell");
     arguments.option("--log", options.log,
                      "file that receives what happens on the flash bus and in the PHY test block");
-    options.trace.add_to(arguments);
+    add_trace_options(arguments, options.trace);
     arguments.footer("Example:\n"
                      "  qfu-qemu --machine emulator/machines/indexed.toml --disk volume.img\n"
                      "Words after \"--\" are added to QEMU's command line.\n"

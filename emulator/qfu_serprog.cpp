@@ -1,7 +1,7 @@
 // Serves one emulated serial flash chip to flashrom and others that speak serprog.
 #include "command_line.h"
-#include "image_files.h"
-#include "report.h"
+#include "machine/image_files.h"
+#include "observe/report.h"
 #include "serprog.h"
 #include "support/arguments.h"
 #include "support/input_error.h"

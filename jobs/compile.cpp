@@ -1,6 +1,6 @@
 #include "compile.h"
 
-#include "discover.h"
+#include "qfu/discover.h"
 
 #include <cstdio>
 

@@ -1,8 +1,8 @@
 #include "job.h"
 
-#include "chip_list.h"
-#include "discover.h"
-#include "source.h"
+#include "qfu/discover.h"
+#include "spilist/chip_list.h"
+#include "spilist/source.h"
 #include "support/nearest_word.h"
 #include "support/sha256.h"
 #include "support/table_reader.h"
@@ -169,10 +169,10 @@ void read_range(TableReader& reader, std::uint32_t largest_chip, AdapterJob& ada
     std::uint32_t size = largest_chip;
     std::string chip = "the largest chip that qfu knows";
     if (reader.has("chip")) {
-        adapter.chip_size = chiplist::parse_size(reader.text("chip"));
+        adapter.chip_size = spilist::parse_size(reader.text("chip"));
         if (!adapter.chip_size || *adapter.chip_size == 0 || *adapter.chip_size > largest_chip) {
             reader.fail("chip", "must be the chip's size like \"512K\" or \"4M\", at most " +
-                                    chiplist::size_text(largest_chip));
+                                    spilist::size_text(largest_chip));
         }
         size = *adapter.chip_size;
         chip = "the chip";

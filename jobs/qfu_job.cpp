@@ -2,7 +2,7 @@
 #include "compile.h"
 #include "job.h"
 #include "results.h"
-#include "source.h"
+#include "spilist/source.h"
 #include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/output_file.h"
@@ -36,7 +36,7 @@ struct Options {
 
 Job load(const Options& options) {
     std::uint32_t largest = kLargestNorChip;
-    for (const chiplist::Chip& chip : chiplist::read_source(options.chips).chips) {
+    for (const spilist::Chip& chip : spilist::read_source(options.chips).chips) {
         largest = std::max(largest, chip.entry.whole_size);
     }
     return load_job(options.folder, largest);
@@ -110,7 +110,7 @@ int run(int argc, char** argv) {
     arguments.require_command();
     arguments.version(support::version_line("qfu-job"));
     arguments.footer("Examples:\n"
-                     "  qfu-job check jobs/line-3 --chips chiplist/chips.toml\n"
+                     "  qfu-job check jobs/line-3 --chips spilist/chips.toml\n"
                      "  qfu-job results *.log --expect machines.toml\n"
                      "\"qfu-job COMMAND --help\" says more about a command.");
     Options options;

@@ -1,7 +1,7 @@
 // Writes qfu.man, which the UEFI shell prints for "qfu -?" and "help qfu", from the program's own
 // texts.
-#include "help.h"
-#include "phy_test.h"
+#include "qfu/help.h"
+#include "qfu/phy_test.h"
 
 #include <fstream>
 #include <iostream>

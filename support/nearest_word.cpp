@@ -1,4 +1,4 @@
-#include "support/nearest_word.h"
+#include "nearest_word.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,6 @@
-#include "support/output_file.h"
+#include "output_file.h"
 
-#include "support/input_error.h"
+#include "input_error.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,6 @@
-#include "support/table_reader.h"
+#include "table_reader.h"
 
-#include "support/nearest_word.h"
+#include "nearest_word.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,7 +1,7 @@
 // TOML files that people write by hand, read strictly.
 #pragma once
 
-#include "support/input_error.h"
+#include "input_error.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,12 +1,12 @@
 // Every record of the shipped lists serves its chip: a part built from the data sheet, not from the
 // record, goes through the whole program, and through the two operations of the driver that no
 // command reaches.
-#include "adapter.h"
-#include "chip_list.h"
-#include "image.h"
 #include "lab.h"
-#include "source.h"
-#include "spi_flash.h"
+#include "qfu/adapter.h"
+#include "qfu/spi_flash.h"
+#include "spilist/chip_list.h"
+#include "spilist/image.h"
+#include "spilist/source.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -14,20 +14,20 @@
 namespace {
 
 using namespace emulator;
-using chiplist::ChipList;
 using lab::Bytes;
 using lab::Probed;
+using spilist::ChipList;
 
 constexpr std::uint32_t kFastUnit = 64 * 1024;
 
 ChipList shipped_source() {
-    return chiplist::read_source(QFU_SOURCE_DIR "/chiplist/chips.toml");
+    return spilist::read_source(QFU_SOURCE_DIR "/spilist/chips.toml");
 }
 
 ChipList shipped_list(bool fast) {
     ChipList list = shipped_source();
     if (fast) {
-        chiplist::use_erase_unit(list, kFastUnit);
+        spilist::use_erase_unit(list, kFastUnit);
     }
     return list;
 }
@@ -35,7 +35,7 @@ ChipList shipped_list(bool fast) {
 /// A list with the record for that part alone.
 ChipList record_of(const ChipList& list, std::string_view part) {
     ChipList one = list;
-    std::erase_if(one.chips, [&](const chiplist::Chip& chip) {
+    std::erase_if(one.chips, [&](const spilist::Chip& chip) {
         return std::ranges::find(chip.parts, part) == chip.parts.end();
     });
     return one;
@@ -51,7 +51,7 @@ class Exercise {
     Exercise(int flash_if, const SpiPart& part, const ChipList& list)
         : probed_(flash_if, part.name), chip_(probed_.chip), part_(part) {
         probed_.lab.stop_listening();
-        probed_.lab.write_file("spilist.bin", chiplist::encode(list));
+        probed_.lab.write_file("spilist.bin", spilist::encode(list));
     }
 
     /// Protection that the program cannot lift is lifted at the chip.
@@ -202,7 +202,7 @@ class Exercise {
 constexpr int kKinds[] = {1, 2, 4};
 
 /// The part of that name or one that shares its record.
-const SpiPart* part_of(const chiplist::Chip& chip) {
+const SpiPart* part_of(const spilist::Chip& chip) {
     for (const std::string& name : chip.parts) {
         if (const SpiPart* part = find_spi_part(name)) {
             return part;
@@ -218,7 +218,7 @@ bool stays_protected(std::string_view part) {
 }
 
 void exercise_every_record(const ChipList& list, int turn) {
-    for (const chiplist::Chip& chip : list.chips) {
+    for (const spilist::Chip& chip : list.chips) {
         SCOPED_TRACE(chip.parts.front());
         const SpiPart* part = part_of(chip);
         ASSERT_NE(part, nullptr) << "the emulator has no such part";
@@ -250,7 +250,7 @@ TEST(ShippedList, DoesNotServeAPartWithAWrongOpcode) {
     constexpr std::uint8_t kUnknown = 0xEE;
     const SpiPart& part = *find_spi_part("W25X40");
     const ChipList right = record_of(shipped_list(false), part.name);
-    for (const chiplist::OpcodeField& field : chiplist::kOpcodeFields) {
+    for (const spilist::OpcodeField& field : spilist::kOpcodeFields) {
         ChipList wrong = right;
         wrong.chips[0].entry.*field.value = kUnknown;
         EXPECT_NE(Exercise(4, part, wrong).run(), std::vector<std::string>{}) << field.name;

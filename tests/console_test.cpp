@@ -1,7 +1,7 @@
-#include "console.h"
+#include "qfu/console.h"
 
 #include "lab.h"
-#include "platform/system.h"
+#include "qfu/platform/system.h"
 
 #include <gtest/gtest.h>
 

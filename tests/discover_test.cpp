@@ -1,8 +1,8 @@
 // What no machine file describes: functions where nobody looks, and more adapters than are served.
-#include "discover.h"
+#include "qfu/discover.h"
 
-#include "context.h"
 #include "lab.h"
+#include "qfu/context.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The firmware's and the machine files' own promises, where the program's tests do not show them.
 #include "lab.h"
-#include "machine_file.h"
+#include "machine/machine_file.h"
 #include "support/input_error.h"
 
 #include <fstream>

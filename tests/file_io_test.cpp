@@ -1,5 +1,5 @@
 // File calls that no command makes. Sessions have those that one makes.
-#include "file_io.h"
+#include "qfu/file_io.h"
 
 #include "lab.h"
 

@@ -1,4 +1,4 @@
-#include "flash_cmd.h"
+#include "qfu/flash_cmd.h"
 
 #include "lab.h"
 

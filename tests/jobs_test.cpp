@@ -1,7 +1,7 @@
 // Jobs as people write them, and what machines say about them.
-#include "job.h"
+#include "jobs/job.h"
+#include "jobs/results.h"
 #include "lab.h"
-#include "results.h"
 #include "support/input_error.h"
 #include "support/sha256.h"
 

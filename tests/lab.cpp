@@ -1,8 +1,8 @@
 #include "lab.h"
 
-#include "console.h"
-#include "discover.h"
-#include "platform/system.h"
+#include "qfu/console.h"
+#include "qfu/discover.h"
+#include "qfu/platform/system.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,8 +1,8 @@
 // A bench for the program: a machine, a folder of files, and runs of the program on them.
 #pragma once
 
-#include "context.h"
-#include "in_process.h"
+#include "emulator/in_process.h"
+#include "qfu/context.h"
 #include "scratch_folder.h"
 
 #include <cstdint>

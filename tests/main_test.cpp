@@ -1,11 +1,11 @@
 // What no session can show of the program's start: the shell takes some of it, and some of it
 // nothing calls.
-#include "main.h"
+#include "qfu/main.h"
 
-#include "context.h"
-#include "help.h"
 #include "lab.h"
-#include "platform/shell.h"
+#include "qfu/context.h"
+#include "qfu/help.h"
+#include "qfu/platform/shell.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "phy_test.h"
+#include "qfu/phy_test.h"
 
-#include "discover.h"
 #include "lab.h"
+#include "qfu/discover.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

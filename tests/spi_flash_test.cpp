@@ -1,8 +1,8 @@
 // What no command line reaches: block erases, answers that no chip gives, slots without a chip.
-#include "spi_flash.h"
+#include "qfu/spi_flash.h"
 
-#include "image.h"
 #include "lab.h"
+#include "spilist/image.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "spi_list.h"
+#include "qfu/spi_list.h"
 
 #include "lab.h"
 

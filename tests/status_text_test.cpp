@@ -1,4 +1,4 @@
-#include "status_text.h"
+#include "qfu/status_text.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

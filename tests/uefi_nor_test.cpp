@@ -1,7 +1,7 @@
-#include "uefi_nor.h"
+#include "qfu/uefi_nor.h"
 
-#include "context.h"
 #include "lab.h"
+#include "qfu/context.h"
 
 #include <gtest/gtest.h>
 

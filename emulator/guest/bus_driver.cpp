@@ -1,7 +1,7 @@
 // A boot-service driver for guests whose QEMU cannot put an adapter of another process on the bus.
 // It stands in front of the firmware's PCI root bridge and sends the adapters' configuration and
 // memory cycles through a mailbox. Load it before the program.
-#include "guest/mailbox.h"
+#include "mailbox.h"
 #include "uefi/efi.h"
 
 namespace {

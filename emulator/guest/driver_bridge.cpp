@@ -1,6 +1,6 @@
-#include "guest/driver_bridge.h"
+#include "driver_bridge.h"
 
-#include "guest/mailbox.h"
+#include "mailbox.h"
 #include "support/input_error.h"
 
 #include <algorithm>

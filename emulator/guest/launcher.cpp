@@ -1,6 +1,6 @@
-#include "guest/launcher.h"
+#include "launcher.h"
 
-#include "guest/driver_bridge.h"
+#include "driver_bridge.h"
 #include "qemu_bridge.h"
 #include "support/input_error.h"
 

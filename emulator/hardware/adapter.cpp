@@ -1,6 +1,6 @@
-#include "hardware/adapter.h"
+#include "adapter.h"
 
-#include "hardware/units.h"
+#include "units.h"
 
 #include <array>
 #include <utility>

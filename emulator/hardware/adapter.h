@@ -1,13 +1,13 @@
 // An adapter: a PCI function with flash controllers behind its BARs.
 #pragma once
 
-#include "hardware/clock.h"
-#include "hardware/journal.h"
-#include "hardware/nor_controller.h"
-#include "hardware/pci_function.h"
-#include "hardware/phy_block.h"
-#include "hardware/power.h"
-#include "hardware/spi_controller.h"
+#include "clock.h"
+#include "journal.h"
+#include "nor_controller.h"
+#include "pci_function.h"
+#include "phy_block.h"
+#include "power.h"
+#include "spi_controller.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,7 +1,7 @@
 // Where a logic analyser is connected.
 #pragma once
 
-#include "hardware/fault.h"
+#include "fault.h"
 
 #include <cstdint>
 #include <string_view>

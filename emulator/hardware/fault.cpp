@@ -1,4 +1,4 @@
-#include "hardware/fault.h"
+#include "fault.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "hardware/journal.h"
+#include "journal.h"
 
 #include <array>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // What hardware has to tell about its treatment.
 #pragma once
 
-#include "hardware/bus_probe.h"
+#include "bus_probe.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "hardware/machine.h"
+#include "machine.h"
 
 #include <string>
 

@@ -1,9 +1,9 @@
 // A machine's PCI hardware: adapters on buses, and the cycles that reach them.
 #pragma once
 
-#include "hardware/adapter.h"
-#include "hardware/clock.h"
-#include "hardware/journal.h"
+#include "adapter.h"
+#include "clock.h"
+#include "journal.h"
 
 #include <cstdint>
 #include <memory>

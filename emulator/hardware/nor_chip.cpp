@@ -1,4 +1,4 @@
-#include "hardware/nor_chip.h"
+#include "nor_chip.h"
 
 #include <algorithm>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "hardware/nor_controller.h"
+#include "nor_controller.h"
 
 #include <utility>
 

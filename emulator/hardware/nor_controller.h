@@ -1,9 +1,9 @@
 // The NOR flash controller of an adapter: sequences of bus cycles, and the flash window.
 #pragma once
 
-#include "hardware/clock.h"
-#include "hardware/journal.h"
-#include "hardware/nor_chip.h"
+#include "clock.h"
+#include "journal.h"
+#include "nor_chip.h"
 
 #include <array>
 #include <cstdint>

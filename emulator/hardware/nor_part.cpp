@@ -1,6 +1,6 @@
-#include "hardware/nor_part.h"
+#include "nor_part.h"
 
-#include "hardware/units.h"
+#include "units.h"
 
 namespace emulator {
 namespace {

@@ -1,4 +1,4 @@
-#include "hardware/pci_function.h"
+#include "pci_function.h"
 
 namespace emulator {
 namespace {

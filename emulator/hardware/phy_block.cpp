@@ -1,6 +1,6 @@
-#include "hardware/phy_block.h"
+#include "phy_block.h"
 
-#include "hardware/phy_pattern.h"
+#include "phy_pattern.h"
 
 #include <algorithm>
 #include <iterator>

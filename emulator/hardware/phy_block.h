@@ -1,8 +1,8 @@
 // The SATA PHY test block of an adapter: pattern generators and checkers behind index/data pairs.
 #pragma once
 
-#include "hardware/clock.h"
-#include "hardware/journal.h"
+#include "clock.h"
+#include "journal.h"
 
 #include <array>
 #include <cstdint>

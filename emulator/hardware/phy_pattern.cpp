@@ -1,4 +1,4 @@
-#include "hardware/phy_pattern.h"
+#include "phy_pattern.h"
 
 #include <algorithm>
 #include <array>

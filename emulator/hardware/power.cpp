@@ -1,4 +1,4 @@
-#include "hardware/power.h"
+#include "power.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // An adapter's power: when it goes, and when it comes back.
 #pragma once
 
-#include "hardware/clock.h"
+#include "clock.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "hardware/spi_chip.h"
+#include "spi_chip.h"
 
 #include <algorithm>
 #include <utility>

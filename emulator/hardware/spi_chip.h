@@ -1,12 +1,12 @@
 // A serial flash chip: what silicon does with each chip-select period.
 #pragma once
 
-#include "hardware/busy_times.h"
-#include "hardware/clock.h"
-#include "hardware/fault.h"
-#include "hardware/journal.h"
-#include "hardware/spi_part.h"
-#include "hardware/unfinished_change.h"
+#include "busy_times.h"
+#include "clock.h"
+#include "fault.h"
+#include "journal.h"
+#include "spi_part.h"
+#include "unfinished_change.h"
 
 #include <array>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "hardware/spi_controller.h"
+#include "spi_controller.h"
 
 #include <array>
 #include <bit>

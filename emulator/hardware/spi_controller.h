@@ -1,9 +1,9 @@
 // The SPI flash controllers inside an adapter, register by register.
 #pragma once
 
-#include "hardware/clock.h"
-#include "hardware/journal.h"
-#include "hardware/spi_chip.h"
+#include "clock.h"
+#include "journal.h"
+#include "spi_chip.h"
 
 #include <cstdint>
 #include <memory>

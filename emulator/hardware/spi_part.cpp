@@ -1,6 +1,6 @@
-#include "hardware/spi_part.h"
+#include "spi_part.h"
 
-#include "hardware/units.h"
+#include "units.h"
 
 #include <algorithm>
 #include <iterator>

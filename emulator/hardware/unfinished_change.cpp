@@ -1,4 +1,4 @@
-#include "hardware/unfinished_change.h"
+#include "unfinished_change.h"
 
 #include <random>
 

@@ -1,4 +1,4 @@
-#include "uefi/events.h"
+#include "events.h"
 
 #include <algorithm>
 

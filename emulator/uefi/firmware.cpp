@@ -1,4 +1,4 @@
-#include "uefi/firmware.h"
+#include "firmware.h"
 
 #include <array>
 #include <chrono>

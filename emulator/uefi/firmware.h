@@ -1,14 +1,14 @@
 // UEFI firmware and its shell inside a process: the tables that an application is started with.
 #pragma once
 
+#include "call_faults.h"
+#include "efi.h"
+#include "events.h"
 #include "hardware/clock.h"
 #include "hardware/machine.h"
-#include "uefi/call_faults.h"
-#include "uefi/efi.h"
-#include "uefi/events.h"
-#include "uefi/pool.h"
-#include "uefi/shell_files.h"
-#include "uefi/terminal.h"
+#include "pool.h"
+#include "shell_files.h"
+#include "terminal.h"
 
 #include <atomic>
 #include <filesystem>

@@ -1,4 +1,4 @@
-#include "uefi/pool.h"
+#include "pool.h"
 
 #include <algorithm>
 #include <cstdlib>

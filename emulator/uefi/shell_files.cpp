@@ -1,4 +1,4 @@
-#include "uefi/shell_files.h"
+#include "shell_files.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,10 +1,10 @@
 // The shell's file functions over a folder of the host, which the shell sees as the volume FS0:.
 #pragma once
 
+#include "call_faults.h"
+#include "efi.h"
 #include "hardware/journal.h"
-#include "uefi/call_faults.h"
-#include "uefi/efi.h"
-#include "uefi/pool.h"
+#include "pool.h"
 
 #include <filesystem>
 #include <memory>

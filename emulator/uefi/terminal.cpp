@@ -1,4 +1,4 @@
-#include "uefi/terminal.h"
+#include "terminal.h"
 
 namespace emulator {
 

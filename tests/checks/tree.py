@@ -74,8 +74,8 @@ def chips():
     """The page of supported chips is the one that the chip list makes."""
     with tempfile.TemporaryDirectory() as place:
         made = Path(place, "chips.md")
-        output_of("cmake", "-DSPILIST=build/host/spilist", "-DSOURCE=chiplist/chips.toml", f"-DPAGE={made}",
-                  f"-DTEMPLATE={Path('chiplist/chips.md.in').resolve()}", "-P", "chiplist/write_page.cmake")
+        output_of("cmake", "-DSPILIST=build/host/spilist", "-DSOURCE=spilist/chips.toml", f"-DPAGE={made}",
+                  f"-DTEMPLATE={Path('spilist/chips.md.in').resolve()}", "-P", "spilist/write_page.cmake")
         if made.read_bytes() != Path("docs/chips.md").read_bytes():
             complaints.append("docs/chips.md is stale: cmake --build --preset host --target chips_page")
 

@@ -3,7 +3,7 @@
 
 #include "guest/launcher.h"
 #include "hardware/machine.h"
-#include "scratch_folder.h"
+#include "tests/scratch_folder.h"
 
 #include <cstdint>
 #include <filesystem>

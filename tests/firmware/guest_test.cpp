@@ -1,7 +1,7 @@
 // What only a guest can show.
 #include "guest.h"
-#include "lab.h"
 #include "support/input_error.h"
+#include "tests/lab.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Boot media with unattended jobs, as firmware boots them.
 #include "guest.h"
-#include "lab.h"
-#include "results.h"
+#include "jobs/results.h"
+#include "tests/lab.h"
 
 #include <algorithm>
 #include <fstream>

@@ -1,7 +1,7 @@
 // The shell scripts that go beside the program, under the real shell.
 #include "guest.h"
-#include "lab.h"
-#include "machine_file.h"
+#include "machine/machine_file.h"
+#include "tests/lab.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // expectation ends the process, which is a finding.
 #pragma once
 
-#include "lab.h"
+#include "tests/lab.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // Any bytes as a chip list: the program's loader and the tool's reader must survive them, agree on
 // what is a list, and mean the same by it.
 #include "bench.h"
-#include "check.h"
-#include "image.h"
+#include "spilist/check.h"
+#include "spilist/image.h"
 
 #include <algorithm>
 #include <numeric>
@@ -29,24 +29,24 @@ std::uint32_t id_of(const QFU_CHIP_ENTRY& entry) {
 
 /// Of a list with nothing to find, each record is the one that its chip gets, and the bytes can be
 /// made again from what was read.
-void expect_served(const chiplist::ChipList& list) {
-    for (const chiplist::Chip& chip : list.chips) {
-        const auto first = std::ranges::find_if(list.chips, [&](const chiplist::Chip& other) {
+void expect_served(const spilist::ChipList& list) {
+    for (const spilist::Chip& chip : list.chips) {
+        const auto first = std::ranges::find_if(list.chips, [&](const spilist::Chip& other) {
             return qfu_spiflash_id_match(other.entry, id_of(chip.entry)) == 0;
         });
         EXPECT_EQ(&*first, &chip) << "a record is hidden";
         EXPECT_TRUE(chip.entry.sector_size != 0 && chip.entry.block_size != 0) << "endless erase";
     }
-    const Bytes again = chiplist::encode(list);
+    const Bytes again = spilist::encode(list);
     EXPECT_TRUE(qfu_chiplist_valid(again)) << "what was read cannot be built";
-    EXPECT_EQ(chiplist::decode(again).chips.size(), list.chips.size());
+    EXPECT_EQ(spilist::decode(again).chips.size(), list.chips.size());
 }
 
 void try_list(const Bytes& bytes) {
-    const chiplist::ChipList list = chiplist::decode(bytes);
-    const std::vector<chiplist::Finding> findings = chiplist::check(list);
+    const spilist::ChipList list = spilist::decode(bytes);
+    const std::vector<spilist::Finding> findings = spilist::check(list);
     const bool taken = qfu_chiplist_valid(bytes);
-    EXPECT_EQ(taken, !chiplist::is_rejected(findings)) << "the program and the tool do not agree";
+    EXPECT_EQ(taken, !spilist::is_rejected(findings)) << "the program and the tool do not agree";
     if (taken) {
         walk(*reinterpret_cast<const QFU_CHIP_LIST*>(bytes.data()));
     }

@@ -2,7 +2,7 @@
 // the arguments follow. Each conversion alone must give what the platform's snprintf gives, where
 // both say what that is; a format must give its pieces in turn, cut where the buffer ends.
 #include "bench.h"
-#include "console.h"
+#include "qfu/console.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // Any bytes as a machine file: a machine that can be built, or a complaint for the person who wrote
 // it.
 #include "bench.h"
-#include "machine_file.h"
+#include "machine/machine_file.h"
 #include "support/input_error.h"
 
 namespace {

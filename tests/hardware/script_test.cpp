@@ -5,7 +5,7 @@
 // "20us" lets time pass, "power" takes power away and gives it back, "zeros" fills the chip.
 // Complaints follow " => ", with " | " between them; otherwise there must be none.
 // "NAME = ACCESS..." gives accesses a name. Machines and faults are described as in sessions.
-#include "player/machine_lines.h"
+#include "tests/player/machine_lines.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
 #include "guest_player.h"
 
-#include "firmware/guest.h"
 #include "guest/driver_bridge.h"
+#include "guest/qemu_bridge.h"
 #include "player.h"
-#include "qemu_bridge.h"
+#include "tests/firmware/guest.h"
 
 #include <algorithm>
 #include <iostream>

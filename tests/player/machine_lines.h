@@ -1,7 +1,7 @@
 // The lines of a session that describe its machine.
 #pragma once
 
-#include "machine_file.h"
+#include "machine/machine_file.h"
 
 #include <filesystem>
 #include <string>

@@ -1,8 +1,8 @@
 // Plays session files: text that reads like the console and says what each command must show.
 #pragma once
 
-#include "lab.h"
-#include "machine_file.h"
+#include "machine/machine_file.h"
+#include "tests/lab.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -21,7 +21,7 @@
 
 namespace {
 
-using namespace chiplist;
+using namespace spilist;
 
 constexpr int kFound = 1;
 constexpr int kUsage = 2;

@@ -6,12 +6,12 @@
 
 namespace emulator {
 
-/// A table of things that machine files can name.
-struct KnownThings {
+/// One table of `qfu-emu list`.
+struct ListTopic {
     std::string_view name; ///< on the command line
     void (*print)();       ///< on standard output
 };
 
-extern const std::array<KnownThings, 3> kKnownThings;
+extern const std::array<ListTopic, 3> kListTopics;
 
 } // namespace emulator

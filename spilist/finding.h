@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-namespace chiplist {
+namespace spilist {
 
 /// What comes of it.
 enum class Effect : std::uint8_t {
@@ -21,4 +21,4 @@ struct Finding {
     std::uint32_t line = 0; ///< in the source; 0 when there is none
 };
 
-} // namespace chiplist
+} // namespace spilist

@@ -5,7 +5,7 @@
 #include <cctype>
 #include <charconv>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 using support::TableReader;
@@ -130,4 +130,4 @@ ChipList read_source(const std::filesystem::path& file) {
     return list;
 }
 
-} // namespace chiplist
+} // namespace spilist

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 std::uint8_t sum_of(std::span<const std::uint8_t> bytes) {
@@ -129,4 +129,4 @@ ChipList decode(std::span<const std::uint8_t> file) {
     return Decoder(file).run();
 }
 
-} // namespace chiplist
+} // namespace spilist

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <iomanip>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 using Row = std::vector<std::string>;
@@ -101,4 +101,4 @@ void take_names(ChipList& list, const ChipList& source) {
     }
 }
 
-} // namespace chiplist
+} // namespace spilist

@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -108,4 +108,4 @@ std::string json(const std::vector<Difference>& differences) {
     return text(json);
 }
 
-} // namespace chiplist
+} // namespace spilist

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string_view>
 
-namespace chiplist {
+namespace spilist {
 
 /// A number of bytes: digits, then perhaps K or M.
 std::optional<std::uint32_t> parse_size(std::string_view text);
@@ -15,4 +15,4 @@ std::optional<std::uint32_t> parse_size(std::string_view text);
 /// Reads a source. @throws support::InputError with file, line and key
 ChipList read_source(const std::filesystem::path& file);
 
-} // namespace chiplist
+} // namespace spilist

@@ -1,7 +1,6 @@
 // The flash bus as a logic analyser would have recorded it.
 #pragma once
 
-#include "command_line.h"
 #include "hardware/bus_probe.h"
 #include "hardware/machine.h"
 #include "vcd_file.h"
@@ -15,6 +14,13 @@
 #include <vector>
 
 namespace emulator {
+
+/// What is traced.
+struct TraceOptions {
+    std::string file;         ///< empty: nothing
+    double from_seconds = 0;  ///< since the start
+    double to_seconds = 1e12; ///< not included
+};
 
 /// Records the SPI buses as single wires in one file, and registers and parallel buses, which are
 /// many lines wide, in a second one beside it.

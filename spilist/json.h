@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace chiplist {
+namespace spilist {
 
 /// What is wrong with a list.
 std::string json(const std::vector<Finding>& findings);
@@ -21,4 +21,4 @@ std::string json(const std::vector<Finding>& findings, const ChipList& list, con
 
 std::string json(const std::vector<Difference>& differences);
 
-} // namespace chiplist
+} // namespace spilist

@@ -4,7 +4,7 @@
 #include <map>
 #include <utility>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 /// A record's identification, and how many of the list's earlier records have the same.
@@ -115,4 +115,4 @@ std::vector<Difference> diff(const ChipList& a, const ChipList& b) {
     return Comparison(a, b).run();
 }
 
-} // namespace chiplist
+} // namespace spilist

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace chiplist {
+namespace spilist {
 
 /// A chip's answer to an identification opcode, as someone wrote it.
 struct ChipId {
@@ -29,4 +29,4 @@ struct Match {
 /// where the byte that the chip sends first is the lowest.
 Match match(const ChipList& list, const ChipId& id);
 
-} // namespace chiplist
+} // namespace spilist

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace chiplist {
+namespace spilist {
 
 /// One difference in what the program sees; parts and notes do not count.
 struct Difference {
@@ -20,4 +20,4 @@ struct Difference {
 /// identifications are.
 std::vector<Difference> diff(const ChipList& a, const ChipList& b);
 
-} // namespace chiplist
+} // namespace spilist

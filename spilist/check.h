@@ -6,7 +6,7 @@
 
 #include <vector>
 
-namespace chiplist {
+namespace spilist {
 
 /// Everything that is wrong, in the order of the source's lines. Of a list file, what showed while
 /// it was read comes first, then its opcodes, then its records.
@@ -15,4 +15,4 @@ std::vector<Finding> check(const ChipList& list);
 /// Whether the program does not take a list with these findings.
 bool is_rejected(const std::vector<Finding>& findings);
 
-} // namespace chiplist
+} // namespace spilist

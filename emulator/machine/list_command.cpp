@@ -1,4 +1,4 @@
-#include "known.h"
+#include "list_command.h"
 
 #include "hardware/adapter.h"
 #include "hardware/fault.h"
@@ -111,7 +111,7 @@ void print_faults() {
 
 } // namespace
 
-const std::array<KnownThings, 3> kKnownThings = {
+const std::array<ListTopic, 3> kListTopics = {
     {
      {"parts", print_parts},
      {"adapters", print_adapters},

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-namespace chiplist {
+namespace spilist {
 
 /// Lays a list out as a file with a correct checksum. The list must have passed its checks.
 std::vector<std::uint8_t> encode(const ChipList& list);
@@ -16,4 +16,4 @@ std::vector<std::uint8_t> encode(const ChipList& list);
 /// wrong with its form.
 ChipList decode(std::span<const std::uint8_t> file);
 
-} // namespace chiplist
+} // namespace spilist

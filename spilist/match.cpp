@@ -6,7 +6,7 @@
 #include <charconv>
 #include <sstream>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 /// The program asks for four bytes.
@@ -74,4 +74,4 @@ Match match(const ChipList& list, const ChipId& id) {
     return result;
 }
 
-} // namespace chiplist
+} // namespace spilist

@@ -6,7 +6,7 @@
 #include <set>
 #include <span>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 /// Bytes that a 24-bit address reaches.
@@ -225,4 +225,4 @@ bool is_rejected(const std::vector<Finding>& findings) {
     return std::ranges::find(findings, Effect::kRejected, &Finding::effect) != findings.end();
 }
 
-} // namespace chiplist
+} // namespace spilist

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "finding.h"
-#include "spi_list.h"
+#include "qfu/spi_list.h"
 
 #include <cstdint>
 #include <map>
@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace chiplist {
+namespace spilist {
 
 /// The line of each key in a table of a source; that of the table itself has the empty key.
 using Lines = std::map<std::string, std::uint32_t, std::less<>>;
@@ -91,4 +91,4 @@ std::set<std::uint32_t> erase_units(const ChipList& list);
 /// whose units are all larger keeps its sector.
 void use_erase_unit(ChipList& list, std::uint32_t unit);
 
-} // namespace chiplist
+} // namespace spilist

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdio>
 
-namespace chiplist {
+namespace spilist {
 namespace {
 
 constexpr double kPauseAfterSectorErase = 0.1; // seconds
@@ -86,4 +86,4 @@ void use_erase_unit(ChipList& list, std::uint32_t unit) {
     }
 }
 
-} // namespace chiplist
+} // namespace spilist
