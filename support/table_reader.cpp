@@ -26,6 +26,15 @@ std::string range(std::int64_t least, std::int64_t most) {
 
 } // namespace
 
+toml::table parse_toml(std::istream& text, const std::filesystem::path& name) {
+    try {
+        return toml::parse(text, name.string());
+    } catch (const toml::parse_error& error) {
+        throw InputError(name.string() + ":" + std::to_string(error.source().begin.line) + ": " +
+                         std::string(error.description()));
+    }
+}
+
 toml::table parse_toml(const std::filesystem::path& file) {
     if (std::filesystem::is_directory(file)) {
         throw InputError(file.string() + ": is a folder; it must be a TOML file");
@@ -34,12 +43,7 @@ toml::table parse_toml(const std::filesystem::path& file) {
     if (!text) {
         throw InputError(file.string() + ": cannot be read: " + std::strerror(errno));
     }
-    try {
-        return toml::parse(text, file.string());
-    } catch (const toml::parse_error& error) {
-        throw InputError(file.string() + ":" + std::to_string(error.source().begin.line) + ": " +
-                         std::string(error.description()));
-    }
+    return parse_toml(text, file);
 }
 
 TableReader::TableReader(const toml::table& table, std::filesystem::path file)

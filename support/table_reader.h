@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <istream>
 #include <optional>
 #include <set>
 #include <string>
@@ -16,6 +17,9 @@ namespace support {
 
 /// Parses a TOML file. @throws InputError with file and line
 toml::table parse_toml(const std::filesystem::path& file);
+
+/// The same from a text of that name.
+toml::table parse_toml(std::istream& text, const std::filesystem::path& name);
 
 /// Reads one table key by key. Every complaint is an InputError that names file, line and key.
 class TableReader {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <sstream>
 #include <utility>
 
 namespace emulator {
@@ -392,6 +393,11 @@ void collect_idle(const Described& faults, const Faulty& faulty, std::vector<std
 
 MachineDescription load_machine_file(const std::filesystem::path& file) {
     return MachineReader(file).read(support::parse_toml(file));
+}
+
+MachineDescription parse_machine(const std::string& text, const std::filesystem::path& name) {
+    std::istringstream in(text);
+    return MachineReader(name).read(support::parse_toml(in, name));
 }
 
 std::unique_ptr<Machine> build_machine(const MachineDescription& description, const Clock& clock,

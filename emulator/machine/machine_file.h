@@ -83,6 +83,9 @@ struct MachineDescription {
 /// @throws support::InputError when the file cannot be used
 MachineDescription load_machine_file(const std::filesystem::path& file);
 
+/// The same from a text of that name.
+MachineDescription parse_machine(const std::string& text, const std::filesystem::path& name);
+
 /// Builds the described machine. Chips that have an image file keep their contents in it, through
 /// `images`, which must outlive the machine.
 /// @throws support::InputError when an image file cannot be used

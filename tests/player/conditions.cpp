@@ -259,14 +259,4 @@ std::vector<std::string> needed_lines(const Observation& seen) {
     return lines;
 }
 
-std::optional<lab::Bytes> find_file(const std::filesystem::path& folder, const std::string& name) {
-    const auto files = read_files(folder);
-    const auto same = [&](const auto& entry) {
-        return std::ranges::equal(
-            entry.first, name, [](char a, char b) { return std::toupper(a) == std::toupper(b); });
-    };
-    const auto found = std::ranges::find_if(files, same);
-    return found == files.end() ? std::nullopt : std::optional(found->second);
-}
-
 } // namespace session

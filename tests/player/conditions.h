@@ -1,7 +1,7 @@
 // What must hold after a command: the lines below its output.
 #pragma once
 
-#include "player.h"
+#include "run.h"
 
 #include <optional>
 #include <string>
@@ -31,8 +31,5 @@ std::optional<std::string> as_it_holds(const std::string& line, const After& aft
 
 /// The lines that must be there whether or not the session has them: status, misuse, keys.
 std::vector<std::string> needed_lines(const Observation& seen);
-
-/// The bytes of a volume's file, with letters in any case.
-std::optional<lab::Bytes> find_file(const std::filesystem::path& folder, const std::string& name);
 
 } // namespace session

@@ -3,7 +3,6 @@
 
 #include "machine/machine_file.h"
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -18,7 +17,7 @@ class MachineLines {
     /// Starts again with "machine", "machine FILE" or "machine NAME [PART]".
     void start(const std::vector<std::string>& words, std::size_t line);
 
-    /// Takes a line with one of these first words: adapter, spi, nor, phy, fault, time.
+    /// Takes a line whose first word is adapter, adapters, spi, nor, phy, fault or time.
     /// @returns false for any other line
     bool take(const std::vector<std::string>& words, std::size_t line);
 
@@ -33,12 +32,10 @@ class MachineLines {
 
   private:
     void add(const std::string& toml, std::size_t line);
-    void add_table(const std::string& head, const std::vector<std::string>& words,
-                   std::size_t first, std::size_t line);
 
     std::string file_;
     std::string time_; ///< busy times; they come before all tables
-    std::vector<std::string> text_;
+    std::string text_;
     std::vector<std::size_t> lines_; ///< of the session, by line of `text_`
     int next_slot_ = 2;
 };
