@@ -19,27 +19,15 @@ std::string format(const char* text, const Arguments&... arguments) {
     return {buffer.data(), length};
 }
 
-TEST(Format, NumbersHaveWidthPrecisionSignAndPadding) {
-    EXPECT_EQ(format("%d|%i|%u|%d", -1, 7, -1, INT32_MIN), "-1|7|4294967295|-2147483648");
-    EXPECT_EQ(format("%02x|%02d|%5.8lx", 5, 7, 0x1234), "05|07|00001234");
-    EXPECT_EQ(format("[%5d][%-5d][%05d]", -42, -42, -42), "[  -42][-42  ][-0042]");
-    EXPECT_EQ(format("[%-05d][%+d][% d][%+u]", 3, 3, 3, 3), "[3    ][+3][ 3][3]");
-    EXPECT_EQ(format("[%8.3d][%08.3d][%.0d]", 5, 5, 0), "[     005][00000005][0]");
-    EXPECT_EQ(format("%x|%X|%o|%#x|%#X|%#o", 0xBEEF, 0xBEEF, 8, 0xA, 0xA, 8),
-              "beef|BEEF|10|0xa|0XA|010");
-    EXPECT_EQ(format("[%#06x][%#6x][%-#6x]", 0xA, 0xA, 0xA), "[0x000a][   0xa][0xa   ]");
+// What the platform's snprintf gives, too, is left to the fuzz target.
+TEST(Format, HasWaysOfItsOwn) {
+    EXPECT_EQ(format("[%08.3d][%.0d]|%#o", 5, 0, 8), "[00000005][0]|010");
     // Integers are 32 bits wide, or 16.
-    EXPECT_EQ(format("%x|%qd", 0x8000000000000003ULL, 0x100000002ULL), "3|2");
+    EXPECT_EQ(format("%5.8lx|%x|%qd", 0x1234, 0x8000000000000003ULL, 0x100000002ULL),
+              "00001234|3|2");
     EXPECT_EQ(format("%hd|%hu|%hx", 0x1FFFF, 0x1FFFF, 0x12345), "-1|65535|2345");
-    EXPECT_EQ(format("%p|%4p", 0xABCD, 0xABCD), "000000000000abcd|abcd");
-}
-
-TEST(Format, TextsAndCharactersArePaddedAndCut) {
-    EXPECT_EQ(format("%10.10s|%10.10s", "-phytest", "abcdefghijkl"), "  -phytest|abcdefghij");
-    EXPECT_EQ(format("[%-6s][%.2s][%.0s]", "abc", "abc", "abc"), "[abc   ][ab][]");
-    EXPECT_EQ(format("[%3c][%-3c]", 'A', 'A'), "[  A][A  ]");
-    EXPECT_EQ(format("[%*d][%*d][%.*s][%.*s]", 4, 1, -4, 1, 2, "abc", -1, "abc"),
-              "[   1][1   ][ab][]");
+    EXPECT_EQ(format("[%+u]|%p|%4p", 3, 0xABCD, 0xABCD), "[3]|000000000000abcd|abcd");
+    EXPECT_EQ(format("[%.*s]", -1, "abc"), "[]");
     std::uint32_t count = 0;
     EXPECT_EQ(format("abc%nd%%", &count), "abcd%");
     EXPECT_EQ(count, 3U);
@@ -123,18 +111,6 @@ TEST(Paging, CutsLongLinesIntoPiecesOfEightyAndCountsEach) {
     EXPECT_EQ(qfu_page_lines, 1U);
     qfu_print("%s\n", line.substr(0, 79).c_str()); // the carriage return is the 80th
     EXPECT_EQ(qfu_page_lines, 3U);
-}
-
-TEST(ReadKey, GivesUpAfterElevenMillisecondsWhenItNeedNotWait) {
-    Lab lab;
-    lab.attach();
-    QFU_KEY key{};
-    EXPECT_FALSE(qfu_read_key(false, key));
-    EXPECT_EQ(lab.clock().now_ns(), 11'000'000U);
-    lab.firmware().terminal().press("k");
-    EXPECT_TRUE(qfu_read_key(false, key));
-    EXPECT_EQ(key.character, 'k');
-    EXPECT_EQ(lab.clock().now_ns(), 11'000'000U);
 }
 
 TEST(HexDump, ShowsCharactersFrom14To7FAndPadsTheLastRow) {

@@ -90,41 +90,35 @@ TEST(Verify, AReadThatFailsPassesTheBlock) {
     EXPECT_EQ(c.lab.printed(), "read data fail....");
 }
 
+/// Accesses that a block of 4 KiB takes: to program and verify it, and to dump it.
+struct Costs {
+    std::uint16_t device;
+    std::uint32_t nor_id;
+    std::uint64_t written;
+    std::uint64_t dumped;
+};
+constexpr std::uint32_t kWords = 4096 / 2;
+constexpr std::uint32_t kNorDump = 4096 / 32 * 5 + kWords * 2; // each piece has a start
+// Window; unlock bypass; each word two cycles, a command and its end; bypass reset.
+constexpr std::uint32_t kNorProgram = 1 + (6 + 1 + 3) + kWords * (4 + 1 + 3) + (4 + 1 + 3);
+
 TEST(Cost, NoAccessIsMadeBeyondTheOnesThatAByteNeeds) {
-    for (const auto& [kind, per_byte, per_dumped_byte] :
-         {std::tuple(1, 26U, 2U), std::tuple(4, 13U, 1U)}) {
-        lab::Probed p(kind);
-        QFU_ADAPTER& adapter = p.discover();
+    for (const auto& [device, nor_id, written, dumped] : {
+             Costs{0xC709, 0,          26 * 4096,              2 * 4096},
+             Costs{0xC705, 0,          13 * 4096,              4096    },
+             Costs{0xC703, 0x257E00EC, kNorProgram + kNorDump, kNorDump}
+    }) {
+        lab::Bench b(device, "W25X40", nor_id);
+        QFU_ADAPTER& adapter = b.discover();
         const Bytes block = lab::pattern(4096);
-        const std::uint64_t start = p.lab.machine().accesses();
+        const std::uint64_t start = b.lab.machine().accesses();
         EXPECT_EQ(qfu_write_block(adapter, 0, block), 0);
-        const std::uint64_t programmed = p.lab.machine().accesses();
-        EXPECT_EQ(programmed - start, per_byte * 4096);
+        EXPECT_EQ(b.lab.machine().accesses() - start, written);
         Bytes read(4096);
         EXPECT_EQ(qfu_read_block(adapter, 0, read), 0);
-        EXPECT_EQ(p.lab.machine().accesses() - programmed, per_dumped_byte * 4096);
+        EXPECT_EQ(b.lab.machine().accesses() - start, written + dumped);
         EXPECT_EQ(read, block);
     }
-}
-
-TEST(Cost, NorTakesTwoAccessesAWordBesideTheStartOfEachPiece) {
-    constexpr std::uint32_t kPieces = 4096 / 32;
-    constexpr std::uint32_t kWords = 4096 / 2;
-    constexpr std::uint32_t kDump = kPieces * 5 + kWords * 2;
-    // Window; unlock bypass; each word two cycles, a command and its end; bypass reset.
-    constexpr std::uint32_t kProgram = 1 + (6 + 1 + 3) + kWords * (4 + 1 + 3) + (4 + 1 + 3);
-    lab::Probed p(2);
-    p.lab.nor_chip(p.lab.machine().adapter(0), 0x257E00EC, emulator::kNeverBusy);
-    QFU_ADAPTER& adapter = p.discover();
-    const Bytes block = lab::pattern(4096);
-    const std::uint64_t start = p.lab.machine().accesses();
-    EXPECT_EQ(qfu_write_block(adapter, 0, block), 0);
-    const std::uint64_t programmed = p.lab.machine().accesses();
-    EXPECT_EQ(programmed - start, kProgram + kDump);
-    Bytes read(4096);
-    EXPECT_EQ(qfu_read_block(adapter, 0, read), 0);
-    EXPECT_EQ(p.lab.machine().accesses() - programmed, kDump);
-    EXPECT_EQ(read, block);
 }
 
 } // namespace

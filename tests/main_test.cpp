@@ -27,8 +27,7 @@ TEST(Arguments, KeepTheLowByteOfEachCharacter) {
 
 TEST(Break, IsAskedOfTheOlderShellTooAndRemembered) {
     Lab lab;
-    lab.use_shell(emulator::Shell::kOlder);
-    lab.attach();
+    lab.attach(emulator::Shell::kOlder);
     EXPECT_FALSE(platform::break_requested());
     lab.firmware().break_command();
     EXPECT_TRUE(platform::break_requested());
@@ -37,7 +36,8 @@ TEST(Break, IsAskedOfTheOlderShellTooAndRemembered) {
 
 TEST(Help, IsPrintedForAQuestionMarkThatTheShellLetsThrough) {
     Lab lab;
-    EXPECT_EQ(lab.run("-?").text(), lab.run("-h").text());
+    const std::string help = lab.run("-h").console;
+    EXPECT_EQ(lab.run("-?").console, std::string(help).replace(help.find("-h"), 2, "-?"));
 }
 
 TEST(HelpCommand, DescribesItself) {
@@ -54,11 +54,6 @@ TEST(HelpCommand, DescribesItself) {
         "\r\nhelp [<command list>]\r\n\r\nOptions:\r\n"
         "    <command list>display specified commands' help page \r\n"
         "    If no option specified, brief description on each command is displayed.\r\n\r\n");
-    context.argc = 1;
-    EXPECT_EQ(qfu_help_command(adapter), 0);
-    EXPECT_TRUE(lab.printed().ends_with("-\r\n-help\t   :Get brief help for all commands.\r\n\r\n"
-                                        "-phytest\t   :Test phy(get an Eye Diagram)of current "
-                                        "adapter by the given phy id and rate.\r\n\r\n\r\n"));
 }
 
 } // namespace

@@ -1,66 +1,45 @@
 #include "qfu/uefi_nor.h"
 
 #include "lab.h"
-#include "qfu/context.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using emulator::FaultKind;
-using emulator::NorChip;
 using emulator::Operation;
-using lab::Bytes;
 
 /// An adapter with NOR flash alone, as discovery leaves it.
-struct Nor : lab::Discovered {
-    explicit Nor(std::uint32_t id = 0x22CB00C2)
-        : chip(lab.nor_chip(lab.adapter(0xC703), id, emulator::kNeverBusy)) {}
-    /// Discovers and forgets what that printed and did.
-    QFU_ADAPTER& ready() {
-        QFU_ADAPTER& adapter = discover();
-        lab.printed();
-        lab.registers();
-        return adapter;
-    }
-    QFU_FLASH_SLOT& slot() { return context.adapters[0].slot[0]; }
-    std::uint64_t microseconds() { return lab.clock().now_ns() / 1000; }
+struct Nor : lab::Bench {
+    explicit Nor(std::uint32_t id = 0x22CB00C2) : Bench(0xC703, "", id) { lab.printed(); }
 
-    NorChip& chip;
+    QFU_ADAPTER& adapter = discover();
+    QFU_FLASH_SLOT& slot = adapter.slot[0];
 };
 
 TEST(NorRegisters, KeepTheirOtherBits) {
     Nor n;
-    QFU_ADAPTER& adapter = n.ready();
+    n.lab.log();
     const auto changes = [&](std::uint32_t reg, std::uint32_t from, auto operation) {
-        qfu_mem_write32(adapter.root_bridge, adapter.reg_base + reg, from);
-        operation(adapter);
-        return qfu_mem_read32(adapter.root_bridge, adapter.reg_base + reg);
+        qfu_mem_write32(n.adapter.root_bridge, n.adapter.reg_base + reg, from);
+        operation(n.adapter);
+        return qfu_mem_read32(n.adapter.root_bridge, n.adapter.reg_base + reg);
     };
-    EXPECT_EQ(changes(0x10100, 0x5280, n.slot().probe), 0x5200U);
-    EXPECT_EQ(changes(0x10100, 0x5200, n.slot().finish), 0x5280U);
-    EXPECT_EQ(changes(0xC950, 0x4200, n.slot().probe), 0x4203U);
-    EXPECT_NE(n.lab.registers().find("0C950 < 00004213\n"), std::string::npos);
+    EXPECT_EQ(changes(0x10100, 0x5280, n.slot.probe), 0x5200U);
+    EXPECT_EQ(changes(0x10100, 0x5200, n.slot.finish), 0x5280U);
+    EXPECT_EQ(changes(0xC950, 0x4200, n.slot.probe), 0x4203U);
+    EXPECT_NE(n.lab.log().find("0C950 < 00004213\n"), std::string::npos);
 }
 
 TEST(NorProbe, KnowsSixChipsByIdentificationAndSize) {
     for (const std::uint32_t id :
          {0x227E0001U, 0x22C900C2U, 0x22CB00C2U, 0x22ED0020U, 0x22FD0020U, 0x257E00ECU}) {
         Nor n(id);
-        QFU_ADAPTER& adapter = n.ready();
-        n.slot().show_info(adapter);
+        n.slot.show_info(n.adapter);
         const std::string size = id == 0x257E00EC ? "400000" : "800000";
         EXPECT_EQ(n.lab.printed(),
                   "NOR FLASH Chip Whole Size=" + size + ", ID[" + emulator::hex(id, 8) + "].\r\n");
     }
 }
-
-/// A sequence that does not end.
-struct Stuck {
-    Operation on;
-    std::uint32_t (*run)(QFU_ADAPTER&);
-    std::uint64_t waited_us;
-};
 
 std::uint32_t write_word(QFU_ADAPTER& adapter) {
     const std::uint8_t word[] = {1, 2};
@@ -73,8 +52,13 @@ std::uint32_t erase_chip(QFU_ADAPTER& adapter) {
     return adapter.slot[0].erase_chip(adapter);
 }
 
-// One try more than the limit, 10 us each, and 10 us after it and after each sequence before it.
-constexpr Stuck kStuck[] = {
+/// Sequences that do not end: one try more than the limit, 10 us each, and 10 us after it and after
+/// each sequence before it.
+constexpr struct {
+    Operation on;
+    std::uint32_t (*run)(QFU_ADAPTER&);
+    std::uint64_t waited_us;
+} kStuck[] = {
     {Operation::kSectorErase,  erase_sector, 3'000'020 },
     {Operation::kChipErase,    erase_chip,   50'000'030},
     {Operation::kUnlockBypass, write_word,   50'000'020},
@@ -83,55 +67,39 @@ constexpr Stuck kStuck[] = {
 };
 
 TEST(NorWait, FailsAfterItsTriesUnlessTheUserBreaksIt) {
-    for (const Stuck& stuck : kStuck) {
-        SCOPED_TRACE(emulator::operation_name(stuck.on));
+    for (const auto& [on, run, waited_us] : kStuck) {
+        SCOPED_TRACE(emulator::operation_name(on));
         Nor n;
-        QFU_ADAPTER& adapter = n.ready();
-        n.lab.stop_listening();
-        n.chip.faults().add(lab::fault(FaultKind::kControllerBusy, stuck.on));
-        const std::uint64_t start = n.microseconds();
-        EXPECT_EQ(stuck.run(adapter), QFU_FAILED);
-        EXPECT_EQ(n.microseconds() - start, stuck.waited_us);
+        n.nor().faults().add({.kind = emulator::FaultKind::kControllerBusy, .on = on});
+        const std::uint64_t start = n.lab.clock().now_ns();
+        const auto waited = [&] { return (n.lab.clock().now_ns() - start) / 1000; };
+        EXPECT_EQ(run(n.adapter), QFU_FAILED);
+        EXPECT_EQ(waited(), waited_us);
         EXPECT_EQ(n.lab.printed(), "");
         auto& queries = n.lab.faults().break_query;
         queries.fail(queries.calls() + 1);
-        EXPECT_EQ(qfu_norflash_wait_done(adapter, 3), 0U) << "a break is an end";
-        EXPECT_EQ(n.microseconds() - start, stuck.waited_us + 10);
+        EXPECT_EQ(qfu_norflash_wait_done(n.adapter, 3), 0U) << "a break is an end";
+        EXPECT_EQ(waited(), waited_us + 10);
     }
-}
-
-TEST(NorWrite, EndsWithTheChip) {
-    Nor n;
-    QFU_ADAPTER& adapter = n.ready();
-    const Bytes data = {1, 2, 3, 4, 5, 6, 7, 8};
-    const auto words_at = [&](std::uint32_t address) {
-        const std::uint64_t before = n.chip.count(Operation::kProgram);
-        EXPECT_EQ(n.slot().write(adapter, address, data.data(), 8), 0U);
-        return n.chip.count(Operation::kProgram) - before;
-    };
-    EXPECT_EQ(words_at(0x7FFFFC), 2U);
-    EXPECT_EQ(words_at(0x800000), 0U);
-    EXPECT_EQ(words_at(0xFFFFFFFC), 0U);
 }
 
 TEST(NorEraseRange, AsksForABreakOnceABlock) {
     Nor n;
-    QFU_ADAPTER& adapter = n.ready();
-    n.lab.stop_listening();
     auto& queries = n.lab.faults().break_query;
     const std::uint64_t before = queries.calls();
-    EXPECT_EQ(n.slot().erase_range(adapter, 0, 0x800000), 0U);
-    EXPECT_EQ(n.chip.count(Operation::kSectorErase), 135U);
+    EXPECT_EQ(n.slot.erase_range(n.adapter, 0, 0x800000), 0U);
+    EXPECT_EQ(n.nor().count(Operation::kSectorErase), 135U);
     EXPECT_EQ(queries.calls() - before, 1 + 2 * 135U) << "one a step, one a wait";
     queries.fail(queries.calls() + 4);
-    EXPECT_EQ(n.slot().erase_range(adapter, 0, 0x800000), 0U);
-    EXPECT_EQ(n.chip.count(Operation::kSectorErase), 136U) << "the reset, a step, a wait, no step";
+    EXPECT_EQ(n.slot.erase_range(n.adapter, 0, 0x800000), 0U);
+    EXPECT_EQ(n.nor().count(Operation::kSectorErase), 136U) << "the reset, a step, a wait, no step";
 }
 
 TEST(NorSlot, WithoutChipOrSelectionDoesNothing) {
     Nor n;
-    QFU_ADAPTER& adapter = n.ready();
-    QFU_FLASH_SLOT& slot = n.slot();
+    QFU_ADAPTER& adapter = n.adapter;
+    QFU_FLASH_SLOT& slot = n.slot;
+    n.lab.log();
     std::uint8_t byte = 0;
     const auto every_operation = [&] {
         return std::vector{slot.read(adapter, 0, &byte, 1), slot.write(adapter, 0, &byte, 1),
@@ -152,7 +120,7 @@ TEST(NorSlot, WithoutChipOrSelectionDoesNothing) {
         seven += "No supported NOR Flash interface.\r\n";
     }
     EXPECT_EQ(n.lab.printed(), seven);
-    EXPECT_EQ(n.lab.registers(), "");
+    EXPECT_EQ(n.lab.log(), "");
 }
 
 } // namespace

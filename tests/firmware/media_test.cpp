@@ -100,10 +100,10 @@ struct BootMedium : testing::Test {
 };
 
 TEST_F(BootMedium, StickNamesTheAdapterThatFailsAndKeepsBackupsAndResults) {
-    auto fault = lab::fault(emulator::FaultKind::kWrongData, emulator::Operation::kRead);
-    fault.address = 0x1028;
-    fault.mask = 2;
-    add(0xC705, 2).faults().add(fault);
+    add(0xC705, 2).faults().add({.kind = emulator::FaultKind::kWrongData,
+                                 .on = emulator::Operation::kRead,
+                                 .address = 0x1028,
+                                 .mask = 2});
     auto& good = add(0xC709, 3);
     std::ranges::copy(b, good.contents().begin());
     make_medium(kTwoAdapters);

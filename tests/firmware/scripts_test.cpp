@@ -252,11 +252,8 @@ TEST(BackupScript, ReadsTheWholeFlashTwice) {
     std::ranges::copy(lab::pattern(chip.contents().size()), chip.contents().begin());
     // No chip answers there, which puts empty lines in front of the list.
     machine.add(*emulator::find_adapter_model(0x1E5D, 0xC717), {0, 4, 0}, 0);
-    auto wrong = lab::fault(emulator::FaultKind::kWrongData, emulator::Operation::kRead, 4);
-    wrong.address = 0x70;
-    wrong.times = 1;
-    wrong.mask = 1;
-    chip.faults().add(wrong); // the second reading of the second backup
+    // The second reading of the second backup.
+    chip.faults().add({emulator::FaultKind::kWrongData, emulator::Operation::kRead, 0x70, 4, 1, 1});
 
     const std::string tool = "\"..\\my tools\\backup\"";
     Scripts done = run_lines(machine, volume_with_tools(),

@@ -43,8 +43,6 @@ Bench::Bench(char kind) : device_(kind == '1' ? 0xC709 : kind == '2' ? 0xC703 : 
                                nor_contents);
     }
     write_file("image.bin", kImage);
-    stop_listening();
-    expect_starvation();
     attach();
 }
 
