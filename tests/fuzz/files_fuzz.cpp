@@ -18,7 +18,7 @@ struct Calls {
     int queries = 0;
     int reads = 0;
     std::uint32_t claimed = 0; ///< the image's last size, as the program counts it
-    std::string given;         ///< what was read of the image
+    std::string given{};       ///< what was read of the image
 };
 Calls* calls;
 
@@ -61,10 +61,7 @@ EFI_STATUS EFIAPI read_file(SHELL_FILE_HANDLE handle, UINTN* size, VOID* buffer)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Bench bench('4');
     auto& shell = bench.table<EFI_SHELL_PROTOCOL>(EFI_SHELL_PROTOCOL_GUID);
-    Calls now{
-        {data,                                                  size},
-        shell.GetFileSize, shell.ReadFile, 0, 0, 0, {                                                     }
-    };
+    Calls now{fuzz::Input(data, size), shell.GetFileSize, shell.ReadFile};
     calls = &now;
     shell.GetFileSize = query_size;
     shell.ReadFile = read_file;

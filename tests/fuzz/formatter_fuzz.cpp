@@ -18,13 +18,18 @@ struct Conversion {
     std::string flags;
     std::optional<std::int64_t> width;
     std::optional<std::int64_t> precision;
-    std::vector<int> counts; ///< arguments for "*"
     char qualifier = 0;
     char letter = 0;
-    std::string text;     ///< all of it
-    std::string platform; ///< the same where numbers are as wide as an argument anyhow
+    std::string text; ///< all of it
 
     bool has(std::string_view any) const { return flags.find_first_of(any) != flags.npos; }
+
+    /// The same where numbers are as wide as an argument anyhow, and "*" is a number.
+    std::string for_platform() const {
+        return "%" + flags + (width ? std::to_string(*width) : "") +
+               (precision ? "." + std::to_string(*precision) : "") + (qualifier == 'h' ? "h" : "") +
+               letter;
+    }
 };
 
 class Formatting {
@@ -55,13 +60,13 @@ class Formatting {
         return format_.substr(first, at_ - first);
     }
 
-    /// A number of digits, or an argument behind "*".
-    std::optional<std::int64_t> count(Conversion& c) {
+    /// A number of digits, or an argument for "*".
+    std::optional<std::int64_t> count() {
         if (!take("*", 1).empty()) {
             const bool large = values_.take<std::uint8_t>() % 4 == 3;
-            c.counts.push_back(large ? values_.take<std::int32_t>() : values_.take<std::int8_t>());
-            arguments_.emplace_back(c.counts.back());
-            return c.counts.back();
+            const int value = large ? values_.take<std::int32_t>() : values_.take<std::int8_t>();
+            arguments_.emplace_back(value);
+            return value;
         }
         const std::string digits = take("0123456789", format_.size());
         return digits.empty() ? std::nullopt
@@ -72,23 +77,21 @@ class Formatting {
         Conversion c;
         const std::size_t start = at_++;
         c.flags = take("-+ #0", format_.size());
-        c.width = count(c);
+        c.width = count();
         if (!take(".", 1).empty()) {
-            c.precision = count(c).value_or(0);
+            c.precision = count().value_or(0);
         }
-        c.platform = format_.substr(start, at_ - start);
         c.qualifier = take("hlq", 1).c_str()[0];
         c.letter = at_ < format_.size() ? format_[at_++] : '\0';
         c.text = format_.substr(start, at_ - start);
-        c.platform += std::string(c.qualifier == 'h' ? "h" : "") + c.letter;
         return c;
     }
 
-    /// Adds the conversion's argument, now and then one that does not fit. @returns its kind: 'd'
-    /// for numbers, 's' for texts, 0 for none that fits
-    char add_argument(char letter) {
+    /// Adds the conversion's argument, now and then one that does not fit. @returns true when it
+    /// is a number or a text that fits
+    bool add_argument(char letter) {
         if (letter == 0 || std::string_view("diuoxXcpsn").find(letter) == std::string_view::npos) {
-            return 0;
+            return letter == '%';
         }
         const bool fits = values_.take<std::uint8_t>() % 8 != 7;
         number_ = values_.take<std::uint64_t>();
@@ -96,59 +99,48 @@ class Formatting {
         if (letter == 'n' && fits) {
             counters_.emplace_back(whole_.size(), 0);
             arguments_.emplace_back(&counters_.back().second);
-            return 0;
+            return false;
         }
         (letter == 's') == fits ? arguments_.emplace_back(text_) : arguments_.emplace_back(number_);
-        return !fits ? '\0' : letter == 's' ? 's' : 'd';
+        return fits;
     }
 
-    /// True when both say what the conversion gives and say the same.
-    bool is_common(const Conversion& c, char argument) const {
+    /// True when both say what the conversion of a fitting argument gives and say the same.
+    bool is_common(const Conversion& c) const {
         const std::int64_t precision = c.precision.value_or(1);
         if (std::abs(c.width.value_or(0)) > kWidest || precision > kWidest || precision < 0) {
             return false;
         }
-        const bool plain = !c.has("0#+ ") && c.qualifier == 0;
-        if (c.letter == 's') {
-            return argument == 's' && plain;
-        }
-        if (c.letter == 'c') {
-            return argument == 'd' && plain && !c.precision;
-        }
         if (c.letter == '%') {
             return c.text == "%%";
+        }
+        if (c.letter == 's' || c.letter == 'c') {
+            return !c.has("0#+ ") && c.qualifier == 0 && (c.letter == 's' || !c.precision);
         }
         // Zero padding beside a precision and a zero without digits are the platform's ways, and
         // "#" only means the same for hexadecimal digits of a number that is not zero.
         const bool zero = (number_ & (c.qualifier == 'h' ? 0xFFFFU : 0xFFFFFFFFU)) == 0;
         const bool hex = c.letter == 'x' || c.letter == 'X';
         const bool left = c.has("-") || c.width.value_or(0) < 0;
-        return argument == 'd' &&
-               std::string_view("diuoxX").find(c.letter) != std::string_view::npos &&
-               (!c.has("0") || left || !c.precision) && (precision != 0 || !zero) &&
-               (!c.has("#") || (hex && !zero));
+        return c.letter != 'p' && c.letter != 'n' && (!c.has("0") || left || !c.precision) &&
+               (precision != 0 || !zero) && (!c.has("#") || (hex && !zero));
     }
 
     void check_piece(const Conversion& c, std::size_t first) {
-        const char argument = add_argument(c.letter);
+        const bool fits = add_argument(c.letter);
         std::array<char, kLargest + 1> ours;
         const std::size_t length =
             qfu_format(ours, c.text.c_str(), std::span(arguments_).subspan(first));
         whole_.append(ours.data(), length);
-        if (!is_common(c, argument)) {
+        if (!fits || !is_common(c)) {
             return;
         }
         std::array<char, kLargest + 1> theirs;
         const auto print = [&](auto value) {
-            const auto call = [&](auto... all) {
-                return std::snprintf(theirs.data(), theirs.size(), c.platform.c_str(), all...);
-            };
-            return c.counts.empty()       ? call(value)
-                   : c.counts.size() == 1 ? call(c.counts[0], value)
-                                          : call(c.counts[0], c.counts[1], value);
+            return std::snprintf(theirs.data(), theirs.size(), c.for_platform().c_str(), value);
         };
         const auto expected = static_cast<std::size_t>(
-            argument == 's' ? print(text_) : print(static_cast<int>(number_)));
+            c.letter == 's' ? print(text_) : print(static_cast<int>(number_)));
         EXPECT_EQ(std::string_view(ours.data(), length + 1),
                   std::string_view(theirs.data(), std::min(expected, kLargest) + 1))
             << "from " << c.text;
