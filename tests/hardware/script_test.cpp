@@ -1,10 +1,11 @@
 // Plays the scripts beside this file: what is done to a model, what it answers, and its complaints.
 //
-// "PLACE: ACCESS..." is a line of accesses: "10<5" writes, "10>5" reads and compares, "10>" only
-// reads, "spi: 9F>EF" sends bytes and receives some. Numbers are hexadecimal, times decimal.
-// "20us" lets time pass, "power" takes power away and gives it back, "zeros" fills the chip.
-// Complaints follow " => ", with " | " between them; otherwise there must be none.
-// "NAME = ACCESS..." gives accesses a name. Machines and faults are described as in sessions.
+// "PLACE: ACCESS..." is a line of accesses: "10<5" writes, "10>5" reads and compares, "10>!5" wants
+// anything else, "10>" only reads, "spi: 9F>EF" sends bytes and receives some. Numbers are
+// hexadecimal, times decimal. "20us" lets time pass, "power" takes power away and gives it back,
+// "zeros" fills the chip. Complaints follow " => ", with " | " between them; otherwise there must
+// be none. "NAME = ACCESS..." gives accesses a name. Machines and faults are described as in
+// sessions.
 #include "tests/player/machine_lines.h"
 
 #include <fstream>
@@ -106,7 +107,9 @@ class Script {
             write(number(target), number(value));
         } else {
             const std::uint32_t read = this->read(number(target));
-            EXPECT_TRUE(value.empty() || read == number(value)) << word << ": " << hex(read, 1);
+            const bool differs = value.starts_with('!');
+            EXPECT_TRUE(value.empty() || (read == number(value.substr(differs))) != differs)
+                << word << ": " << hex(read, 1);
         }
     }
 
