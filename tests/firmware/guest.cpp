@@ -4,11 +4,11 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -21,26 +21,18 @@ namespace fs = std::filesystem;
 constexpr std::chrono::seconds kTimeLimit{240};
 constexpr char kImage[] = "volume.img";
 
-void make_volume(const fs::path& folder, const Volume& volume) {
-    // Debian leaves /usr/sbin out of a plain user's path.
-    shell(folder, std::string("truncate -s 64M ") + kImage +
-                      " && PATH=$PATH:/usr/sbin mkfs.vfat -F 32 " + kImage);
-    fs::create_directory(folder / "in");
+void make_volume(const ScratchFolder& scratch, const Volume& volume) {
     for (const auto& [name, file] : volume) {
         if (file.folder) {
-            fs::create_directories(folder / "in" / name);
-            continue;
-        }
-        std::ofstream out(folder / "in" / name, std::ios::binary);
-        out.write(reinterpret_cast<const char*>(file.bytes.data()),
-                  static_cast<std::streamsize>(file.bytes.size()));
-    }
-    shell(folder, std::string("mcopy -s -i ") + kImage + " in/* ::/");
-    for (const auto& [name, file] : volume) {
-        if (file.read_only) {
-            shell(folder, std::string("mattrib -i ") + kImage + " +r '::/" + name + "'");
+            fs::create_directories(scratch.path() / "in" / name);
+        } else {
+            scratch.write("in/" + name, file.bytes);
         }
     }
+    // Debian leaves /usr/sbin out of a plain user's path.
+    shell(scratch.path(), std::string("export PATH=$PATH:/usr/sbin; truncate -s 64M ") + kImage +
+                              " && mkfs.vfat -F 32 " + kImage + " && mcopy -s -i " + kImage +
+                              " in/* ::/");
 }
 
 Volume read_volume(const fs::path& folder) {
@@ -49,35 +41,32 @@ Volume read_volume(const fs::path& folder) {
     Volume volume;
     for (const auto& entry : fs::recursive_directory_iterator(folder / "out")) {
         const std::string name = fs::relative(entry.path(), folder / "out").string();
-        volume[name] = {entry.is_directory() ? std::vector<std::uint8_t>{}
-                                             : read_bytes(entry.path()),
-                        false, entry.is_directory()};
+        volume[name].folder = entry.is_directory();
+        if (!entry.is_directory()) {
+            volume[name].bytes = read_bytes(entry.path());
+        }
     }
     return volume;
 }
 
-/// QEMU with its serial console on a pair of pipes.
+/// QEMU with its serial console on a socket.
 class Qemu {
   public:
     Qemu(const emulator::GuestSetup& setup, emulator::GuestBridge& bridge) {
-        std::array<int, 2> input{};
-        std::array<int, 2> output{};
-        if (pipe2(input.data(), O_CLOEXEC) != 0 || pipe2(output.data(), O_CLOEXEC) != 0) {
-            throw std::runtime_error("no pipes for QEMU");
+        std::array<int, 2> ends{};
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+            throw std::runtime_error("no socket for QEMU");
         }
-        process_ = emulator::start_guest(setup, bridge, input[0], output[1]);
-        close(input[0]);
-        close(output[1]);
-        to_ = input[1];
-        from_ = output[0];
+        process_ = emulator::start_guest(setup, bridge, ends[1], ends[1]);
+        close(ends[1]);
+        console_ = ends[0];
     }
     Qemu(const Qemu&) = delete;
     Qemu& operator=(const Qemu&) = delete;
     ~Qemu() {
         kill(process_, SIGKILL);
         waitpid(process_, nullptr, 0);
-        close(to_);
-        close(from_);
+        close(console_);
     }
 
     /// Passes the console's lines to its operator until QEMU ends.
@@ -88,12 +77,12 @@ class Qemu {
         for (;;) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 end - std::chrono::steady_clock::now());
-            pollfd output{from_, POLLIN, 0};
+            pollfd output{console_, POLLIN, 0};
             if (left.count() <= 0 || poll(&output, 1, static_cast<int>(left.count())) == 0) {
                 throw std::runtime_error("the guest did not power off in time:\n" + serial);
             }
             std::array<char, 4096> buffer{};
-            const ssize_t got = read(from_, buffer.data(), buffer.size());
+            const ssize_t got = read(console_, buffer.data(), buffer.size());
             if (got <= 0) {
                 return serial;
             }
@@ -115,14 +104,13 @@ class Qemu {
 
   private:
     void press(const std::string& keys) const {
-        if (!keys.empty() && write(to_, keys.data(), keys.size()) < 0) {
+        if (!keys.empty() && write(console_, keys.data(), keys.size()) < 0) {
             throw std::runtime_error("the guest takes no keys");
         }
     }
 
     pid_t process_ = -1;
-    int to_ = -1;
-    int from_ = -1;
+    int console_ = -1;
     bool started_ = false;
 };
 
@@ -176,7 +164,7 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
     const ScratchFolder scratch;
     Volume with_script = volume;
     with_script["startup.nsh"].bytes.assign(script.begin(), script.end());
-    make_volume(scratch.path(), with_script);
+    make_volume(scratch, with_script);
 
     emulator::GuestSetup setup{&platform.guest, {}, {}, {}};
     setup.drives = {

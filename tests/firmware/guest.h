@@ -17,7 +17,6 @@ namespace firmware {
 /// A file or folder of the guest's volume.
 struct VolumeFile {
     std::vector<std::uint8_t> bytes;
-    bool read_only = false;
     bool folder = false;
 
     std::string text() const { return {bytes.begin(), bytes.end()}; }

@@ -11,79 +11,74 @@ namespace {
 
 using namespace firmware;
 
-TEST(Guest, CtrlCStopsATransferBetweenBlocks) {
+/// A machine, and a volume with the program.
+struct Guest : testing::Test {
+    Guest() {
+        add_program(volume);
+        volume["spilist.bin"].bytes = lab::shipped_chip_list();
+    }
+    emulator::Adapter& adapter(std::uint16_t device, std::uint8_t revision = 0) {
+        return machine.add(*emulator::find_adapter_model(0x1E5D, device), {0, 2, 0}, revision);
+    }
+    emulator::SpiChip& chip(std::uint16_t device) {
+        return machine.add_spi_chip(adapter(device), *emulator::find_spi_part("W25X40"),
+                                    emulator::kNeverBusy);
+    }
+    void run(const std::string& lines, const Operator& at_console) {
+        after = run_guest(machine, volume, "fs0:\r\n" + lines + "\r\nreset -s\r\n", at_console);
+        EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
+    }
+    bool prints(const std::string& text) const { return after.serial.find(text) != text.npos; }
+
     const emulator::SteadyClock clock;
-    emulator::Machine machine(clock);
-    auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, 0xC705), {0, 2, 0}, 0);
-    auto& chip =
-        machine.add_spi_chip(adapter, *emulator::find_spi_part("W25X40"), emulator::kNeverBusy);
-    std::ranges::fill(chip.contents(), std::uint8_t{0});
+    emulator::Machine machine{clock};
     Volume volume;
-    add_program(volume);
-    volume["spilist.bin"].bytes = lab::shipped_chip_list();
-    volume["image.bin"].bytes = lab::pattern(0x10000);
-    const auto break_it = [](const std::string& line) {
+    GuestResult after;
+};
+
+TEST_F(Guest, CtrlCStopsATransferBetweenBlocks) {
+    auto& spi = chip(0xC705);
+    std::ranges::fill(spi.contents(), std::uint8_t{0});
+    const auto image = lab::pattern(0x10000);
+    volume["image.bin"].bytes = image;
+    run("qfu -wbf image.bin -addr 0 -y", [](const std::string& line) {
         // The line with the erase progress ends when programming starts.
         return line.find("Erase block") == line.npos ? "" : "\x03reset -s\r";
-    };
-    const GuestResult guest = run_guest(
-        machine, volume, "fs0:\r\nqfu -wbf image.bin -addr 0 -y\r\nreset -s\r\n", break_it);
-    EXPECT_NE(guest.serial.find("Erase block 0000f000"), std::string::npos);
-    EXPECT_EQ(guest.serial.find("successful"), std::string::npos);
-    EXPECT_EQ(guest.serial.find("fail!!"), std::string::npos);
-    EXPECT_EQ(chip.contents()[0x10000], 0);
-    const auto image = lab::pattern(0x10000);
-    const std::uint64_t programmed = chip.count(emulator::Operation::kProgram);
+    });
+    EXPECT_TRUE(prints("Erase block 0000f000") && !prints("successful") && !prints("fail!!"));
+    EXPECT_EQ(spi.contents()[0x10000], 0);
+    const std::uint64_t programmed = spi.count(emulator::Operation::kProgram);
     EXPECT_LT(programmed, image.size());
     EXPECT_EQ(programmed % 4096, 0U);
-    EXPECT_TRUE(std::equal(image.begin(), image.begin() + static_cast<std::ptrdiff_t>(programmed),
-                           chip.contents().begin()));
-    EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
+    EXPECT_TRUE(
+        std::ranges::equal(std::span(image).first(programmed), spi.contents().first(programmed)));
 }
 
-TEST(Guest, AKeyEndsAnEndlessLoopbackAndSoDoesCtrlC) {
-    const emulator::SteadyClock clock;
-    emulator::Machine machine(clock);
-    auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, 0xC70A), {0, 2, 0}, 0);
-    machine.add_spi_chip(adapter, *emulator::find_spi_part("W25X40"), emulator::kNeverBusy);
-    Volume volume;
-    add_program(volume);
-    volume["spilist.bin"].bytes = lab::shipped_chip_list();
-    const auto press = [](const std::string& line) {
-        if (line.find("PHY test PRBS7") == line.npos) {
-            return "";
-        }
-        return line.find("6 Gb/s") == line.npos ? "k" : "\x03reset -s\r";
-    };
-    const GuestResult guest =
-        run_guest(machine, volume, "fs0:\r\nqfu -phytest -p 3 -lback\r\nreset -s\r\n", press);
-    for (const char* rate : {"1.5", "3", "6"}) {
-        EXPECT_NE(guest.serial.find("*Phy test successfully on Port 3 at Link Rate " +
-                                    std::string(rate) + "Gb/s."),
-                  std::string::npos)
-            << guest.serial;
+TEST_F(Guest, AKeyEndsAnEndlessLoopbackAndSoDoesCtrlC) {
+    chip(0xC70A);
+    run("qfu -phytest -p 3 -lback", [](const std::string& line) {
+        return line.find("PHY test PRBS7") == line.npos ? ""
+               : line.find("6 Gb/s") == line.npos       ? "k"
+                                                        : "\x03reset -s\r";
+    });
+    for (const std::string rate : {"1.5", "3", "6"}) {
+        EXPECT_TRUE(prints("*Phy test successfully on Port 3 at Link Rate " + rate + "Gb/s."))
+            << after.serial;
     }
-    EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
 }
 
-TEST(Guest, TheShellShowsTheManualAndRunsTheScriptOfParameters) {
-    const emulator::SteadyClock clock;
-    emulator::Machine machine(clock);
-    auto& adapter = machine.add(*emulator::find_adapter_model(0x1E5D, 0xC703), {0, 2, 0}, 0xA1);
-    machine.add_nor_chip(adapter, *emulator::find_nor_part(0x22CB00C2), emulator::kNeverBusy);
-    Volume volume;
-    add_program(volume);
-    volume["spilist.bin"].bytes = lab::shipped_chip_list();
-    const GuestResult guest = run_guest(machine, volume,
-                                        "fs0:\r\nqfu -? >a manual\r\nqfu -getparm p.nsh -adid 0\r\n"
-                                        "p.nsh\r\necho %ADCount% %DevId% %RevId% %FlashSize%\r\n"
-                                        "reset -s\r\n",
-                                        [](const std::string&) { return ""; });
-    const std::string manual = guest.volume.at("manual").text();
-    EXPECT_NE(manual.find("Programs, dumps and erases the flash"), std::string::npos) << manual;
-    EXPECT_NE(manual.find("-wpa:     wipe out whole chip."), std::string::npos) << manual;
-    EXPECT_NE(manual.find("-erctn, --error continue."), std::string::npos) << manual;
-    EXPECT_NE(guest.serial.find("1 C703 A1 0x800000"), std::string::npos) << guest.serial;
+TEST_F(Guest, TheShellShowsTheManualAndRunsTheScriptOfParameters) {
+    machine.add_nor_chip(adapter(0xC703, 0xA1), *emulator::find_nor_part(0x22CB00C2),
+                         emulator::kNeverBusy);
+    run("qfu -? >a manual\r\nqfu -getparm p.nsh -adid 0\r\n"
+        "p.nsh\r\necho %ADCount% %DevId% %RevId% %FlashSize%",
+        [](const std::string&) { return ""; });
+    const std::string manual = after.volume.at("manual").text();
+    for (const char* part : {"Programs, dumps and erases the flash",
+                             "-wpa:     wipe out whole chip.", "-erctn, --error continue."}) {
+        EXPECT_NE(manual.find(part), std::string::npos) << manual;
+    }
+    EXPECT_TRUE(prints("1 C703 A1 0x800000")) << after.serial;
 }
 
 TEST(Launcher, SaysWhatIsMissing) {
