@@ -51,9 +51,12 @@ TEST(Format, CutsAtTheBuffersEnd) {
     EXPECT_EQ(qfu_format({}, "abc", {}), 0U);
 }
 
-TEST(Print, ReturnsTheLengthWithoutCarriageReturnsAndCutsWhatIsLongerThanItsBuffers) {
+struct Console : testing::Test {
+    Console() { lab.attach(); }
     Lab lab;
-    lab.attach();
+};
+
+TEST_F(Console, PrintReturnsTheLengthWithoutCarriageReturnsAndCutsWhatIsLongerThanItsBuffers) {
     EXPECT_EQ(qfu_print("A\nB\xE4"), 4);
     EXPECT_EQ(lab.printed(), "A\r\nB\xE4");
     qfu_page_mode = true;
@@ -63,6 +66,20 @@ TEST(Print, ReturnsTheLengthWithoutCarriageReturnsAndCutsWhatIsLongerThanItsBuff
     EXPECT_EQ(qfu_print("%s", std::string(700, '\n').c_str()), 700);
     // 1023 places hold 511 pairs of carriage return and line feed and one more carriage return.
     EXPECT_EQ(lab.printed().size(), 1023U);
+}
+
+TEST_F(Console, DumpShowsCharactersFrom14To7F) {
+    EXPECT_EQ(qfu_hex_dump(lab::Bytes{0x13, 0x80, 0x14, 0x7F}), 0);
+    EXPECT_TRUE(lab.printed().ends_with(" 13 80 14 7F" + std::string(37, ' ') + "..\x14\x7F\r\n"));
+}
+
+TEST_F(Console, PlatformPrintKnowsNumbersTextsAndStatusNames) {
+    const CHAR16 name[] = {'a', '.', 'b', 0};
+    platform::print("%d %s: %r, %r.\n",
+                    {-12, name, EFI_ACCESS_DENIED, EFI_STATUS{0x80000000000000FF}});
+    EXPECT_EQ(lab.printed(), "-12 a.b: Access Denied, 80000000000000FF.\r\n");
+    platform::print("line\r\n", {});
+    EXPECT_EQ(lab.printed(), "line\r\n");
 }
 
 /// A page of text as it is handed over: what came before the key and what came after.
@@ -111,32 +128,6 @@ TEST(Paging, CutsLongLinesIntoPiecesOfEightyAndCountsEach) {
     EXPECT_EQ(qfu_page_lines, 1U);
     qfu_print("%s\n", line.substr(0, 79).c_str()); // the carriage return is the 80th
     EXPECT_EQ(qfu_page_lines, 3U);
-}
-
-TEST(HexDump, ShowsCharactersFrom14To7FAndPadsTheLastRow) {
-    Lab lab;
-    lab.attach();
-    const std::string header =
-        "              00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 0123456789ABCDEF\r\n";
-    const std::string bytes = "\x13\x80\x14\x7F" + std::string("EFGHIJKLMNOPQRST");
-    EXPECT_EQ(qfu_hex_dump(lab::Bytes(bytes.begin(), bytes.end())), 0);
-    EXPECT_EQ(lab.printed(),
-              header + "0x00000000    13 80 14 7F 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 ..\x14\x7F"
-                       "EFGHIJKLMNOP\r\n"
-                       "0x00000010    51 52 53 54                                     QRST\r\n");
-    qfu_hex_dump({});
-    EXPECT_EQ(lab.printed(), header);
-}
-
-TEST(PlatformPrint, KnowsNumbersTextsAndStatusNames) {
-    Lab lab;
-    lab.attach();
-    const CHAR16 name[] = {'a', '.', 'b', 0};
-    platform::print("%d %s: %r, %r.\n",
-                    {-12, name, EFI_ACCESS_DENIED, EFI_STATUS{0x80000000000000FF}});
-    EXPECT_EQ(lab.printed(), "-12 a.b: Access Denied, 80000000000000FF.\r\n");
-    platform::print("line\r\n", {});
-    EXPECT_EQ(lab.printed(), "line\r\n");
 }
 
 } // namespace

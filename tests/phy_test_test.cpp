@@ -9,7 +9,8 @@ namespace {
 
 /// One adapter with PHY test registers, and with a chip.
 struct Phy : lab::Bench {
-    explicit Phy(std::uint16_t device = 0xC70A) : Bench(device, "W25X40", 0, 0x10) {}
+    explicit Phy(std::uint16_t device = 0xC70A, std::uint8_t revision = 0x11)
+        : Bench(device, "W25X40", 0, revision) {}
     std::string run(const std::string& arguments, std::string_view keys = "") {
         lab.log();
         return lab.run("-phytest -p " + arguments, keys).console;
@@ -45,7 +46,7 @@ TEST(PhyRates, ArePreparedAndWrittenAsGenerationAndBoardWant) {
     for (const std::uint16_t device :
          std::initializer_list<std::uint16_t>{0xC70A, 0xC70F, 0xC717}) {
         for (const std::uint32_t ports : {0x03U, 0xFFU, 0x1FFU}) {
-            Phy p(device);
+            Phy p(device, 0x10);
             p.model.phy()->set_ports_implemented(ports);
             p.run("ALL");
             EXPECT_EQ(p.logged("preparation"), device != 0xC717 && ports == 0xFF ? 12U : 0U);
