@@ -1,7 +1,7 @@
 // Where a logic analyser is connected.
 #pragma once
 
-#include "fault.h"
+#include "operation.h"
 
 #include <cstdint>
 #include <string_view>

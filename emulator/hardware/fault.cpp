@@ -8,42 +8,6 @@
 namespace emulator {
 namespace {
 
-/// What an operation is, as far as faults are concerned.
-struct OperationTraits {
-    Operation operation;
-    std::string_view name;
-    bool on_spi; ///< sent to SPI flash by the program, so that faults can be aimed at it
-    bool on_nor;
-    bool addressed; ///< touches bytes of the chip
-    bool changes;   ///< programs or erases them
-    bool stores;    ///< changes something that the chip keeps
-    bool answers;   ///< sends bytes
-};
-
-constexpr std::array<OperationTraits, 18> kOperations = {
-    {
-     // operation, name, on SPI and NOR flash; is addressed, changes, stores, answers
-        {Operation::kReadId, "read id", true, true, false, false, false, true},
-     {Operation::kWriteEnable, "write enable", true, false, false, false, false, false},
-     {Operation::kWriteDisable, "write disable", true, false, false, false, false, false},
-     {Operation::kStatusEnable, "status enable", false, false, false, false, false, false},
-     {Operation::kReadStatus, "read status", true, false, false, false, false, true},
-     {Operation::kWriteStatus, "write status", true, false, false, false, true, false},
-     {Operation::kRead, "read", true, true, true, false, false, true},
-     {Operation::kProgram, "program", true, true, true, true, true, false},
-     {Operation::kProgramWord, "program word", false, false, true, true, true, false},
-     {Operation::kSectorErase, "sector erase", true, true, true, true, true, false},
-     {Operation::kBlockErase, "block erase", true, false, true, true, true, false},
-     {Operation::kChipErase, "chip erase", true, true, true, true, true, false},
-     {Operation::kQueryProtection, "query protection", true, false, true, false, false, true},
-     {Operation::kProtectSector, "protect sector", true, false, false, false, true, false},
-     {Operation::kUnprotectSector, "unprotect sector", true, false, false, false, true, false},
-     {Operation::kReset, "reset", false, true, false, false, false, false},
-     {Operation::kUnlockBypass, "unlock bypass", false, true, false, false, false, false},
-     {Operation::kBypassReset, "bypass reset", false, true, false, false, false, false},
-     }
-};
-
 constexpr std::array<std::pair<FaultKind, std::string_view>, 7> kFaultKinds = {
     {
      {FaultKind::kControllerBusy, "controller busy"},
@@ -60,19 +24,7 @@ bool touches(const Fault& fault, std::uint32_t address, std::uint64_t length) {
     return !fault.address || (*fault.address >= address && *fault.address - address < length);
 }
 
-static_assert(kOperations.size() + 1 == kOperationCount, "all but the unknown one");
-
 } // namespace
-
-std::string_view operation_name(Operation operation) {
-    const auto* found = std::ranges::find(kOperations, operation, &OperationTraits::operation);
-    return found == kOperations.end() ? "unknown" : found->name;
-}
-
-std::optional<Operation> operation_named(std::string_view name) {
-    const auto* found = std::ranges::find(kOperations, name, &OperationTraits::name);
-    return found == kOperations.end() ? std::nullopt : std::optional(found->operation);
-}
 
 std::vector<std::string_view> fault_kind_names() {
     std::vector<std::string_view> names;
@@ -111,11 +63,6 @@ std::vector<std::string_view> operations_of(ChipKind chip, FaultKind kind) {
         }
     }
     return names;
-}
-
-bool has_address(Operation operation) {
-    const auto* found = std::ranges::find(kOperations, operation, &OperationTraits::operation);
-    return found != kOperations.end() && found->addressed;
 }
 
 void Faults::begin(Operation operation, std::uint32_t address, std::uint64_t length) {

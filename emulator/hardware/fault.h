@@ -1,41 +1,14 @@
 // Faults of hardware as data: what goes wrong, on which operation, where and how often.
 #pragma once
 
-#include <cstddef>
+#include "operation.h"
+
 #include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
 
 namespace emulator {
-
-/// What a chip is asked to do.
-enum class Operation : std::uint8_t {
-    kUnknown,
-    kReadId,
-    kWriteEnable,
-    kWriteDisable,
-    kStatusEnable,
-    kReadStatus,
-    kWriteStatus,
-    kRead,
-    kProgram,
-    kProgramWord,
-    kSectorErase,
-    kBlockErase,
-    kChipErase,
-    kQueryProtection,
-    kProtectSector,
-    kUnprotectSector,
-    kReset,
-    kUnlockBypass,
-    kBypassReset,
-};
-inline constexpr std::size_t kOperationCount = 19;
-
-/// The operation's name in machine files and logs, or of the operation with that name.
-std::string_view operation_name(Operation operation);
-std::optional<Operation> operation_named(std::string_view name);
 
 /// What goes wrong.
 enum class FaultKind : std::uint8_t {
@@ -61,9 +34,6 @@ bool has_mask(FaultKind kind);
 
 /// The operations of such a chip that a fault of the kind changes anything about.
 std::vector<std::string_view> operations_of(ChipKind chip, FaultKind kind);
-
-/// True for operations that touch bytes of the chip.
-bool has_address(Operation operation);
 
 /// One fault. It strikes operations `on` (any when absent) that touch `address` (any when absent),
 /// from the `nth` of them on (the first is 1), `times` times (0: for ever).
