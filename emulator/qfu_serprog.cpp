@@ -1,5 +1,6 @@
 // Serves one emulated serial flash chip to flashrom and others that speak serprog.
 #include "command_line.h"
+#include "hardware/hex.h"
 #include "machine/image_files.h"
 #include "observe/report.h"
 #include "serprog.h"

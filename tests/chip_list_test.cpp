@@ -1,6 +1,7 @@
 // Every record of the shipped lists serves its chip: a part built from the data sheet, not from the
 // record, goes through the whole program, and through the two operations of the driver that no
 // command reaches.
+#include "hardware/hex.h"
 #include "lab.h"
 #include "qfu/adapter.h"
 #include "qfu/spi_flash.h"

@@ -1,3 +1,4 @@
+#include "hardware/hex.h"
 #include "qfu/uefi_nor.h"
 
 #include "lab.h"

@@ -1,6 +1,7 @@
 #include "launcher.h"
 
 #include "driver_bridge.h"
+#include "hardware/hex.h"
 #include "qemu_bridge.h"
 #include "support/input_error.h"
 

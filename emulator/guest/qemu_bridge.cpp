@@ -1,5 +1,6 @@
 #include "qemu_bridge.h"
 
+#include "hardware/hex.h"
 #include "support/input_error.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 #include "adapter.h"
 
+#include "hex.h"
 #include "units.h"
 
 #include <array>

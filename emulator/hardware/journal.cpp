@@ -1,7 +1,5 @@
 #include "journal.h"
 
-#include <array>
-#include <cstdio>
 #include <utility>
 
 namespace emulator {
@@ -31,13 +29,6 @@ void Journal::misuse(std::string_view place, std::initializer_list<std::string_v
 std::vector<std::string> Journal::take_misuses() {
     misuse_count_ = 0;
     return std::exchange(misuses_, {});
-}
-
-std::string hex(std::uint64_t value, int digits) {
-    std::array<char, 17> text{};
-    std::snprintf(text.data(), text.size(), "%0*llX", digits,
-                  static_cast<unsigned long long>(value));
-    return text.data();
 }
 
 } // namespace emulator

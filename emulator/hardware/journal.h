@@ -53,7 +53,4 @@ class Journal {
     BusProbes probes_;
 };
 
-/// Text of a number in capital hexadecimal digits, `digits` of them at least.
-std::string hex(std::uint64_t value, int digits);
-
 } // namespace emulator

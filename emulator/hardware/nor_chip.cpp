@@ -1,5 +1,7 @@
 #include "nor_chip.h"
 
+#include "hex.h"
+
 #include <algorithm>
 #include <optional>
 #include <utility>

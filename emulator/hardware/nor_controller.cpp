@@ -1,5 +1,7 @@
 #include "nor_controller.h"
 
+#include "hex.h"
+
 #include <utility>
 
 namespace emulator {

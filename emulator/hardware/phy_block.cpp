@@ -1,5 +1,6 @@
 #include "phy_block.h"
 
+#include "hex.h"
 #include "phy_pattern.h"
 
 #include <algorithm>

@@ -1,5 +1,7 @@
 #include "spi_chip.h"
 
+#include "hex.h"
+
 #include <algorithm>
 #include <utility>
 

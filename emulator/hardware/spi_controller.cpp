@@ -1,5 +1,7 @@
 #include "spi_controller.h"
 
+#include "hex.h"
+
 #include <array>
 #include <bit>
 #include <span>

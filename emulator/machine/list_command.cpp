@@ -2,6 +2,7 @@
 
 #include "hardware/adapter.h"
 #include "hardware/fault.h"
+#include "hardware/hex.h"
 #include "hardware/nor_part.h"
 #include "hardware/phy_block.h"
 #include "hardware/spi_part.h"

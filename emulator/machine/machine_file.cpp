@@ -1,5 +1,6 @@
 #include "machine_file.h"
 
+#include "hardware/hex.h"
 #include "support/nearest_word.h"
 #include "support/output_file.h"
 #include "support/table_reader.h"

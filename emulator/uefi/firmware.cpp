@@ -1,5 +1,7 @@
 #include "firmware.h"
 
+#include "hardware/hex.h"
+
 #include <array>
 #include <chrono>
 #include <cstring>

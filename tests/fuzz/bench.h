@@ -2,6 +2,7 @@
 // expectation ends the process, which is a finding.
 #pragma once
 
+#include "hardware/hex.h"
 #include "tests/lab.h"
 
 #include <cstring>

@@ -6,6 +6,7 @@
 // "zeros" fills the chip. Complaints follow " => ", with " | " between them; otherwise there must
 // be none. "NAME = ACCESS..." gives accesses a name. Machines and faults are described as in
 // sessions.
+#include "hardware/hex.h"
 #include "tests/player/machine_lines.h"
 
 #include <fstream>

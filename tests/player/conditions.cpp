@@ -1,5 +1,6 @@
 #include "conditions.h"
 
+#include "hardware/hex.h"
 #include "machine_lines.h"
 #include "support/input_error.h"
 

@@ -2,6 +2,7 @@
 
 #include "guest/driver_bridge.h"
 #include "guest/qemu_bridge.h"
+#include "hardware/hex.h"
 #include "player.h"
 #include "tests/firmware/guest.h"
 
