@@ -2,18 +2,10 @@
 
 #include "qfu/discover.h"
 
-#include <cstdio>
+#include <fmt/format.h>
 
 namespace jobs {
 namespace {
-
-/// Text like printf's.
-template <class... Values>
-std::string print(const char* format, Values... values) {
-    std::string text(static_cast<std::size_t>(std::snprintf(nullptr, 0, format, values...)), '\0');
-    std::snprintf(text.data(), text.size() + 1, format, values...);
-    return text;
-}
 
 class Script {
   public:
@@ -31,18 +23,18 @@ class Script {
 
 /// The model as "qfu -l" prints it, with the space before it.
 std::string ids(const Model& model) {
-    return print(" VenId=%x, DevId=%x,", model.vendor, model.device);
+    return fmt::format(" VenId={:x}, DevId={:x},", model.vendor, model.device);
 }
 
 std::string ids_name(const Model& model) {
-    return print("%04x:%04x", model.vendor, model.device);
+    return fmt::format("{:04x}:{:04x}", model.vendor, model.device);
 }
 
 std::string adapters_text(const AdapterJob& adapter) {
     std::string text = std::to_string(adapter.count) + " of " +
                        (adapter.model ? ids_name(*adapter.model) : "any model");
     for (const Place& place : adapter.places) {
-        text += print(" %02x:%02x.0", place.bus, place.device);
+        text += fmt::format(" {:02x}:{:02x}.0", place.bus, place.device);
     }
     return text;
 }
@@ -78,8 +70,8 @@ std::string plan(const Job& job) {
         const std::string number = std::to_string(i);
         script.set("JobHere", adapter.places.empty() ? "yes" : "no");
         for (const Place& place : adapter.places) {
-            script.line(
-                print("if \"%%JobPlace%%\" == \"[Bus=%X, Dev=%X,\" then", place.bus, place.device));
+            script.line(fmt::format("if \"%JobPlace%\" == \"[Bus={:X}, Dev={:X},\" then", place.bus,
+                                    place.device));
             script.set("JobHere", "yes");
             script.line("endif");
         }
@@ -92,7 +84,7 @@ std::string plan(const Job& job) {
         script.set("JobPlan", number);
         script.set("JobCount" + number, "%JobCount" + number + "%n");
         script.set("JobImage", adapter.image);
-        script.set("JobAddress", print("0x%x", adapter.address));
+        script.set("JobAddress", fmt::format("0x{:x}", adapter.address));
         script.set("JobImageSize", std::to_string(adapter.image_size));
         script.set("JobImageSum", adapter.image_sum);
         // The space keeps "set" from taking the word for an option of its own.

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <fmt/format.h>
 #include <fstream>
 #include <span>
 
@@ -28,15 +29,6 @@ constexpr std::uint32_t kLastDevice = 0xF;
 
 std::string in_quotes(std::string_view text) {
     return "\"" + std::string(text) + "\"";
-}
-
-std::string hexadecimal(std::uint16_t number) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string text = "0x";
-    for (int shift = 12; shift >= 0; shift -= 4) {
-        text.push_back(kDigits[number >> shift & 15]);
-    }
-    return text;
 }
 
 std::string read_word(TableReader& reader, std::string_view key,
@@ -80,12 +72,13 @@ std::optional<Model> read_model(TableReader& reader) {
             return Model{vendor, device};
         }
         if (entry.vendor_id == vendor) {
-            known.push_back(hexadecimal(entry.device_id));
+            known.push_back(fmt::format("0x{:04X}", entry.device_id));
         }
     }
-    reader.fail("device", support::unknown_word(
-                              "adapter of vendor " + hexadecimal(vendor), hexadecimal(device),
-                              std::vector<std::string_view>(known.begin(), known.end())));
+    reader.fail("device",
+                support::unknown_word(fmt::format("adapter of vendor 0x{:04X}", vendor),
+                                      fmt::format("0x{:04X}", device),
+                                      std::vector<std::string_view>(known.begin(), known.end())));
 }
 
 /// "01:04.0", as lspci prints it.

@@ -1,8 +1,7 @@
 #include "chip_list.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
+#include <fmt/format.h>
 
 namespace spilist {
 namespace {
@@ -34,9 +33,7 @@ std::string id_text(const QFU_CHIP_ENTRY& entry) {
 }
 
 std::string hex_byte(std::uint8_t byte) {
-    std::array<char, 3> text{};
-    std::snprintf(text.data(), text.size(), "%02X", byte);
-    return text.data();
+    return fmt::format("{:02X}", byte);
 }
 
 std::string size_text(std::uint32_t bytes) {

@@ -1,20 +1,12 @@
 #include "show.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
-#include <iomanip>
+#include <fmt/format.h>
 
 namespace spilist {
 namespace {
 
 using Row = std::vector<std::string>;
-
-std::string seconds_text(double seconds) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.1f s", seconds);
-    return text.data();
-}
 
 Row head() {
     Row row = {"#", "ID"};
@@ -37,7 +29,7 @@ Row row_of(const Chip& chip, std::size_t index) {
     for (const OpcodeField& field : kOpcodeFields) {
         row.push_back(hex_byte(chip.entry.*field.value));
     }
-    row.push_back(seconds_text(least_erase_seconds(chip.entry)));
+    row.push_back(fmt::format("{:.1f} s", least_erase_seconds(chip.entry)));
     row.push_back(parts_text(chip));
     return row;
 }
@@ -68,8 +60,7 @@ void show(const ChipList& list, std::ostream& out) {
     out << "version " << int{list.version_hi} << '.' << int{list.version_lo}
         << ", identification opcodes";
     for (const std::uint32_t word : list.id_opcodes) {
-        out << ' ' << std::hex << std::uppercase << std::setfill('0') << std::setw(2) << word
-            << std::dec;
+        out << fmt::format(" {:02X}", word);
     }
     out << '\n';
     std::vector<Row> rows = {head()};

@@ -2,24 +2,9 @@
 
 #include "hardware/spi_chip.h"
 
-#include <array>
-#include <cstdio>
+#include <fmt/format.h>
 
 namespace emulator {
-namespace {
-
-template <class... Values>
-std::string formatted(const char* format, Values... values) {
-    std::array<char, 160> line{};
-    std::snprintf(line.data(), line.size(), format, values...);
-    return line.data();
-}
-
-unsigned long long whole(std::uint64_t number) {
-    return number;
-}
-
-} // namespace
 
 BusSummary::BusSummary(Machine& machine, const Clock& clock) : machine_(&machine), clock_(&clock) {
     machine.journal().connect(*this);
@@ -69,20 +54,19 @@ std::string BusSummary::text() const {
     std::string text = "place     operation              count       bytes        seconds\n";
     for (const auto& [key, sum] : sums_) {
         const std::uint64_t running = &sum == last_ ? clock_->now_ns() - last_ns_ : 0;
-        text += formatted("%-8s  %-16s  %10llu  %10llu  %13.6f\n", key.first.c_str(),
-                          operation_name(key.second).data(), whole(sum.count), whole(sum.bytes),
-                          static_cast<double>(sum.nanoseconds + running) / 1e9);
+        text += fmt::format("{:8}  {:16}  {:10}  {:10}  {:13.6f}\n", key.first,
+                            operation_name(key.second), sum.count, sum.bytes,
+                            static_cast<double>(sum.nanoseconds + running) / 1e9);
     }
     for (const auto& adapter : machine_->adapters()) {
         const std::uint64_t accesses = adapter->accesses();
         const std::uint64_t bytes = bytes_moved(adapter->name());
         if (accesses != 0) {
-            text += "adapter " + adapter->name() + ": " +
-                    formatted("%llu register accesses", whole(accesses));
+            text += fmt::format("adapter {}: {} register accesses", adapter->name(), accesses);
             text += bytes == 0
                         ? "\n"
-                        : formatted(", %.2f a byte programmed or read\n",
-                                    static_cast<double>(accesses) / static_cast<double>(bytes));
+                        : fmt::format(", {:.2f} a byte programmed or read\n",
+                                      static_cast<double>(accesses) / static_cast<double>(bytes));
         }
     }
     return text;

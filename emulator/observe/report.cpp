@@ -1,8 +1,7 @@
 #include "report.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
+#include <fmt/format.h>
 #include <iostream>
 
 namespace emulator {
@@ -13,11 +12,7 @@ std::string time_column(std::uint64_t ns) {
     constexpr std::uint64_t kNsPerUs = 1'000;
     constexpr std::uint64_t kUsPerSecond = 1'000'000;
     const std::uint64_t us = ns / kNsPerUs;
-    std::array<char, 40> text{};
-    std::snprintf(text.data(), text.size(), "%5llu.%06llu  ",
-                  static_cast<unsigned long long>(us / kUsPerSecond),
-                  static_cast<unsigned long long>(us % kUsPerSecond));
-    return text.data();
+    return fmt::format("{:5}.{:06}  ", us / kUsPerSecond, us % kUsPerSecond);
 }
 
 } // namespace

@@ -1,8 +1,7 @@
 #include "time_account.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace emulator {
@@ -48,14 +47,11 @@ void TimeAccount::pass(std::uint64_t nanoseconds, TimeUse use) {
 }
 
 std::string TimeAccount::text() const {
-    std::array<char, 200> line{};
-    std::snprintf(line.data(), line.size(),
-                  "on hardware about %.6f s: chip busy %.6f s, pauses %.6f s, register accesses "
-                  "%.6f s (%llu reads, %llu writes)",
-                  in_seconds(total_ns()), in_seconds(busy_ns_), in_seconds(pause_ns_),
-                  in_seconds(access_ns_), static_cast<unsigned long long>(reads_),
-                  static_cast<unsigned long long>(writes_));
-    return line.data();
+    return fmt::format(
+        "on hardware about {:.6f} s: chip busy {:.6f} s, pauses {:.6f} s, register accesses "
+        "{:.6f} s ({} reads, {} writes)",
+        in_seconds(total_ns()), in_seconds(busy_ns_), in_seconds(pause_ns_), in_seconds(access_ns_),
+        reads_, writes_);
 }
 
 std::string TimeAccount::json() const {
