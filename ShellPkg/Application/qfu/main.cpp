@@ -6,6 +6,7 @@
 #include "context.h"
 #include "discover.h"
 #include "flash_cmd.h"
+#include "listing.h"
 #include "platform/pool.h"
 #include "platform/shell.h"
 #include "platform/system.h"
@@ -59,28 +60,6 @@ std::span<QFU_ADAPTER> found_adapters(QFU_CONTEXT& context) {
     return std::span(context.adapters).first(context.adapter_count);
 }
 
-void list_adapters(QFU_CONTEXT& context) {
-    bool any_chip = false;
-    for (QFU_ADAPTER& adapter : found_adapters(context)) {
-        qfu_print("%02d. VenId=%x, DevId=%x, ClassCode=%lx, %d ports ", adapter.index,
-                  adapter.vendor_id, adapter.device_id, adapter.class_rev, adapter.port_count);
-        qfu_print("[Bus=%X, Dev=%X, Fun=%x]\n", adapter.bus, adapter.dev, adapter.func);
-        for (std::size_t s = 0; s < adapter.slot.size(); ++s) {
-            QFU_FLASH_SLOT& slot = adapter.slot[s];
-            if (slot.chip == nullptr || slot.show_info == nullptr) {
-                continue;
-            }
-            adapter.current_slot = &slot;
-            qfu_print("    cs%d:", s);
-            slot.show_info(adapter);
-            any_chip = true;
-        }
-    }
-    if (!any_chip) {
-        qfu_print("No detected any Flash Chip,\n");
-    }
-}
-
 void run_named_adapters(QFU_CONTEXT& context) {
     if (context.has(QFU_REQ_ADAPTER_ALL)) {
         for (QFU_ADAPTER& adapter : found_adapters(context)) {
@@ -126,7 +105,7 @@ void choose_and_run(QFU_CONTEXT& context) {
         context.adapter_id < context.adapter_count) {
         run(context.adapters[context.adapter_id]);
     } else if (context.has(QFU_REQ_LIST)) {
-        list_adapters(context);
+        qfu_list_adapters(found_adapters(context));
     } else if (context.adapter_count == 1) {
         run(context.adapters[0]);
     } else if (context.has(QFU_REQ_ADAPTER)) {
