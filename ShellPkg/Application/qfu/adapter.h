@@ -35,7 +35,6 @@ struct QFU_ADAPTER {
     QFU_DETECT detect;
     QFU_FLASH_SLOT* current_slot; ///< the selected slot; null when detection found no chip
     std::array<QFU_FLASH_SLOT, 2> slot;
-    QFU_NOR_CHIP nor_chip; ///< behind slot 0
 };
 
 /// Adapters that one run serves at most.

@@ -78,12 +78,8 @@ constexpr BusCycle BYPASS_RESET[] = {
     {0, 0x00},
 };
 
-struct KnownChip {
-    std::uint32_t id_value; ///< manufacturer code in bits 0 to 15, device code in bits 16 to 31
-    std::uint32_t whole_size;
-};
 constexpr std::uint32_t ID_BOOT_BLOCKS_AT_BOTH_ENDS = 0x257E00EC;
-constexpr KnownChip KNOWN_CHIPS[] = {
+constexpr QFU_NOR_CHIP CHIPS[] = {
     {0x227E0001,                  0x800000},
     {0x22C900C2,                  0x800000},
     {0x22CB00C2,                  0x800000},
@@ -309,10 +305,9 @@ std::uint32_t qfu_norflash_identify(QFU_ADAPTER& adapter) {
     const std::uint32_t id = qfu_mem_read32(adapter.root_bridge, adapter.aux_base);
     QFU_FLASH_SLOT& slot = *adapter.current_slot;
     slot.chip = nullptr;
-    for (const KnownChip& known : KNOWN_CHIPS) {
+    for (const QFU_NOR_CHIP& known : CHIPS) {
         if (known.id_value == id) {
-            adapter.nor_chip = {known.id_value, known.whole_size};
-            slot.chip = &adapter.nor_chip;
+            slot.chip = &known;
             slot.chip_type = QFU_CHIP_NOR;
         }
     }
