@@ -22,10 +22,7 @@ namespace {
 
 using support::TableReader;
 
-constexpr std::int64_t kUsualVendor = 0x1E5D;
 constexpr std::int64_t kMostAdapters = QFU_MAX_ADAPTERS;
-constexpr std::uint32_t kLastBus = 0x3F;
-constexpr std::uint32_t kLastDevice = 0xF;
 
 std::string in_quotes(std::string_view text) {
     return "\"" + std::string(text) + "\"";
@@ -64,7 +61,7 @@ std::optional<Model> read_model(TableReader& reader) {
         return std::nullopt;
     }
     const auto vendor =
-        static_cast<std::uint16_t>(reader.number("vendor", 0, 0xFFFF, kUsualVendor));
+        static_cast<std::uint16_t>(reader.number("vendor", 0, 0xFFFF, QFU_USUAL_VENDOR));
     const auto device = static_cast<std::uint16_t>(reader.number("device", 0, 0xFFFF));
     std::vector<std::string> known;
     for (const QFU_DEVICE_ENTRY& entry : qfu_supported_adapters()) {
@@ -95,8 +92,8 @@ std::optional<Place> parse_place(std::string_view text) {
     if (colon == std::string_view::npos || !text.ends_with(".0")) {
         return std::nullopt;
     }
-    const auto bus = number(text.substr(0, colon), kLastBus);
-    const auto device = number(text.substr(colon + 1, text.size() - colon - 3), kLastDevice);
+    const auto bus = number(text.substr(0, colon), QFU_LAST_BUS);
+    const auto device = number(text.substr(colon + 1, text.size() - colon - 3), QFU_LAST_DEVICE);
     return bus && device ? std::optional(Place{*bus, *device}) : std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 #include "machine_file.h"
 
 #include "hardware/hex.h"
+#include "qfu/discover.h"
 #include "support/nearest_word.h"
 #include "support/output_file.h"
 #include "support/table_reader.h"
@@ -248,9 +249,8 @@ AccessTimes MachineReader::read_access_times(const toml::table& table) const {
 }
 
 const AdapterModel* MachineReader::read_model(TableReader& reader) {
-    constexpr std::int64_t kUsualVendor = 0x1E5D;
     const auto vendor =
-        static_cast<std::uint16_t>(reader.number("vendor", 0, 0xFFFF, kUsualVendor));
+        static_cast<std::uint16_t>(reader.number("vendor", 0, 0xFFFF, QFU_USUAL_VENDOR));
     const auto device = static_cast<std::uint16_t>(reader.number("device", 0, 0xFFFF));
     const AdapterModel* model = find_adapter_model(vendor, device);
     if (model == nullptr) {
@@ -270,10 +270,8 @@ const AdapterModel* MachineReader::read_model(TableReader& reader) {
 
 PciAddress MachineReader::read_place(TableReader& reader) {
     // An adapter elsewhere would not be found.
-    constexpr std::int64_t kLastBus = 63;
-    constexpr std::int64_t kLastSlot = 15;
-    const PciAddress place{static_cast<std::uint8_t>(reader.number("bus", 0, kLastBus, 0)),
-                           static_cast<std::uint8_t>(reader.number("slot", 0, kLastSlot)), 0};
+    const PciAddress place{static_cast<std::uint8_t>(reader.number("bus", 0, QFU_LAST_BUS, 0)),
+                           static_cast<std::uint8_t>(reader.number("slot", 0, QFU_LAST_DEVICE)), 0};
     const auto other = std::ranges::find(adapters_, place, &AdapterDescription::address);
     if (other != adapters_.end()) {
         reader.fail("slot",

@@ -24,13 +24,9 @@ struct CommandLine {
     }
 };
 
-bool is_decimal_digit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 /// -1 for a character that is no hexadecimal digit.
 int hex_digit(char c) {
-    if (is_decimal_digit(c)) {
+    if (qfu_is_digit(c)) {
         return c - '0';
     }
     if (c >= 'A' && c <= 'F') {
@@ -357,7 +353,7 @@ std::uint32_t qfu_find_option(std::uint32_t count, const char* const* argv, cons
 }
 
 bool qfu_is_decimal(const char* text) {
-    while (is_decimal_digit(*text)) {
+    while (qfu_is_digit(*text)) {
         ++text;
     }
     return *text == 0;
@@ -372,7 +368,7 @@ bool qfu_is_hex(const char* text) {
 
 std::uint32_t qfu_parse_decimal(const char* text) {
     std::uint32_t value = 0;
-    for (; is_decimal_digit(*text); ++text) {
+    for (; qfu_is_digit(*text); ++text) {
         value = value * 10 + static_cast<std::uint32_t>(*text - '0');
     }
     return value;

@@ -74,15 +74,11 @@ struct Conversion {
     char letter; ///< 0 when the format ended before it
 };
 
-bool is_digit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 std::int32_t parse_count(const char*& p) {
     // Nothing wider than a text fits its buffer, so larger numbers need no exact value.
     constexpr std::int32_t LARGE = 1'000'000;
     std::int32_t count = 0;
-    for (; is_digit(*p); ++p) {
+    for (; qfu_is_digit(*p); ++p) {
         count = qfu_smaller(count * 10 + (*p - '0'), LARGE);
     }
     return count;
@@ -113,7 +109,7 @@ void parse_flags(const char*& p, QFU_NUMBER_FLAGS& flags) {
 }
 
 void parse_width(const char*& p, Arguments& arguments, Conversion& c) {
-    if (is_digit(*p)) {
+    if (qfu_is_digit(*p)) {
         c.width = parse_count(p);
     } else if (*p == '*') {
         ++p;

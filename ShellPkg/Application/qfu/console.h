@@ -22,6 +22,11 @@ extern bool qfu_page_mode;
 /// Pieces printed since the last pause, over all calls of `qfu_print`.
 extern std::uint32_t qfu_page_lines;
 
+/// True for a decimal digit.
+constexpr bool qfu_is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
 /// One argument behind a format. It remembers its kind, so that a conversion that does not fit it
 /// prints something harmless instead of reading a number as an address.
 class QFU_FORMAT_ARGUMENT {

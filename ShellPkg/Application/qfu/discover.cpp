@@ -6,11 +6,6 @@
 
 namespace {
 
-constexpr std::uint64_t BUSES = 64;
-constexpr std::uint64_t DEVICES = 16;
-constexpr std::uint16_t READ_FAILED_16 = 0x5A5A;
-constexpr std::uint32_t READ_FAILED_32 = 0x5A5A5A5A;
-
 /// Configuration registers.
 constexpr std::uint64_t VENDOR_ID = 0x00;
 constexpr std::uint64_t DEVICE_ID = 0x02;
@@ -61,7 +56,8 @@ static_assert(rows_are_unique(SUPPORTED_ADAPTERS));
 
 std::uint32_t pci_read32(platform::RootBridge* bridge, std::uint64_t address) {
     std::uint32_t value = 0;
-    return platform::config_read32(bridge, address, value) == EFI_SUCCESS ? value : READ_FAILED_32;
+    return platform::config_read32(bridge, address, value) == EFI_SUCCESS ? value
+                                                                          : QFU_READ_FAILED_32;
 }
 
 /// Base address register `i`, taken by itself: the high half of a 64-bit pair is a register of its
@@ -114,7 +110,8 @@ std::span<const QFU_DEVICE_ENTRY> qfu_supported_adapters() {
 
 std::uint16_t qfu_pci_read16(platform::RootBridge* bridge, std::uint64_t address) {
     std::uint16_t value = 0;
-    return platform::config_read16(bridge, address, value) == EFI_SUCCESS ? value : READ_FAILED_16;
+    return platform::config_read16(bridge, address, value) == EFI_SUCCESS ? value
+                                                                          : QFU_READ_FAILED_16;
 }
 
 EFI_STATUS qfu_scan_pci(const QFU_DEVICE_ENTRY& row, QFU_CONTEXT& context) {
@@ -125,8 +122,8 @@ EFI_STATUS qfu_scan_pci(const QFU_DEVICE_ENTRY& row, QFU_CONTEXT& context) {
     if (bridge == nullptr) {
         return EFI_UNSUPPORTED;
     }
-    for (std::uint64_t bus = 0; bus < BUSES; ++bus) {
-        for (std::uint64_t device = 0; device < DEVICES; ++device) {
+    for (std::uint64_t bus = 0; bus <= QFU_LAST_BUS; ++bus) {
+        for (std::uint64_t device = 0; device <= QFU_LAST_DEVICE; ++device) {
             if (platform::break_requested()) {
                 return EFI_SUCCESS;
             }

@@ -6,6 +6,13 @@
 #include <cstdint>
 #include <span>
 
+/// Adapters are searched on buses and at device numbers from 0 to these, as function 0.
+inline constexpr std::uint32_t QFU_LAST_BUS = 63;
+inline constexpr std::uint32_t QFU_LAST_DEVICE = 15;
+
+/// The vendor of most adapters.
+inline constexpr std::uint16_t QFU_USUAL_VENDOR = 0x1E5D;
+
 /// One kind of adapter that the program serves.
 struct QFU_DEVICE_ENTRY {
     std::uint16_t vendor_id;
@@ -20,7 +27,7 @@ struct QFU_DEVICE_ENTRY {
 std::span<const QFU_DEVICE_ENTRY> qfu_supported_adapters();
 
 /// Reads one 16-bit configuration register; `address` carries the register in its low byte.
-/// @returns the value, or 0x5A5A when the firmware reports a failure
+/// @returns the value, or QFU_READ_FAILED_16
 std::uint16_t qfu_pci_read16(platform::RootBridge* bridge, std::uint64_t address);
 
 /// Searches PCI for the adapters of one row and appends them to the context's list.

@@ -6,9 +6,6 @@
 
 namespace {
 
-constexpr std::uint32_t READ_FAILED = 0x5A5A5A5A;
-constexpr std::uint16_t READ_FAILED_16 = 0x5A5A;
-
 constexpr std::uint32_t DATA_REGISTER = QFU_INDEX_REGISTER + 4;
 constexpr std::uint32_t INDEX_SPI_SPACE = 0x06000000; ///< the SPI controller behind the index
 constexpr std::uint8_t GENERATION_BARE_INDEX = 2;     ///< has nothing else behind the index
@@ -26,12 +23,14 @@ void select_indexed(QFU_ADAPTER& adapter, std::uint32_t reg) {
 
 std::uint32_t qfu_mem_read32(platform::RootBridge* bridge, std::uint32_t address) {
     std::uint32_t value = 0;
-    return platform::memory_read32(bridge, address, value) == EFI_SUCCESS ? value : READ_FAILED;
+    return platform::memory_read32(bridge, address, value) == EFI_SUCCESS ? value
+                                                                          : QFU_READ_FAILED_32;
 }
 
 std::uint16_t qfu_mem_read16(platform::RootBridge* bridge, std::uint32_t address) {
     std::uint16_t value = 0;
-    return platform::memory_read16(bridge, address, value) == EFI_SUCCESS ? value : READ_FAILED_16;
+    return platform::memory_read16(bridge, address, value) == EFI_SUCCESS ? value
+                                                                          : QFU_READ_FAILED_16;
 }
 
 EFI_STATUS qfu_mem_write32(platform::RootBridge* bridge, std::uint32_t address,

@@ -59,18 +59,20 @@ struct QFU_FLASH_SLOT {
 };
 static_assert(sizeof(QFU_FLASH_SLOT) == 13 * sizeof(void*));
 
-/// The chip behind a NOR slot.
+/// The chip of a NOR slot: a row of the driver's table.
 struct QFU_NOR_CHIP {
     std::uint32_t id_value;   ///< manufacturer code in bits 0 to 15, device code in bits 16 to 31
     std::uint32_t whole_size; ///< bytes
 };
 
-/// Reads one 32-bit register at a bus address.
-/// @returns the value, or 0x5A5A5A5A when the firmware reports a failure
+/// What a read gives when the firmware reports a failure.
+inline constexpr std::uint32_t QFU_READ_FAILED_32 = 0x5A5A5A5A;
+inline constexpr std::uint16_t QFU_READ_FAILED_16 = 0x5A5A;
+
+/// Reads one 32-bit register at a bus address. @returns the value, or QFU_READ_FAILED_32
 std::uint32_t qfu_mem_read32(platform::RootBridge* bridge, std::uint32_t address);
 
-/// Reads one 16-bit word at an even bus address.
-/// @returns the word, or 0x5A5A when the firmware reports a failure
+/// Reads one 16-bit word at an even bus address. @returns the word, or QFU_READ_FAILED_16
 std::uint16_t qfu_mem_read16(platform::RootBridge* bridge, std::uint32_t address);
 
 /// Writes one 32-bit register at a bus address. @returns the firmware's status
