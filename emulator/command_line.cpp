@@ -48,7 +48,7 @@ CommandLine::CommandLine(int argc, const char* const* argv) {
     const auto separator = std::ranges::find(words, "--");
     own.assign(words.begin(), separator);
     if (separator != words.end()) {
-        behind.assign(separator + 1, words.end());
+        after_dashes.assign(separator + 1, words.end());
     }
 }
 

@@ -12,10 +12,10 @@ class Arguments;
 
 namespace emulator {
 
-/// A command line: the program's own words and, behind "--", the words of what it runs.
+/// A command line: the program's own words and, after "--", the words of what it runs.
 struct CommandLine {
     std::vector<std::string> own;
-    std::vector<std::string> behind;
+    std::vector<std::string> after_dashes;
 
     CommandLine(int argc, const char* const* argv);
 };
@@ -29,7 +29,7 @@ void add_trace_options(const support::Arguments& arguments, TraceOptions& option
 inline constexpr int kCannotRun = 2;
 
 /// Reads a program's own words.
-/// @param hint  a right command line, shown when there are words that belong behind "--"
+/// @param hint  a right command line, shown when there are words that belong after "--"
 /// @returns the exit status when the program has to end: after help, or after a usage error that
 ///          was printed
 std::optional<int> read_command_line(const support::Arguments& arguments, const CommandLine& line,

@@ -228,7 +228,7 @@ int main(int argc, char** argv) try {
     arguments.usage("Usage: qfu-emu --machine FILE [OPTION...] -- QFU-ARGUMENT...\n"
                     "       qfu-emu list parts|adapters|faults");
     Options options;
-    options.arguments = line.behind;
+    options.arguments = line.after_dashes;
     arguments.option("--machine", options.machine, "machine file (TOML): adapters, chips, faults");
     arguments.option("--keys", options.keys,
                      "keys that are pressed, in order; without it they come from standard input");

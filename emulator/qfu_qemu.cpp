@@ -132,9 +132,9 @@ int main(int argc, char** argv) try {
     if (!options.guest.driver.empty() && !options.guest.kind->driver) {
         throw support::InputError("--driver is for a guest of AArch64");
     }
-    options.guest.further = line.behind;
-    if (!line.behind.empty() && !line.behind.front().starts_with('-')) {
-        throw support::InputError('"' + line.behind.front() +
+    options.guest.further = line.after_dashes;
+    if (!line.after_dashes.empty() && !line.after_dashes.front().starts_with('-')) {
+        throw support::InputError('"' + line.after_dashes.front() +
                                   "\" stands where further arguments for QEMU do, such as -smbios; "
                                   "--guest chooses QEMU itself");
     }

@@ -141,8 +141,8 @@ class Session {
     // Every command has the same shape, whether it needs the session or not.
     // NOLINTBEGIN(readability-convert-member-functions-to-static)
     Bytes do_nothing(std::span<const std::uint8_t> /*none*/) { return ack(); }
-    Bytes tell_version(std::span<const std::uint8_t> /*none*/) { return ack(1, 2); }
-    Bytes tell_commands(std::span<const std::uint8_t> /*none*/) {
+    Bytes version(std::span<const std::uint8_t> /*none*/) { return ack(1, 2); }
+    Bytes commands(std::span<const std::uint8_t> /*none*/) {
         Bytes map(1 + 256 / 8);
         map[0] = kAck;
         for (const Command& command : kCommands) {
@@ -151,16 +151,16 @@ class Session {
         }
         return map;
     }
-    Bytes tell_name(std::span<const std::uint8_t> /*none*/) {
+    Bytes name(std::span<const std::uint8_t> /*none*/) {
         constexpr std::string_view kName = "qfu-serprog";
-        Bytes name(1 + 16);
-        name[0] = kAck;
-        std::ranges::copy(kName, name.begin() + 1);
-        return name;
+        Bytes answer(1 + 16);
+        answer[0] = kAck;
+        std::ranges::copy(kName, answer.begin() + 1);
+        return answer;
     }
-    Bytes tell_serial_buffer(std::span<const std::uint8_t> /*none*/) { return ack(0xFFFF, 2); }
-    Bytes tell_buses(std::span<const std::uint8_t> /*none*/) { return ack(kSpiBus, 1); }
-    Bytes tell_most_bytes(std::span<const std::uint8_t> /*none*/) { return ack(0x10000, 3); }
+    Bytes serial_buffer(std::span<const std::uint8_t> /*none*/) { return ack(0xFFFF, 2); }
+    Bytes buses(std::span<const std::uint8_t> /*none*/) { return ack(kSpiBus, 1); }
+    Bytes most_bytes(std::span<const std::uint8_t> /*none*/) { return ack(0x10000, 3); }
     Bytes synchronize(std::span<const std::uint8_t> /*none*/) { return {kNak, kAck}; }
     Bytes choose_bus(std::span<const std::uint8_t> bus) {
         return bus[0] == kSpiBus ? ack() : Bytes{kNak};
@@ -196,16 +196,16 @@ class Session {
 
 constexpr std::array<Session::Command, 13> Session::kCommands = {
     {
-     // opcode, bytes behind it, what is answered
+     // opcode, bytes after it, what is answered
         {0x00, 0, &Session::do_nothing},
-     {0x01, 0, &Session::tell_version},
-     {0x02, 0, &Session::tell_commands},
-     {0x03, 0, &Session::tell_name},
-     {0x04, 0, &Session::tell_serial_buffer},
-     {0x05, 0, &Session::tell_buses},
-     {0x08, 0, &Session::tell_most_bytes},
+     {0x01, 0, &Session::version},
+     {0x02, 0, &Session::commands},
+     {0x03, 0, &Session::name},
+     {0x04, 0, &Session::serial_buffer},
+     {0x05, 0, &Session::buses},
+     {0x08, 0, &Session::most_bytes},
      {0x10, 0, &Session::synchronize},
-     {0x11, 0, &Session::tell_most_bytes},
+     {0x11, 0, &Session::most_bytes},
      {0x12, 1, &Session::choose_bus},
      {0x13, 6, &Session::clock_chip},
      {0x14, 4, &Session::choose_frequency},

@@ -120,7 +120,7 @@ TEST(Paging, CutsLongLinesIntoPiecesOfEightyAndCountsEach) {
     const std::string line(200, 'x');
     qfu_print("%s", line.c_str()); // pieces 22 and 23, and 40 characters that are not counted
     EXPECT_EQ(qfu_page_lines, 23U);
-    EXPECT_EQ(p.lab.firmware().terminal().prints(), 3U);
+    EXPECT_EQ(p.lab.firmware().terminal().print_count(), 3U);
     qfu_print("%s", line.c_str()); // a piece that is cut at 80 has its line feed after the key
     ASSERT_EQ(p.pauses.size(), 1U);
     EXPECT_EQ(p.pauses[0], std::string(280, 'x'));

@@ -102,7 +102,7 @@ Adapter::Adapter(const AdapterModel& model, PciAddress address, std::uint8_t rev
     if (model.interface == Interface::kIndexed) {
         phy_.emplace(PhyModel{model.generation, model.ports, revision}, name_, clock, journal);
     }
-    come_up();
+    reset();
 }
 
 std::uint32_t Adapter::config_read(std::uint32_t offset, int width) {
@@ -127,10 +127,10 @@ void Adapter::add_power_fault(const PowerFault& fault) {
 
 void Adapter::power_up() {
     power_.turn_on();
-    come_up();
+    reset();
 }
 
-void Adapter::come_up() {
+void Adapter::reset() {
     auto spi_chip = spi_.detach();
     spi_ = SpiController(layout(model_->interface), name_ + ".cs1", *journal_);
     if (spi_chip) {
@@ -166,8 +166,8 @@ bool Adapter::has_power() {
             lose_power();
             break;
         case Power::Event::kBack:
-            come_up();
-            tell_power("power is back");
+            reset();
+            report_power("power is back");
             break;
         }
     }
@@ -189,10 +189,10 @@ void Adapter::lose_power() {
     if (nor_ && nor_->chip() != nullptr) {
         nor_->chip()->lose_power(accesses_);
     }
-    tell_power("power is lost");
+    report_power("power is lost");
 }
 
-void Adapter::tell_power(std::string_view what) {
+void Adapter::report_power(std::string_view what) {
     if (journal_->wants_cycles()) {
         journal_->cycle(name_ + "  " + std::string(what));
     }

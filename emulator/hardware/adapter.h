@@ -110,8 +110,8 @@ class Adapter {
     bool has_power();
     void forget_ended_changes(std::uint64_t now_ns);
     void lose_power();
-    void tell_power(std::string_view what);
-    void come_up();
+    void report_power(std::string_view what);
+    void reset();
     std::uint32_t carry_out_read(PciFunction::Location at, int width);
     void carry_out_write(PciFunction::Location at, std::uint32_t value, int width);
     std::uint32_t read_window(std::uint32_t offset, int width);

@@ -31,20 +31,20 @@ class VirtualClock final : public Clock {
     std::uint64_t now_ns() const override { return now_; }
     void advance_us(std::uint64_t microseconds) { advance(microseconds * 1000, TimeUse::kPause); }
     void advance(std::uint64_t nanoseconds, TimeUse use) {
-        if (tell_) {
-            tell_(nanoseconds, use);
+        if (listener_) {
+            listener_(nanoseconds, use);
         }
         now_ += nanoseconds;
     }
 
-    /// Has somebody told, before it passes, how much time will pass and with what.
-    void when_time_passes(std::function<void(std::uint64_t nanoseconds, TimeUse use)> tell) {
-        tell_ = std::move(tell);
+    /// Calls the listener before time passes: how much, and with what.
+    void listen(std::function<void(std::uint64_t nanoseconds, TimeUse use)> listener) {
+        listener_ = std::move(listener);
     }
 
   private:
     std::uint64_t now_ = 0;
-    std::function<void(std::uint64_t, TimeUse)> tell_;
+    std::function<void(std::uint64_t, TimeUse)> listener_;
 };
 
 /// The host's time, for hardware whose driver runs in a guest and waits for real.

@@ -29,11 +29,11 @@ std::uint64_t busy_until_ns(const Machine& machine) {
 
 TimeAccount::TimeAccount(const Machine& machine, VirtualClock& clock)
     : machine_(&machine), clock_(&clock) {
-    clock.when_time_passes([this](std::uint64_t ns, TimeUse use) { pass(ns, use); });
+    clock.listen([this](std::uint64_t ns, TimeUse use) { pass(ns, use); });
 }
 
 TimeAccount::~TimeAccount() {
-    clock_->when_time_passes(nullptr);
+    clock_->listen(nullptr);
 }
 
 void TimeAccount::pass(std::uint64_t nanoseconds, TimeUse use) {

@@ -50,7 +50,7 @@ class Terminal {
     std::optional<KeyStroke> take_key();
 
     /// Texts handed over so far.
-    std::uint64_t prints() const { return prints_; }
+    std::uint64_t print_count() const { return prints_; }
 
     /// Noted when the program does something else than ask for a key.
     void note_activity() { asked_in_vain_ = 0; }

@@ -18,8 +18,8 @@ struct CommandLine {
 
     bool has(const char* option) const { return qfu_find_option(count, argv, option) != 0; }
 
-    /// The argument behind the one at `position`; null when the command line ends there.
-    const char* value_behind(std::uint32_t position) const {
+    /// The argument after the one at `position`; null when the command line ends there.
+    const char* value_after(std::uint32_t position) const {
         return position + 1 < count ? argv[position + 1] : nullptr;
     }
 };
@@ -108,7 +108,7 @@ bool parse_option(const CommandLine& line, const NumberOption<Field>& option,
         return true;
     }
     std::uint32_t value = 0;
-    if (!parse_value(line.value_behind(position), option.syntax, option.messages, value)) {
+    if (!parse_value(line.value_after(position), option.syntax, option.messages, value)) {
         return false;
     }
     context.flags |= option.flag;
@@ -124,7 +124,7 @@ struct SelectorOption {
 
 bool parse_option(const CommandLine& line, const SelectorOption& option, QFU_CONTEXT& context) {
     const std::uint32_t position = qfu_find_option(line.count, line.argv, option.number.name);
-    const char* value = position == 0 ? nullptr : line.value_behind(position);
+    const char* value = position == 0 ? nullptr : line.value_after(position);
     if (value != nullptr && std::string_view(value) == "ALL") {
         context.flags |= option.all_flag | option.number.flag;
         context.*option.number.field = 0;
@@ -205,7 +205,7 @@ bool parse_pattern(const CommandLine& line, QFU_CONTEXT& context) {
     if (position == 0) {
         return true;
     }
-    const char* word = line.value_behind(position);
+    const char* word = line.value_after(position);
     for (std::size_t code = 0; word != nullptr && code < PHY_PATTERNS.size(); ++code) {
         if (PHY_PATTERNS[code] == word) {
             context.phy_pattern = static_cast<std::uint16_t>(code);
@@ -276,7 +276,7 @@ bool open_file(const CommandLine& line, QFU_CONTEXT& context) {
         if (position == 0) {
             continue;
         }
-        const char* name = line.value_behind(position);
+        const char* name = line.value_after(position);
         if (name != nullptr) {
             context.file = qfu_fopen(name, option.access);
         }
