@@ -147,18 +147,15 @@ class Variants {
                 return misuse;
             }
         }
-        if (call == "memory read" || call == "memory write") {
+        // With several adapters, a lost answer may leave one out, and the command serves another.
+        const Bytes flash = flash_of(stage_);
+        if (call == "memory read" || call == "memory write" ||
+            stage_.machine->adapters().size() != 1 || lab::equal(flash, good_flash())) {
             return "";
         }
         const std::string good = good_run().console.data();
-        // With several adapters, a lost answer may leave one out, and the others succeed.
-        const bool success = stage_.machine->adapters().size() == 1 &&
-                             seen.console.find("Write file is successful") != good.npos &&
+        const bool success = seen.console.find("Write file is successful") != good.npos &&
                              seen.console.find(size_line(good)) != good.npos;
-        const Bytes flash = flash_of(stage_);
-        if (lab::equal(flash, good_flash())) {
-            return "";
-        }
         return success ? "success, but the flash differs"
                : lab::equal(flash, flash_before_) || is_explained(flash)
                    ? ""
