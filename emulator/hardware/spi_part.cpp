@@ -98,6 +98,10 @@ constexpr SpiPart kSpiParts[] = {
     {"FM25Q64",     0x9F, 3, {0xA1, 0x40, 0x17}, 8 * kMiB,   &k4K32K64K,        kOpen,    &kPages},
 };
 
+static_assert(std::ranges::all_of(kSpiParts, [](const SpiPart& part) {
+    return part.id_length <= part.id.size();
+}));
+
 } // namespace
 
 std::span<const SpiPart> spi_parts() {
