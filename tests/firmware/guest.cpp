@@ -19,7 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kTimeLimit{240};
-constexpr char kImage[] = "volume.img";
 
 void make_volume(const ScratchFolder& scratch, const Volume& volume) {
     for (const auto& [name, file] : volume) {
@@ -30,14 +29,12 @@ void make_volume(const ScratchFolder& scratch, const Volume& volume) {
         }
     }
     // Debian leaves /usr/sbin out of a plain user's path.
-    shell(scratch.path(), std::string("export PATH=$PATH:/usr/sbin; truncate -s 64M ") + kImage +
-                              " && mkfs.vfat -F 32 " + kImage + " && mcopy -s -i " + kImage +
-                              " in/* ::/");
+    shell(scratch.path(), "export PATH=$PATH:/usr/sbin; truncate -s 64M volume.img && "
+                          "mkfs.vfat -F 32 volume.img && mcopy -s -i volume.img in/* ::/");
 }
 
 Volume read_volume(const fs::path& folder) {
-    fs::create_directory(folder / "out");
-    shell(folder, std::string("mcopy -s -n -i ") + kImage + " '::/*' out/");
+    shell(folder, "mkdir out && mcopy -s -n -i volume.img '::/*' out/");
     Volume volume;
     for (const auto& entry : fs::recursive_directory_iterator(folder / "out")) {
         const std::string name = fs::relative(entry.path(), folder / "out").string();
@@ -49,10 +46,10 @@ Volume read_volume(const fs::path& folder) {
     return volume;
 }
 
-/// QEMU with its serial console on a socket.
+/// QEMU with its serial console on a socket, and a thread that serves its adapters.
 class Qemu {
   public:
-    Qemu(const emulator::GuestSetup& setup, emulator::GuestBridge& bridge) {
+    Qemu(const emulator::GuestSetup& setup, emulator::GuestBridge& bridge) : bridge_(bridge) {
         std::array<int, 2> ends{};
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
             throw std::runtime_error("no socket for QEMU");
@@ -60,6 +57,7 @@ class Qemu {
         process_ = emulator::start_guest(setup, bridge, ends[1], ends[1]);
         close(ends[1]);
         console_ = ends[0];
+        hardware_ = std::thread([&bridge] { bridge.serve(); });
     }
     Qemu(const Qemu&) = delete;
     Qemu& operator=(const Qemu&) = delete;
@@ -67,6 +65,8 @@ class Qemu {
         kill(process_, SIGKILL);
         waitpid(process_, nullptr, 0);
         close(console_);
+        bridge_.stop();
+        hardware_.join();
     }
 
     /// Passes the console's lines to its operator until QEMU ends.
@@ -109,27 +109,12 @@ class Qemu {
         }
     }
 
+    emulator::GuestBridge& bridge_;
     pid_t process_ = -1;
     int console_ = -1;
     bool started_ = false;
+    std::thread hardware_;
 };
-
-/// Boots a guest with adapters behind the bridge, and waits for its end.
-std::string run(const emulator::GuestSetup& setup, emulator::GuestBridge& bridge,
-                const Operator& at_console) {
-    Qemu qemu(setup, bridge);
-    std::thread hardware([&] { bridge.serve(); });
-    std::string serial;
-    try {
-        serial = qemu.watch(at_console);
-    } catch (...) {
-        bridge.stop();
-        hardware.join();
-        throw;
-    }
-    hardware.join();
-    return serial;
-}
 
 } // namespace
 
@@ -166,10 +151,8 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
     with_script["startup.nsh"].bytes.assign(script.begin(), script.end());
     make_volume(scratch, with_script);
 
-    emulator::GuestSetup setup{&platform.guest, {}, {}, {}};
-    setup.drives = {
-        {emulator::Drive::Kind::kDisk, (scratch.path() / kImage).string()}
-    };
+    const std::string image = (scratch.path() / "volume.img").string();
+    emulator::GuestSetup setup{&platform.guest, {{emulator::Drive::Kind::kDisk, image}}, {}, {}};
     if (!platform.guest.driver) {
         // The shell's count-down takes a second with any key. Firmware of AArch64 crashes when QEMU
         // hands over the shell.
@@ -179,7 +162,7 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
         setup.further = {"-kernel", shell_file, "-append", "-delay 0"};
     }
     GuestResult result;
-    result.serial = run(setup, bridge, at_console);
+    result.serial = Qemu(setup, bridge).watch(at_console);
     result.volume = read_volume(scratch.path());
     return result;
 }
@@ -197,7 +180,7 @@ std::string boot_medium(const Platform& platform, emulator::Machine& machine, co
     if (platform.guest.driver) {
         setup.driver = QFU_BUILD_DIR "/" + platform.build + "/bus-driver.efi";
     }
-    return run(setup, *bridge, at_console);
+    return Qemu(setup, *bridge).watch(at_console);
 }
 
 void add_program(Volume& volume, const Platform& platform) {
