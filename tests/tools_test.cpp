@@ -1,7 +1,6 @@
 // The built programs, run as a person runs them.
 #include "lab.h"
 
-#include <array>
 #include <cstdio>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -20,9 +19,8 @@ std::string shell(const std::filesystem::path& folder, const std::string& comman
         "owner='setpriv --bounding-set=-dac_override,-dac_read_search'; ";
     FILE* pipe = popen((setup + command).c_str(), "r");
     std::string output;
-    std::array<char, 4096> buffer{};
-    for (std::size_t got = 0; (got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
-        output.append(buffer.data(), got);
+    for (int c = 0; (c = fgetc(pipe)) != EOF;) {
+        output += static_cast<char>(c);
     }
     const int status = WEXITSTATUS(pclose(pipe));
     return status == 0 ? output : output + "= " + std::to_string(status) + "\n";
