@@ -35,7 +35,7 @@ GoodRun& good_run() {
 /// The contents of all chips in a row.
 Bytes flash_of(const Stage& stage) {
     Bytes flash;
-    for (const auto chip : session::chips_of(*stage.machine)) {
+    for (const auto& [place, chip] : session::chips_of(*stage.machine)) {
         flash.insert(flash.end(), chip.begin(), chip.end());
     }
     return flash;

@@ -60,38 +60,11 @@ std::string bus(const std::string& line, const Observation& seen) {
     return "bus: " + (result.empty() ? "nothing" : result);
 }
 
-struct Chip {
-    std::span<const std::uint8_t> now;
-    const Bytes* before;
-};
-
-/// The chip of a word like "0.cs1"; without a word the machine's only one.
-Chip find_chip(const std::string& place, const After& after) {
-    std::size_t i = 0;
-    const auto chips = chips_of(*after.stage.machine);
-    if (place.empty() && chips.size() != 1) {
-        throw support::InputError("name the chip, such as 0.cs1");
-    }
-    for (const auto& adapter : after.stage.machine->adapters()) {
-        const bool nor = adapter->nor() != nullptr && adapter->nor()->chip() != nullptr;
-        for (const char* select : {".cs0", ".cs1"}) {
-            if (select[3] == '0' ? !nor : adapter->spi().chip() == nullptr) {
-                continue;
-            }
-            if (place.empty() || place == adapter->name() + select) {
-                return {chips[i], &after.flash_before[i]};
-            }
-            ++i;
-        }
-    }
-    throw support::InputError("there is no chip " + place);
-}
-
-std::size_t number(const std::string& word, int base) {
+std::size_t number(const std::string& word) {
     std::size_t used = 0;
     std::size_t value = 0;
     try {
-        value = std::stoul(word, &used, base);
+        value = std::stoul(word, &used, 16);
     } catch (const std::exception&) {
         used = 0;
     }
@@ -101,77 +74,62 @@ std::size_t number(const std::string& word, int base) {
     return value;
 }
 
-std::vector<std::string> split_at_commas(const std::string& text) {
-    std::vector<std::string> parts;
-    std::istringstream in(text);
-    for (std::string part; std::getline(in, part, ',');) {
-        parts.push_back(part);
+/// The place that a word names; without a word that of the machine's only chip.
+std::string place_of(const Lines& words, std::size_t word, const After& after) {
+    const Flash& chips = after.flash_before;
+    if (word == words.size() && chips.size() != 1) {
+        throw support::InputError("name the chip, such as 0.cs1");
     }
-    return parts;
+    const std::string place = word == words.size() ? chips.begin()->first : words[word];
+    if (!chips.contains(place)) {
+        throw support::InputError("there is no chip " + place);
+    }
+    return place;
+}
+
+Bytes part_of(std::span<const std::uint8_t> chip, std::size_t address, std::size_t size) {
+    if (address > chip.size() || size > chip.size() - address) {
+        throw support::InputError("this is past the end of the chip");
+    }
+    const auto part = chip.subspan(address, size);
+    return {part.begin(), part.end()};
+}
+
+Bytes read_file(const std::filesystem::path& folder, const std::string& name) {
+    const auto bytes = find_file(folder, name);
+    if (!bytes) {
+        throw support::InputError("there is no file " + name);
+    }
+    return *bytes;
 }
 
 /// The first difference, or "".
-std::string difference(std::span<const std::uint8_t> now, std::span<const std::uint8_t> wanted,
-                       std::size_t address) {
-    if (now.size() < wanted.size()) {
-        return "ends before " + emulator::hex(address + wanted.size(), 1);
+std::string difference(std::span<const std::uint8_t> now, std::span<const std::uint8_t> wanted) {
+    const auto at = std::ranges::mismatch(now, wanted);
+    if (at.in1 != now.end() && at.in2 != wanted.end()) {
+        return "holds " + emulator::hex(*at.in1, 2) + " at " +
+               emulator::hex(static_cast<std::size_t>(at.in1 - now.begin()), 1) + ", not " +
+               emulator::hex(*at.in2, 2);
     }
-    const auto at = std::ranges::mismatch(wanted, now);
-    if (at.in1 == wanted.end()) {
-        return "";
-    }
-    const auto i = static_cast<std::size_t>(at.in1 - wanted.begin());
-    return "holds " + emulator::hex(now[i], 2) + " at " + emulator::hex(address + i, 1) + ", not " +
-           emulator::hex(wanted[i], 2);
+    return now.size() == wanted.size() ? ""
+                                       : "has " + std::to_string(now.size()) + " bytes, not " +
+                                             std::to_string(wanted.size());
 }
 
 /// "flash [PLACE]: @1000 = image.bin, @2000 10 = FF, rest same"
 std::string flash(const std::string& line, const After& after) {
     const std::size_t colon = line.find(':');
-    const auto head = split(line.substr(0, colon));
-    const Chip chip = find_chip(head.size() > 1 ? head[1] : "", after);
-    std::vector<bool> named(chip.now.size());
-    std::string wrong;
-    for (const std::string& part : split_at_commas(line.substr(colon + 1))) {
-        const auto words = split(part);
-        Bytes wanted;
-        std::size_t address = 0;
-        if (words.size() == 2 && words[0] == "rest") {
-            const bool same = words[1] == "same";
-            const auto byte = same ? 0 : static_cast<std::uint8_t>(number(words[1], 16));
-            wanted.assign(chip.now.begin(), chip.now.end());
-            for (std::size_t i = 0; i < wanted.size(); ++i) {
-                if (!named[i]) {
-                    wanted[i] = same ? (*chip.before)[i] : static_cast<std::uint8_t>(byte);
-                }
-            }
-        } else if (words.size() == 3 && words[0][0] == '@' && words[1] == "=") {
-            address = number(words[0].substr(1), 16);
-            wanted = find_file(after.folder, words[2]).value_or(Bytes{});
-        } else if (words.size() == 4 && words[0][0] == '@' && words[2] == "=") {
-            address = number(words[0].substr(1), 16);
-            const std::size_t size = number(words[1], 16);
-            if (words[3] == "same") {
-                const auto from = chip.before->begin() + static_cast<std::ptrdiff_t>(address);
-                wanted.assign(from, from + static_cast<std::ptrdiff_t>(size));
-            } else {
-                wanted.assign(size, static_cast<std::uint8_t>(number(words[3], 16)));
-            }
-        } else {
-            throw support::InputError("write @ADDRESS = FILE, @ADDRESS SIZE = BYTE or rest BYTE");
-        }
-        if (address + wanted.size() > chip.now.size()) {
-            throw support::InputError(part + " is past the end of the chip");
-        }
-        std::fill_n(named.begin() + static_cast<std::ptrdiff_t>(address), wanted.size(), true);
-        wrong = wrong.empty() ? difference(chip.now.subspan(address), wanted, address) : wrong;
-    }
+    const std::string place = place_of(split(line.substr(0, colon)), 1, after);
+    const auto chip = chips_of(*after.stage.machine).at(place);
+    const std::string wrong =
+        difference(chip, described_flash(line.substr(colon + 1), chip, after.flash_before.at(place),
+                                         after.folder));
     return wrong.empty() ? line : line.substr(0, colon) + " " + wrong;
 }
 
 /// "file NAME missing", "file NAME = OTHER", "file NAME = flash [PLACE] @1000 20"
 std::string file(const std::string& line, const After& after) {
-    const auto words = split(line);
+    auto words = split(line);
     const bool missing = words.size() == 3 && words[2] == "missing";
     if (!missing && (words.size() < 4 || words[2] != "=")) {
         throw support::InputError("write file NAME = OTHER, = flash @ADDRESS SIZE, or missing");
@@ -182,19 +140,16 @@ std::string file(const std::string& line, const After& after) {
     }
     Bytes wanted;
     if (words[3] == "flash") {
-        const std::size_t at = words.size() - 2;
-        const Chip chip = find_chip(at == 5 ? words[4] : "", after);
-        const std::size_t address = number(words[at].substr(1), 16);
-        const auto part = chip.now.subspan(address, number(words[at + 1], 16));
-        wanted.assign(part.begin(), part.end());
+        const std::size_t size = number(words.back());
+        words.pop_back();
+        const std::size_t address = number(words.back().substr(1));
+        words.pop_back();
+        const auto chips = chips_of(*after.stage.machine);
+        wanted = part_of(chips.at(place_of(words, 4, after)), address, size);
     } else if (words[3] != "nothing") {
-        wanted = find_file(after.folder, words[3]).value_or(Bytes{});
+        wanted = read_file(after.folder, words[3]);
     }
-    std::string wrong = difference(*bytes, wanted, 0);
-    if (wrong.empty() && bytes->size() != wanted.size()) {
-        wrong =
-            "has " + std::to_string(bytes->size()) + " bytes, not " + std::to_string(wanted.size());
-    }
+    const std::string wrong = difference(*bytes, wanted);
     return wrong.empty() ? line : "file " + words[1] + " " + wrong;
 }
 
@@ -203,8 +158,8 @@ std::string status_line(const Observation& seen) {
 }
 
 /// A line for each misuse; equal ones in a row are counted.
-std::vector<std::string> misuse_lines(const Observation& seen) {
-    std::vector<std::string> lines;
+Lines misuse_lines(const Observation& seen) {
+    Lines lines;
     for (std::size_t i = 0; i < seen.misuses.size();) {
         std::size_t same = i;
         while (same < seen.misuses.size() && seen.misuses[same] == seen.misuses[i]) {
@@ -218,6 +173,41 @@ std::vector<std::string> misuse_lines(const Observation& seen) {
 }
 
 } // namespace
+
+Bytes described_flash(const std::string& text, std::span<const std::uint8_t> now,
+                      std::span<const std::uint8_t> before, const std::filesystem::path& folder) {
+    Lines parts;
+    std::istringstream in(text);
+    for (std::string part; std::getline(in, part, ',');) {
+        parts.push_back(part);
+    }
+    Bytes result(now.begin(), now.end());
+    // The rest is described last, and the other parts lie on it.
+    for (std::size_t i = parts.size(); i-- > 0;) {
+        const auto words = split(parts[i]);
+        const bool rest = i + 1 == parts.size() && words.size() == 2 && words[0] == "rest";
+        const bool one_file = words.size() == 3 && words[1] == "=";
+        const bool sized = words.size() == 4 && words[2] == "=";
+        if (!rest && ((!one_file && !sized) || words[0][0] != '@')) {
+            throw support::InputError("write @ADDRESS = FILE, @ADDRESS SIZE = BYTE or rest BYTE");
+        }
+        const std::size_t address = rest ? 0 : number(words[0].substr(1));
+        Bytes bytes;
+        if (one_file) {
+            bytes = read_file(folder, words[2]);
+        } else {
+            const std::size_t size = rest ? now.size() : number(words[1]);
+            if (words.back() == "same") {
+                bytes = part_of(before, address, size);
+            } else {
+                bytes.assign(size, static_cast<std::uint8_t>(number(words.back())));
+            }
+        }
+        part_of(now, address, bytes.size());
+        std::ranges::copy(bytes, result.begin() + static_cast<std::ptrdiff_t>(address));
+    }
+    return result;
+}
 
 bool is_refused(const Observation& seen) {
     return seen.status == 3 && seen.console.ends_with(kRefusal);
@@ -246,8 +236,8 @@ std::optional<std::string> as_it_holds(const std::string& line, const After& aft
     return std::ranges::find(needed, line) != needed.end() ? std::optional(line) : std::nullopt;
 }
 
-std::vector<std::string> needed_lines(const Observation& seen) {
-    std::vector<std::string> lines = misuse_lines(seen);
+Lines needed_lines(const Observation& seen) {
+    Lines lines = misuse_lines(seen);
     if (seen.status != 0) {
         lines.insert(lines.begin(), status_line(seen));
     }

@@ -4,8 +4,6 @@
 #include "run.h"
 
 #include <optional>
-#include <string>
-#include <string_view>
 
 namespace session {
 
@@ -13,7 +11,7 @@ namespace session {
 struct After {
     const Stage& stage;
     const Observation& seen;
-    const std::vector<lab::Bytes>& flash_before; ///< of the command
+    const Flash& flash_before; ///< of the command
     std::filesystem::path folder;
 };
 
@@ -29,7 +27,15 @@ bool is_condition(const std::string& line);
 /// @throws support::InputError for a line that states no condition
 std::optional<std::string> as_it_holds(const std::string& line, const After& after);
 
+/// What a chip holds by a text like "@1000 = image.bin, @2000 10 = FF, rest same".
+/// @param now     holds the bytes that the text does not describe
+/// @param before  the bytes that are the "same"
+/// @throws support::InputError
+lab::Bytes described_flash(const std::string& text, std::span<const std::uint8_t> now,
+                           std::span<const std::uint8_t> before,
+                           const std::filesystem::path& folder);
+
 /// The lines that must be there whether or not the session has them: status, misuse, keys.
-std::vector<std::string> needed_lines(const Observation& seen);
+Lines needed_lines(const Observation& seen);
 
 } // namespace session

@@ -7,22 +7,18 @@
 #include "tests/firmware/guest.h"
 
 #include <algorithm>
-#include <iostream>
 #include <sstream>
 
 namespace session {
 namespace {
-
-using Lines = std::vector<std::string>;
 
 /// A stage in a guest: its machine there and what came out.
 struct Guest {
     Guest(std::string stage_name, const Stage& in_process, std::string stage_folder)
         : name(std::move(stage_name)), stage(&in_process), folder(std::move(stage_folder)) {
         machine = emulator::build_machine(stage->description, clock, images);
-        const auto chips = chips_of(*machine);
-        for (std::size_t i = 0; i < chips.size(); ++i) {
-            std::ranges::copy(stage->flash[i], chips[i].begin());
+        for (const auto& [place, chip] : chips_of(*machine)) {
+            std::ranges::copy(stage->flash.at(place), chip.begin());
         }
         machine->journal().listen_to_cycles(
             [this](std::string_view line) { cycles.emplace_back(line); });
@@ -116,19 +112,9 @@ firmware::Volume boot(const firmware::Platform& platform, const Guests& guests) 
     return run_guest(platform, bridge, volume, script, keys).volume;
 }
 
-/// The part of a console that is the same everywhere: not where in memory the image's bytes were.
-std::string comparable(std::string console) {
-    const std::string_view source = "Source(0x";
-    for (std::size_t at = 0; (at = console.find(source, at)) != console.npos;) {
-        at += source.size();
-        console.erase(at, console.find(')', at) - at);
-    }
-    return console;
-}
-
 /// Cycles without those whose number depends on the speed of the machine: status reads that found
 /// the chip busy, and reads of the PHY test block.
-Lines comparable(const Lines& cycles) {
+Lines comparable(Lines cycles) {
     const auto varies = [](const std::string& line) {
         constexpr std::string_view kStatus = "  05         < ";
         const std::size_t at = line.find(kStatus);
@@ -138,88 +124,69 @@ Lines comparable(const Lines& cycles) {
         }
         return line.find(".phy") != line.npos && line.find(" < ") != line.npos;
     };
-    Lines result;
-    std::ranges::remove_copy_if(cycles, std::back_inserter(result), varies);
-    return result;
+    std::erase_if(cycles, varies);
+    return cycles;
 }
 
-/// Collects what differs between the process and the guest.
-class Comparison {
+/// What came out of a stage, as lines that are the same in the process and in a guest.
+class Outcome {
   public:
-    explicit Comparison(const Guest& guest) : guest_(&guest) {}
-
-    template <class Value>
-    void expect_same(const std::string& what, const Value& in_process, const Value& in_guest) {
-        if (in_process != in_guest) {
-            std::cout << guest_->name << ": " << what << " differs in the guest\n";
-            print("process", in_process);
-            print("guest", in_guest);
-            same_ = false;
+    void add(const std::string& heading, const Lines& lines) {
+        lines_.push_back(heading + ":");
+        lines_.insert(lines_.end(), lines.begin(), lines.end());
+    }
+    /// Adds files or chips; a checksum stands for their bytes.
+    void add(const std::map<std::string, lab::Bytes>& contents) {
+        for (const auto& [name, bytes] : contents) {
+            const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+            lines_.push_back(name + ": " + std::to_string(bytes.size()) + " bytes, checksum " +
+                             emulator::hex(std::hash<std::string_view>()(text), 1));
         }
     }
-
-    bool same() const { return same_; }
+    const Lines& lines() const { return lines_; }
 
   private:
-    static void print(const char* where, const std::string& text) {
-        std::cout << where << ":\n" << text << '\n';
-    }
-    static void print(const char* where, const Lines& lines) {
-        std::string text;
-        for (const std::string& line : lines) {
-            text += line + '\n';
-        }
-        print(where, text);
-    }
-    template <class Value>
-    static void print(const char* /*where*/, const Value& /*bytes*/) {}
-
-    const Guest* guest_;
-    bool same_ = true;
+    Lines lines_;
 };
 
-bool compare(const Guest& guest, firmware::Volume& volume) {
-    Comparison comparison(guest);
+bool same_in_guest(const Guest& guest, firmware::Volume& volume) {
     const Stage& stage = *guest.stage;
+    Outcome in_process;
+    Outcome in_guest;
     Lines cycles;
     Lines misuses;
     for (std::size_t i = 0; i < stage.commands.size(); ++i) {
         const Observation& seen = stage.observations[i];
         cycles.insert(cycles.end(), seen.cycles.begin(), seen.cycles.end());
         misuses.insert(misuses.end(), seen.misuses.begin(), seen.misuses.end());
-        const std::string n = std::to_string(i);
-        const std::string& line = stage.commands[i].line;
-        if (!stage.commands[i].prints()) {
-            continue;
+        if (stage.commands[i].prints()) {
+            const std::string& line = stage.commands[i].line;
+            const std::string n = std::to_string(i);
+            const std::string status = volume[guest.folder + "~status" + n].text();
+            in_process.add("console of " + line, as_lines(seen.console));
+            in_guest.add("console of " + line, as_lines(volume[guest.folder + "~out" + n].text()));
+            in_process.add("status", {"0x" + emulator::hex(seen.status, 1)});
+            in_guest.add("status", {status.substr(0, status.find('\r'))});
         }
-        comparison.expect_same("console of \"" + line + "\"", comparable(seen.console),
-                               comparable(volume[guest.folder + "~out" + n].text()));
-        const std::string status = volume[guest.folder + "~status" + n].text();
-        comparison.expect_same("status of \"" + line + "\"", "0x" + emulator::hex(seen.status, 1),
-                               status.substr(0, status.find('\r')));
     }
-    Files before = stage.files_after;
-    Files after = files_of(guest, volume);
-    Lines names_before;
-    Lines names_after;
-    for (const auto& [name, bytes] : before) {
-        names_before.push_back(name);
-        comparison.expect_same("file " + name, bytes, after[name]);
-    }
-    for (const auto& [name, bytes] : after) {
-        names_after.push_back(name);
-    }
-    comparison.expect_same("list of files", names_before, names_after);
-    comparison.expect_same("flash", stage.flash_after, contents_of(*guest.machine));
-    comparison.expect_same("misuse", misuses, guest.machine->journal().misuses());
-    comparison.expect_same("flash bus", comparable(cycles), comparable(guest.cycles));
-    return comparison.same();
+    in_process.add(stage.files_after);
+    in_guest.add(files_of(guest, volume));
+    in_process.add(stage.flash_after);
+    in_guest.add(contents_of(*guest.machine));
+    in_process.add("misuse", misuses);
+    in_guest.add("misuse", guest.machine->journal().misuses());
+    in_process.add("flash bus", comparable(cycles));
+    in_guest.add("flash bus", comparable(guest.cycles));
+    return expect_same(guest.name, in_process.lines(), in_guest.lines());
 }
 
 bool play(const firmware::Platform& platform, const Guests& guests) {
     firmware::Volume volume = boot(platform, guests);
-    return std::ranges::count_if(guests,
-                                 [&](const auto& guest) { return !compare(*guest, volume); }) == 0;
+    bool same = true;
+    for (const auto& guest : guests) {
+        same = same_in_guest(*guest, volume) && same;
+    }
+    return same;
 }
 
 } // namespace

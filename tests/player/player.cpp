@@ -5,8 +5,9 @@
 #include "support/input_error.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
-#include <optional>
+#include <iostream>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -17,8 +18,6 @@ namespace fs = std::filesystem;
 using lab::Bytes;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 /// What is printed in front of erase and write progress: a return and 56 spaces.
 const std::string kBlank = "\r" + std::string(56, ' ');
@@ -45,31 +44,6 @@ void hide_source_address(std::string& line) {
         const std::size_t from = at + kSource.size();
         line.replace(from, line.find(')', from) - from, "X");
     }
-}
-
-/// A console as a session shows it. CR LF ends a line; all else is marked.
-Lines as_lines(const std::string& console) {
-    Lines lines;
-    std::istringstream in(console);
-    for (std::string line; std::getline(in, line);) {
-        const bool ended = !in.eof();
-        const bool whole = ended && line.ends_with('\r');
-        if (whole) {
-            line.pop_back();
-        }
-        hide_source_address(line);
-        replace_all(line, kBlank, "<BLANK>");
-        replace_all(line, "\r", "<CR>");
-        line += whole ? "" : ended ? "<LF>" : "<END>";
-        if (is_setting(line) || is_condition(line) || line.starts_with('\\')) {
-            line.insert(0, "\\");
-        }
-        lines.push_back(line);
-    }
-    if (!lines.empty() && lines.back().empty()) {
-        lines.back() = "<EMPTY>";
-    }
-    return lines;
 }
 
 /// Takes away the list of arguments with which qfu starts, or says that it is not there.
@@ -157,14 +131,14 @@ class Player {
             put(words);
         } else if (words[0] == "fill") {
             begin_stage();
-            fill(words);
+            fill(line, words);
         } else {
             set_up(line, words);
         }
     }
 
     /// Lines that come before a machine's first command.
-    void set_up(const std::string& line, const std::vector<std::string>& words) {
+    void set_up(const std::string& line, const Lines& words) {
         static const std::map<std::string, emulator::Shell> kShells = {
             {"no-parameters", emulator::Shell::kNoParameters},
             {"older",         emulator::Shell::kOlder       },
@@ -198,7 +172,7 @@ class Player {
     }
 
     /// put NAME = pattern SIZE [SEED], put NAME = "TEXT" or put NAME @OFFSET = BYTE...
-    void put(const std::vector<std::string>& words) {
+    void put(const Lines& words) {
         const std::string& name = words.at(1);
         if (words.at(2) == "=" && words.at(3) == "pattern") {
             const auto seed = words.size() > 5 ? std::stoul(words[5]) : 1;
@@ -221,15 +195,10 @@ class Player {
     }
 
     /// fill BYTE or fill @ADDRESS = NAME, in every chip
-    void fill(const std::vector<std::string>& words) {
-        for (const auto chip : chips_of(*stage().machine)) {
-            if (words.size() == 2) {
-                lab::fill(chip, static_cast<std::uint8_t>(std::stoul(words[1], nullptr, 16)));
-            } else {
-                const Bytes bytes = volume_.read(words.at(3));
-                const std::size_t at = std::stoul(words[1].substr(1), nullptr, 16);
-                std::ranges::copy(bytes, chip.subspan(at, bytes.size()).begin());
-            }
+    void fill(const std::string& line, const Lines& words) {
+        const std::string parts = words.size() == 2 ? "rest " + words[1] : line.substr(5);
+        for (const auto& [place, chip] : chips_of(*stage().machine)) {
+            std::ranges::copy(described_flash(parts, chip, {}, volume_.path()), chip.begin());
         }
         stage().flash = contents_of(*stage().machine);
     }
@@ -305,7 +274,6 @@ class Player {
         const std::size_t end = end_of_command();
         const std::span<const std::string> below = std::span(lines()).subspan(at_, end - at_);
         const bool registers = std::ranges::find(below, "registers:") != below.end();
-        result_.has_registers = result_.has_registers || registers;
         const auto before = contents_of(*stage().machine);
         if (before_ && command.is_qfu()) {
             before_(stage(), command, clock_, volume_.path());
@@ -392,6 +360,51 @@ class Player {
 };
 
 } // namespace
+
+Lines as_lines(const std::string& console) {
+    Lines lines;
+    std::istringstream in(console);
+    for (std::string line; std::getline(in, line);) {
+        const bool ended = !in.eof();
+        const bool whole = ended && line.ends_with('\r');
+        if (whole) {
+            line.pop_back();
+        }
+        hide_source_address(line);
+        replace_all(line, kBlank, "<BLANK>");
+        replace_all(line, "\r", "<CR>");
+        line += whole ? "" : ended ? "<LF>" : "<END>";
+        if (is_setting(line) || is_condition(line) || line.starts_with('\\')) {
+            line.insert(0, "\\");
+        }
+        lines.push_back(line);
+    }
+    if (!lines.empty() && lines.back().empty()) {
+        lines.back() = "<EMPTY>";
+    }
+    return lines;
+}
+
+void write_lines(const fs::path& file, const Lines& lines) {
+    std::ofstream out(file, std::ios::binary);
+    for (const std::string& line : lines) {
+        out << line << '\n';
+    }
+}
+
+bool expect_same(const std::string& name, const Lines& expected, const Lines& shown) {
+    if (shown == expected) {
+        return true;
+    }
+    const lab::ScratchFolder folder;
+    write_lines(folder.path() / "expected", expected);
+    write_lines(folder.path() / "shown", shown);
+    std::cout << std::flush;
+    static_cast<void>(std::system(("cd '" + folder.path().string() + "' && diff -u --label '" +
+                                   name + "' --label 'what came out' expected shown")
+                                      .c_str()));
+    return false;
+}
 
 Playback play(const fs::path& file, const BeforeCommand& before) {
     return Player(file, before).play();

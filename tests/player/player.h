@@ -7,7 +7,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace session {
 
@@ -19,11 +18,19 @@ class SessionError : public std::runtime_error {
 
 /// What came out of a session.
 struct Playback {
-    std::vector<std::string> expected; ///< the file's lines
-    std::vector<std::string> shown;    ///< the same lines with what came out
+    Lines expected; ///< the file's lines
+    Lines shown;    ///< the same lines with what came out
     std::vector<Stage> stages;
-    bool has_registers = false; ///< register accesses, which are only written by hand
 };
+
+/// A console as a session shows it. CR LF ends a line; all else is marked.
+Lines as_lines(const std::string& console);
+
+/// Prints how lines differ from what was expected of a file. @returns true when they do not
+bool expect_same(const std::string& name, const Lines& expected, const Lines& shown);
+
+/// Writes a file of lines.
+void write_lines(const std::filesystem::path& file, const Lines& lines);
 
 /// Called before each qfu command with its stage, so that a sweep can try variants in a fork.
 using BeforeCommand = std::function<void(const Stage&, const Command&, emulator::VirtualClock&,

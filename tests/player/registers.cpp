@@ -2,92 +2,57 @@
 
 #include <algorithm>
 #include <array>
-#include <string_view>
-#include <utility>
 
 namespace session {
 namespace {
 
 /// Index registers in BAR 5 with their data registers: SPI, and the PHY test's three.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 4> kIndexes = {
+constexpr std::array<std::array<std::string_view, 2>, 4> kPairs = {
     {
-     {"BAR5+000A8", "BAR5+000AC"},
-     {"BAR5+000B0", "BAR5+000B4"},
-     {"BAR5+00178", "BAR5+0017C"},
-     {"BAR5+001F8", "BAR5+001FC"},
+     {"BAR5+000A8<", "BAR5+000AC"},
+     {"BAR5+000B0<", "BAR5+000B4"},
+     {"BAR5+00178<", "BAR5+0017C"},
+     {"BAR5+001F8<", "BAR5+001FC"},
      }
 };
 
-/// True when the access goes to the data register of the index register that was written before.
-bool follows(const std::string& access, const std::string& index) {
-    return std::ranges::any_of(kIndexes, [&](const auto& pair) {
-        return index.starts_with(pair.first) && access.starts_with(pair.second);
+/// True for a write to an index register and an access to its data register.
+bool is_pair(const std::string& index, const std::string& data) {
+    return std::ranges::any_of(kPairs, [&](const auto& pair) {
+        return index.starts_with(pair[0]) && data.starts_with(pair[1]);
     });
 }
 
-bool is_index_write(const std::string& access) {
-    return access.find('<') != access.npos && std::ranges::any_of(kIndexes, [&](const auto& pair) {
-               return access.starts_with(pair.first);
-           });
-}
-
 /// "BAR5+000A8<06000004" as "A8:06000004".
-std::string short_index(const std::string& write) {
-    constexpr std::size_t kDigits = 5;
-    const std::size_t digit = write.find_first_not_of('0', kDigits);
-    const std::size_t arrow = write.find('<');
-    return write.substr(digit, arrow - digit) + ":" + write.substr(arrow + 1);
+std::string short_index(std::string write) {
+    write.replace(write.find('<'), 1, ":");
+    return write.substr(write.find_first_not_of('0', std::string_view("BAR5+").size()));
 }
 
 } // namespace
 
-RegisterLines::RegisterLines(emulator::Machine& machine) : machine_(&machine) {
-    machine.journal().listen_to_registers(
-        [this](std::string_view line) { note(std::string(line)); });
-}
-
-RegisterLines::~RegisterLines() {
-    machine_->journal().listen_to_registers(nullptr);
-}
-
-std::vector<std::string> RegisterLines::take() {
-    if (!index_.empty()) {
-        add(std::exchange(index_, {}));
+Lines register_lines(Lines accesses, bool named) {
+    for (std::string& access : accesses) { // "0  BAR5+000A8 < 06000004"
+        access.erase(0, named ? 0 : access.find(' '));
+        std::erase(access, ' ');
     }
-    return std::exchange(lines_, {});
-}
-
-void RegisterLines::note(const std::string& line) {
-    // "0  BAR5+000A8 < 06000004"; the adapter's name is left out on a machine with one.
-    std::string access = line;
-    std::erase(access, ' ');
-    const std::size_t name = line.find(' ');
-    if (machine_->adapters().size() == 1) {
-        access.erase(0, name);
-    }
-    if (!index_.empty()) {
-        const std::string index = std::exchange(index_, {});
-        if (follows(access, index)) {
-            add(short_index(index) + access.substr(access.find_first_of("<>")));
-            return;
+    Lines lines;
+    bool last_was_read = false;
+    for (std::size_t i = 0; i < accesses.size(); ++i) {
+        std::string access = accesses[i];
+        if (i + 1 < accesses.size() && is_pair(access, accesses[i + 1])) {
+            const std::string& data = accesses[++i];
+            access = short_index(access) + data.substr(data.find_first_of("<>"));
         }
-        add(index);
+        const bool read = access.find('>') != access.npos;
+        if (lines.empty() || (last_was_read && !read)) {
+            lines.push_back(access);
+        } else {
+            lines.back() += " " + access;
+        }
+        last_was_read = read;
     }
-    if (is_index_write(access)) {
-        index_ = access;
-    } else {
-        add(access);
-    }
-}
-
-void RegisterLines::add(const std::string& access) {
-    const bool read = access.find('>') != access.npos;
-    if (lines_.empty() || (last_was_read_ && !read)) {
-        lines_.push_back(access);
-    } else {
-        lines_.back() += " " + access;
-    }
-    last_was_read_ = read;
+    return lines;
 }
 
 } // namespace session

@@ -62,23 +62,23 @@ std::string run_shell_command(const Command& command, const fs::path& folder) {
 
 } // namespace
 
-std::vector<std::span<std::uint8_t>> chips_of(const emulator::Machine& machine) {
-    std::vector<std::span<std::uint8_t>> chips;
+std::map<std::string, std::span<std::uint8_t>> chips_of(const emulator::Machine& machine) {
+    std::map<std::string, std::span<std::uint8_t>> chips;
     for (const auto& adapter : machine.adapters()) {
         if (adapter->nor() != nullptr && adapter->nor()->chip() != nullptr) {
-            chips.push_back(adapter->nor()->chip()->contents());
+            chips[adapter->name() + ".cs0"] = adapter->nor()->chip()->contents();
         }
         if (adapter->spi().chip() != nullptr) {
-            chips.push_back(adapter->spi().chip()->contents());
+            chips[adapter->name() + ".cs1"] = adapter->spi().chip()->contents();
         }
     }
     return chips;
 }
 
-std::vector<Bytes> contents_of(const emulator::Machine& machine) {
-    std::vector<Bytes> contents;
-    for (const auto chip : chips_of(machine)) {
-        contents.emplace_back(chip.begin(), chip.end());
+Flash contents_of(const emulator::Machine& machine) {
+    Flash contents;
+    for (const auto& [place, chip] : chips_of(machine)) {
+        contents[place].assign(chip.begin(), chip.end());
     }
     return contents;
 }
@@ -117,9 +117,9 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     if (prepare) {
         prepare(firmware);
     }
-    std::optional<RegisterLines> registers;
     if (listen.registers) {
-        registers.emplace(machine);
+        machine.journal().listen_to_registers(
+            [&seen](std::string_view line) { seen.registers.emplace_back(line); });
     }
     if (listen.cycles) {
         machine.journal().listen_to_cycles(
@@ -135,8 +135,9 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     if (listen.cycles) {
         machine.journal().listen_to_cycles(nullptr);
     }
-    if (registers) {
-        seen.registers = registers->take();
+    if (listen.registers) {
+        machine.journal().listen_to_registers(nullptr);
+        seen.registers = register_lines(seen.registers, machine.adapters().size() > 1);
     }
     for (const auto& [operation, count] : count_operations(machine)) {
         seen.operations[operation] = count - operations_before.at(operation);

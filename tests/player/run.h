@@ -16,14 +16,16 @@
 
 namespace session {
 
+using Lines = std::vector<std::string>;
+
 /// Files of the shell's volume by path; folders end with a slash and have no bytes.
 using Files = std::map<std::string, lab::Bytes>;
 
 /// One command line of a session.
 struct Command {
-    std::string line;               ///< as it is typed, without the prompt
-    std::vector<std::string> words; ///< of the line
-    std::string keys;               ///< pressed while it runs
+    std::string line; ///< as it is typed, without the prompt
+    Lines words;      ///< of the line
+    std::string keys; ///< pressed while it runs
 
     bool is_qfu() const { return words[0] == "qfu"; }
     bool prints() const { return is_qfu() || words[0] == "type"; }
@@ -35,14 +37,17 @@ struct Observation {
     unsigned status = 0; ///< the shell's exit status
     std::uint64_t ns = 0;
     std::map<emulator::Operation, std::uint64_t> operations; ///< of all chips
-    std::vector<std::string> misuses;
+    Lines misuses;
     bool starved = false; ///< it asked for a key and nobody pressed one
     std::size_t unread_keys = 0;
-    std::vector<bool> failed_calls;     ///< which of the machine's firmware faults struck
-    std::vector<std::uint64_t> calls;   ///< of the firmware, in the order of kNamedCalls
-    std::vector<std::string> cycles;    ///< as the log has them, when somebody wants them
-    std::vector<std::string> registers; ///< the same, all accesses of a cycle on one line
+    std::vector<bool> failed_calls;   ///< which of the machine's firmware faults struck
+    std::vector<std::uint64_t> calls; ///< of the firmware, in the order of kNamedCalls
+    Lines cycles;                     ///< as the log has them, when somebody wants them
+    Lines registers;                  ///< the same, all accesses of a cycle on one line
 };
+
+/// What chips hold, by their places: "0.cs0" is the first adapter's NOR chip, "0.cs1" its SPI chip.
+using Flash = std::map<std::string, lab::Bytes>;
 
 /// One machine of a session and what happened on it.
 struct Stage {
@@ -50,20 +55,20 @@ struct Stage {
     std::shared_ptr<emulator::Machine> machine;
     emulator::Shell shell = emulator::Shell::kCurrent;
     bool root_bridge = true;
-    std::string process_only;      ///< why a guest cannot play it; empty when one can
-    Files files;                   ///< before the first command
-    std::vector<lab::Bytes> flash; ///< contents of the chips before the first command
+    std::string process_only; ///< why a guest cannot play it; empty when one can
+    Files files;              ///< before the first command
+    Flash flash;              ///< before the first command
     std::vector<Command> commands;
     std::vector<Observation> observations;
     Files files_after;
-    std::vector<lab::Bytes> flash_after;
+    Flash flash_after;
 };
 
-/// The chips of a machine in the order of its adapters, NOR before SPI.
-std::vector<std::span<std::uint8_t>> chips_of(const emulator::Machine& machine);
+/// The chips of a machine by their places.
+std::map<std::string, std::span<std::uint8_t>> chips_of(const emulator::Machine& machine);
 
-/// Copies of what the chips hold, in the same order.
-std::vector<lab::Bytes> contents_of(const emulator::Machine& machine);
+/// Copies of what the chips hold.
+Flash contents_of(const emulator::Machine& machine);
 
 /// What `run` listens to besides the console.
 struct Listen {
