@@ -5,6 +5,7 @@
 #include "support/input_error.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <sstream>
@@ -153,21 +154,17 @@ std::string file(const std::string& line, const After& after) {
     return wrong.empty() ? line : "file " + words[1] + " " + wrong;
 }
 
-std::string status_line(const Observation& seen) {
-    return is_refused(seen) ? "= refused" : "= " + std::to_string(seen.status);
-}
-
 /// A line for each misuse; equal ones in a row are counted.
 Lines misuse_lines(const Observation& seen) {
     Lines lines;
     for (std::size_t i = 0; i < seen.misuses.size();) {
-        std::size_t same = i;
-        while (same < seen.misuses.size() && seen.misuses[same] == seen.misuses[i]) {
-            ++same;
+        const std::string& misuse = seen.misuses[i];
+        std::size_t times = 0;
+        for (; i < seen.misuses.size() && seen.misuses[i] == misuse; ++i) {
+            ++times;
         }
-        const std::string times = same - i == 1 ? "" : " (" + std::to_string(same - i) + " times)";
-        lines.push_back("misuse: " + seen.misuses[i] + times);
-        i = same;
+        lines.push_back("misuse: " + misuse +
+                        (times == 1 ? "" : " (" + std::to_string(times) + " times)"));
     }
     return lines;
 }
@@ -214,9 +211,10 @@ bool is_refused(const Observation& seen) {
 }
 
 bool is_condition(const std::string& line) {
-    return line.starts_with("= ") || line.starts_with("took ") || line.starts_with("bus: ") ||
-           line.starts_with("flash: ") || line.starts_with("flash ") || line.starts_with("file ") ||
-           line.starts_with("misuse: ") || line == "starved";
+    constexpr std::array kStarts = {
+        "= ", "took ", "bus: ", "flash: ", "flash ", "file ", "misuse: "};
+    return line == "starved" ||
+           std::ranges::any_of(kStarts, [&](const char* start) { return line.starts_with(start); });
 }
 
 std::optional<std::string> as_it_holds(const std::string& line, const After& after) {
@@ -239,7 +237,8 @@ std::optional<std::string> as_it_holds(const std::string& line, const After& aft
 Lines needed_lines(const Observation& seen) {
     Lines lines = misuse_lines(seen);
     if (seen.status != 0) {
-        lines.insert(lines.begin(), status_line(seen));
+        lines.insert(lines.begin(),
+                     is_refused(seen) ? "= refused" : "= " + std::to_string(seen.status));
     }
     if (seen.starved) {
         lines.emplace_back("starved");

@@ -150,9 +150,9 @@ class Player {
         } else if (open_) {
             throw support::InputError("this machine is already in use; start with \"machine\"");
         } else if (words[0] == "shell") {
-            shell_ = kShells.at(words.at(1));
+            next_.shell = kShells.at(words.at(1));
         } else if (line == "no root bridge") {
-            root_bridge_ = false;
+            next_.root_bridge = false;
         } else if (!machine_.take(words, at_ - 1)) {
             throw support::InputError("no line of a session starts with " + words[0]);
         }
@@ -207,13 +207,11 @@ class Player {
         if (open_) {
             return;
         }
-        Stage stage;
+        Stage stage = std::exchange(next_, {});
         stage.description = machine_.describe();
-        stage.shell = shell_;
-        stage.root_bridge = root_bridge_;
         if (!stage.description.firmware_faults.empty()) {
             stage.process_only = "a guest's firmware does not fail on demand";
-        } else if (shell_ != emulator::Shell::kCurrent || !root_bridge_) {
+        } else if (stage.shell != emulator::Shell::kCurrent || !stage.root_bridge) {
             stage.process_only = "a guest has a shell and a root bridge";
         }
         stage.machine = emulator::build_machine(stage.description, clock_, images_);
@@ -231,8 +229,7 @@ class Player {
             expect_no_idle_fault();
         }
         open_ = false;
-        shell_ = emulator::Shell::kCurrent;
-        root_bridge_ = true;
+        next_ = {};
     }
 
     void expect_no_idle_fault() {
@@ -351,8 +348,7 @@ class Player {
     std::map<std::string, Text> texts_; ///< by the word that stands for each
     std::string keys_;                  ///< for the next command
     MachineLines machine_;
-    emulator::Shell shell_ = emulator::Shell::kCurrent;
-    bool root_bridge_ = true;
+    Stage next_;        ///< what the lines say so far besides the machine
     bool open_ = false; ///< the last stage is the current machine's
     emulator::VirtualClock clock_;
     emulator::ImageFiles images_;
