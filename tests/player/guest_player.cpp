@@ -4,6 +4,7 @@
 #include "guest/qemu_bridge.h"
 #include "hardware/hex.h"
 #include "player.h"
+#include "support/sha256.h"
 #include "tests/firmware/guest.h"
 
 #include <algorithm>
@@ -135,12 +136,17 @@ class Outcome {
         lines_.push_back(heading + ":");
         lines_.insert(lines_.end(), lines.begin(), lines.end());
     }
-    /// Adds files or chips; a checksum stands for their bytes.
+    /// Adds files or chips; a sum stands for their bytes.
     void add(const std::map<std::string, lab::Bytes>& contents) {
         for (const auto& [name, bytes] : contents) {
-            const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-            lines_.push_back(name + ": " + std::to_string(bytes.size()) + " bytes, checksum " +
-                             emulator::hex(std::hash<std::string_view>()(text), 1));
+            support::Sha256 sum;
+            sum.add(bytes);
+            std::string text;
+            for (const std::uint8_t byte : sum.finish()) {
+                text += emulator::hex(byte, 2);
+            }
+            lines_.push_back(name + ": " + std::to_string(bytes.size()) + " bytes, SHA-256 " +
+                             text);
         }
     }
     const Lines& lines() const { return lines_; }
