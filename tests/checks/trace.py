@@ -2,7 +2,7 @@
 """What --trace records is what happened.
 
 sigrok reads the wires of a write and a dump, on an indexed and on a window controller. The bytes are those of our own
-log, and BUSY is what each status read says. The parallel bus is read from the second file.
+log, and BUSY is what each status read says. The parallel bus is read from the second file. A guest's trace is read, too.
 """
 import os
 from pathlib import Path
@@ -95,6 +95,19 @@ def compare_parallel_bus():
         fail(f"parallel bus: {len(seen)} cycles recorded, {len(wanted)} logged, or they differ")
 
 
+def compare_guest(machine):
+    """The same in a guest, where time is real and firmware gives the BARs their addresses."""
+    Path("machine.toml").write_text(machine)
+    Path("startup.nsh").write_text("fs0:\r\nqfu -l\r\nreset -s\r\n")
+    for command in ("truncate -s 64M volume.img", "mkfs.vfat -F 32 volume.img",
+                    f"mcopy -i volume.img startup.nsh spilist.bin {ROOT}/build/efi/qfu.efi ::/"):
+        subprocess.run(command.split(), check=True, stdout=subprocess.DEVNULL,
+                       env=os.environ | {"PATH": os.environ["PATH"] + ":/usr/sbin"})
+    subprocess.run([ROOT / "build/host/qfu-qemu", "--machine", "machine.toml", "--disk", "volume.img", "--log",
+                    "guest.log", "--trace", "guest.vcd"], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    compare_wires("guest", Path("guest.log").read_text().splitlines(), 1)
+
+
 def check_pictures():
     subprocess.run([ROOT / "scripts/draw-pictures", os.getcwd()], check=True, stdout=subprocess.DEVNULL)
     for picture in (ROOT / "docs/pictures").glob("*.png"):
@@ -119,6 +132,7 @@ def main():
     if Path("fault.vcd").read_text().count("\ns0.cs1:_fault:_not_stored ") != 1:
         fail("the fault is not marked")
     compare_parallel_bus()
+    compare_guest(machine)
     check_pictures()
     print("trace: sigrok reads the wires as the log has them, and the pictures can be made")
 
