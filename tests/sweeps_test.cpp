@@ -41,7 +41,7 @@ Bytes flash_of(const Stage& stage) {
     return flash;
 }
 
-/// A command in front of its run. Each variant runs in a fork, so that the session goes on as if
+/// A command that is about to run. Each variant runs in a fork, so that the session goes on as if
 /// nothing had happened.
 class Variants {
   public:

@@ -1,37 +1,19 @@
 #include "conditions.h"
 
 #include "hardware/hex.h"
+#include "hardware/operation.h"
 #include "machine_lines.h"
 #include "support/input_error.h"
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstdio>
 #include <sstream>
 
 namespace session {
 namespace {
 
-using emulator::Operation;
 using lab::Bytes;
-
-/// Operations that can change a chip. A "bus:" line has them all.
-bool changes_chip(Operation operation) {
-    switch (operation) {
-    case Operation::kWriteStatus:
-    case Operation::kProgram:
-    case Operation::kProgramWord:
-    case Operation::kSectorErase:
-    case Operation::kBlockErase:
-    case Operation::kChipErase:
-    case Operation::kProtectSector:
-    case Operation::kUnprotectSector:
-        return true;
-    default:
-        return false;
-    }
-}
 
 /// "took 10.2 s" with as many digits as the session has.
 std::string took(const std::string& line, const Observation& seen) {
@@ -51,10 +33,12 @@ std::string took(const std::string& line, const Observation& seen) {
 /// "bus: 3 sector erase, 8 program": what the line names, and all that changes a chip.
 std::string bus(const std::string& line, const Observation& seen) {
     std::string result;
-    for (const auto& [operation, count] : seen.operations) {
-        const std::string name(operation_name(operation));
+    for (const emulator::OperationTraits& traits : emulator::kOperations) {
+        const std::string name(traits.name);
+        const std::uint64_t count =
+            seen.operations.contains(traits.operation) ? seen.operations.at(traits.operation) : 0;
         const bool named = (line + ',').find(' ' + name + ',') != line.npos;
-        if (named || (changes_chip(operation) && count > 0)) {
+        if (named || (traits.stores && count > 0)) {
             result += (result.empty() ? "" : ", ") + std::to_string(count) + " " + name;
         }
     }

@@ -233,13 +233,15 @@ class Player {
     }
 
     void expect_no_idle_fault() {
-        const auto& faults = stage().description.firmware_faults;
         auto idle = emulator::idle_faults(stage().description, *stage().machine);
-        for (std::size_t i = 0; i < faults.size(); ++i) {
-            if (std::ranges::none_of(stage().observations, [i](const Observation& seen) {
-                    return !seen.failed_calls.empty() && seen.failed_calls[i];
+        for (const auto& fault : stage().description.firmware_faults) {
+            const auto call = static_cast<std::size_t>(
+                std::ranges::find(emulator::kNamedCalls, fault.call, &emulator::NamedCall::name) -
+                emulator::kNamedCalls.begin());
+            if (std::ranges::none_of(stage().observations, [&](const Observation& seen) {
+                    return !seen.calls.empty() && seen.calls[call] >= fault.nth;
                 })) {
-                idle.push_back(faults[i].line);
+                idle.push_back(fault.line);
             }
         }
         // A machine file serves several sessions, and not each of them meets its faults.

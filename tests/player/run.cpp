@@ -152,10 +152,6 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     for (const emulator::NamedCall& call : emulator::kNamedCalls) {
         seen.calls.push_back((firmware.faults().*call.fault).calls());
     }
-    for (const auto& fault : stage.description.firmware_faults) {
-        seen.failed_calls.push_back(
-            !(firmware.faults().*emulator::call_named(fault.call)).never_struck());
-    }
     return seen;
 }
 

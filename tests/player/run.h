@@ -40,7 +40,6 @@ struct Observation {
     Lines misuses;
     bool starved = false; ///< it asked for a key and nobody pressed one
     std::size_t unread_keys = 0;
-    std::vector<bool> failed_calls;   ///< which of the machine's firmware faults struck
     std::vector<std::uint64_t> calls; ///< of the firmware, in the order of kNamedCalls
     Lines cycles;                     ///< as the log has them, when somebody wants them
     Lines registers;                  ///< the same, all accesses of a cycle on one line
