@@ -31,7 +31,7 @@ This package holds the tools around it for a Linux machine.
 .
 qfu-emu runs qfu in a process, on adapters and chips that a text file
 describes. qfu-qemu puts the same adapters into a QEMU guest. qfu-serprog serves an
-SPI flash chip to flashrom. spilist builds, checks, shows and compares the
+SPI flash chip to flashrom. spilist builds, checks and shows the
 chip lists that qfu reads. qfu-job checks unattended jobs and reads what
 machines say about them.")
 include(CPack)

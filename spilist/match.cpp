@@ -30,10 +30,25 @@ bool add_bytes(std::string_view word, std::vector<std::uint8_t>& bytes) {
     return bytes.size() <= kMostBytes;
 }
 
-std::vector<std::size_t> matching(const ChipList& list, const std::vector<std::uint8_t>& bytes) {
+} // namespace
+
+std::vector<std::uint8_t> parse_id(const std::string& text) {
+    std::vector<std::uint8_t> id;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        if (!add_bytes(word, id)) {
+            throw support::InputError("\"" + text +
+                                      "\" is no ID: give 1 to 4 bytes in hexadecimal as the data "
+                                      "sheet does, like EF 40 16 or 0xEF4016");
+        }
+    }
+    return id;
+}
+
+std::vector<std::size_t> match(const ChipList& list, const std::vector<std::uint8_t>& id) {
     std::uint32_t value = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        value |= std::uint32_t{bytes[i]} << 8 * i;
+    for (std::size_t i = 0; i < id.size(); ++i) {
+        value |= std::uint32_t{id[i]} << 8 * i;
     }
     std::vector<std::size_t> records;
     // The program takes the value 0 for no answer.
@@ -43,35 +58,6 @@ std::vector<std::size_t> matching(const ChipList& list, const std::vector<std::u
         }
     }
     return records;
-}
-
-} // namespace
-
-ChipId parse_id(const std::string& text) {
-    ChipId id{};
-    std::istringstream words(text);
-    std::size_t count = 0;
-    for (std::string word; words >> word; ++count) {
-        id.number = word.starts_with("0x") || word.starts_with("0X");
-        if (!add_bytes(word, id.bytes)) {
-            throw support::InputError("\"" + text +
-                                      "\" is no ID: give 1 to 4 bytes in hexadecimal as the data "
-                                      "sheet does, like EF 40 16 or 0xEF4016");
-        }
-    }
-    id.number = id.number && count == 1;
-    return id;
-}
-
-Match match(const ChipList& list, const ChipId& id) {
-    Match result{id.bytes, matching(list, id.bytes)};
-    if (result.records.empty() && id.number) {
-        std::vector<std::uint8_t> reversed(id.bytes.rbegin(), id.bytes.rend());
-        if (auto records = matching(list, reversed); !records.empty()) {
-            result = {std::move(reversed), std::move(records)};
-        }
-    }
-    return result;
 }
 
 } // namespace spilist

@@ -80,16 +80,4 @@ void show(const ChipList& list, std::ostream& out) {
     }
 }
 
-void take_names(ChipList& list, const ChipList& source) {
-    for (Chip& chip : list.chips) {
-        const auto named = std::ranges::find_if(source.chips, [&](const Chip& other) {
-            return id_text(other.entry) == id_text(chip.entry);
-        });
-        if (named != source.chips.end()) {
-            chip.parts = named->parts;
-            chip.note = named->note;
-        }
-    }
-}
-
 } // namespace spilist

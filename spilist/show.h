@@ -11,7 +11,4 @@ namespace spilist {
 /// Prints a table, a line a record, and the notes behind it.
 void show(const ChipList& list, std::ostream& out);
 
-/// Gives records of `list` the parts and the note that `source` has for their identification.
-void take_names(ChipList& list, const ChipList& source);
-
 } // namespace spilist

@@ -1,8 +1,6 @@
 // The chip list tool.
 #include "check.h"
-#include "diff.h"
 #include "image.h"
-#include "json.h"
 #include "match.h"
 #include "show.h"
 #include "source.h"
@@ -83,12 +81,9 @@ std::vector<Finding> warn(const std::string& file, const ChipList& list) {
 /// What the command line asks for.
 struct Options {
     std::string list;
-    std::string other;
     std::string output = "spilist.bin";
-    std::string source;
     std::vector<std::string> id;
     std::optional<std::string> erase_unit;
-    bool json = false;
 };
 
 /// @throws support::InputError unless the text is an erase unit of a chip
@@ -128,108 +123,54 @@ int run_build(const Options& options) {
 int run_check(const Options& options) {
     const ChipList list = read_list(options.list);
     const std::vector<Finding> findings = check(list);
-    if (options.json) {
-        std::cout << json(findings);
-    } else {
-        print(options.list, findings, std::cout);
-        std::cout << options.list << ": " << list.chips.size()
-                  << (list.chips.size() == 1 ? " record, " : " records, ") << findings.size()
-                  << (findings.size() == 1 ? " finding: " : " findings: ") << verdict(findings)
-                  << '\n';
-    }
+    print(options.list, findings, std::cout);
+    std::cout << options.list << ": " << list.chips.size()
+              << (list.chips.size() == 1 ? " record, " : " records, ") << findings.size()
+              << (findings.size() == 1 ? " finding: " : " findings: ") << verdict(findings) << '\n';
     return findings.empty() ? 0 : kFound;
 }
 
-/// Reads the list that is shown or searched, with the names of the source if there is one.
-ChipList read_named_list(const Options& options, std::vector<Finding>& findings) {
-    ChipList list = read_list(options.list);
-    findings = warn(options.list, list);
-    if (!options.source.empty()) {
-        take_names(list, read_source(options.source));
-    }
-    return list;
-}
-
 int run_show(const Options& options) {
-    std::vector<Finding> findings;
-    const ChipList list = read_named_list(options, findings);
-    if (options.json) {
-        std::cout << json(findings, list);
-    } else if (list.is_list) {
+    const ChipList list = read_list(options.list);
+    const std::vector<Finding> findings = warn(options.list, list);
+    if (list.is_list) {
         show(list, std::cout);
     }
     return findings.empty() ? 0 : kFound;
 }
 
-/// @throws support::InputError for a file that is no list, which differs in everything
-ChipList read_compared_list(const std::string& name) {
-    ChipList list = read_list(name);
-    if (!list.is_list) {
-        throw support::InputError(name + ": " + list.findings.front().field + ": " +
-                                  list.findings.front().what);
-    }
-    warn(name, list);
-    return list;
-}
-
-int run_diff(const Options& options) {
-    const ChipList before = read_compared_list(options.list);
-    const ChipList after = read_compared_list(options.other);
-    const std::vector<Difference> differences = diff(before, after);
-    if (options.json) {
-        std::cout << json(differences);
-        return differences.empty() ? 0 : kFound;
-    }
-    for (const Difference& difference : differences) {
-        std::cout << difference.entry << ": " << difference.field << ": "
-                  << (difference.before.empty() ? "none" : difference.before) << " -> "
-                  << (difference.after.empty() ? "none" : difference.after) << '\n';
-    }
-    return differences.empty() ? 0 : kFound;
-}
-
-void print(const ChipList& list, const Match& match) {
-    std::cout << "The chip sends " << bytes_text(match.bytes)
-              << (match.records.empty()
-                      ? ". No record matches.\n"
-                      : ". The program takes the first record whose ID bytes all match.\n");
-    for (const std::size_t record : match.records) {
-        const Chip& chip = list.chips[record];
-        std::cout << (record == match.records.front() ? "chosen" : "hidden") << ": record "
-                  << record << ", ID " << id_text(chip.entry) << ", "
-                  << size_text(chip.entry.whole_size) << (chip.parts.empty() ? "" : ", ")
-                  << parts_text(chip) << '\n';
-        if (!chip.note.empty()) {
-            std::cout << "note: " << chip.note << '\n';
-        }
-    }
-}
-
-/// From a list that the program rejects it takes no record.
+/// Prints the records that match a chip's answer, unless the program would reject the list.
 int run_match(const Options& options) {
     std::string text;
     for (const std::string& word : options.id) {
         text.append(text.empty() ? "" : " ").append(word);
     }
-    const ChipId id = parse_id(text);
-    std::vector<Finding> findings;
-    const ChipList list = read_named_list(options, findings);
-    const Match found = is_rejected(findings) ? Match{id.bytes, {}} : match(list, id);
-    if (options.json) {
-        std::cout << json(findings, list, found);
-    } else if (!is_rejected(findings)) {
-        if (found.bytes != id.bytes) {
-            std::cout << "No record matches " << bytes_text(id.bytes) << ". " << options.id.front()
-                      << " is taken as a number whose lowest byte is sent first.\n";
-        }
-        print(list, found);
+    const std::vector<std::uint8_t> id = parse_id(text);
+    const ChipList list = read_list(options.list);
+    const std::vector<Finding> findings = warn(options.list, list);
+    if (is_rejected(findings)) {
+        return kFound;
     }
-    return findings.empty() && !found.records.empty() ? 0 : kFound;
+    const std::vector<std::size_t> records = match(list, id);
+    std::cout << "The chip sends " << bytes_text(id)
+              << (records.empty()
+                      ? ". No record matches.\n"
+                      : ". The program takes the first record whose ID bytes all match.\n");
+    for (const std::size_t record : records) {
+        const Chip& chip = list.chips[record];
+        std::cout << (record == records.front() ? "chosen" : "hidden") << ": record " << record
+                  << ", ID " << id_text(chip.entry) << ", " << size_text(chip.entry.whole_size)
+                  << (chip.parts.empty() ? "" : ", ") << parts_text(chip) << '\n';
+        if (!chip.note.empty()) {
+            std::cout << "note: " << chip.note << '\n';
+        }
+    }
+    return findings.empty() && !records.empty() ? 0 : kFound;
 }
 
 /// What the parser does not say: which command a mistyped one was meant to be, and where help is.
 int explain(const support::UsageError& error, const std::string& first) {
-    constexpr std::string_view kCommands[] = {"build", "check", "show", "diff", "match"};
+    constexpr std::string_view kCommands[] = {"build", "check", "show", "match"};
     const bool known = std::ranges::find(kCommands, first) != std::end(kCommands);
     const bool says_it = known || first.empty() || first.starts_with('-');
     std::cerr << "spilist: "
@@ -241,7 +182,7 @@ int explain(const support::UsageError& error, const std::string& first) {
 
 int run(int argc, char** argv) {
     const support::Arguments arguments{
-        "Builds, checks, shows and compares chip lists for qfu.\n"
+        "Builds, checks and shows chip lists for qfu.\n"
         "A LIST is a list file or, when its name ends in .toml, a source.\n"
         "The exit status is 0; 1 when there is something to report; 2 when a command or "
         "file cannot be used.",
@@ -266,16 +207,11 @@ int run(int argc, char** argv) {
                  "  spilist build chips.toml --erase-unit 64K -o fast.bin");
 
     const support::Command check = arguments.command("check", "say what is wrong with a list");
-    check.footer("Examples:\n"
-                 "  spilist check spilist.bin\n"
-                 "  spilist check chips.toml --json");
+    check.footer("Example:\n"
+                 "  spilist check spilist.bin");
     const support::Command show = arguments.command("show", "print a table of a list's records");
-    show.footer("Examples:\n"
-                "  spilist show chips.toml\n"
-                "  spilist show spilist.bin --source chips.toml");
-    const support::Command diff = arguments.command("diff", "say what differs between two lists");
-    diff.footer("Example:\n"
-                "  spilist diff old.bin chips.toml");
+    show.footer("Example:\n"
+                "  spilist show chips.toml");
     const support::Command match = arguments.command("match", "say which record a chip would get");
     match.footer(
         "The ID is what the data sheet gives as the answer to opcode 9F, and what \"qfu -l\" "
@@ -284,14 +220,9 @@ int run(int argc, char** argv) {
         "Examples:\n"
         "  spilist match spilist.bin EF 40 16\n"
         "  spilist match chips.toml 0xEF4016");
-    for (const support::Command& command : {check, show, diff, match}) {
+    for (const support::Command& command : {check, show, match}) {
         command.option("list", options.list, "list file, or source that ends in .toml").required();
-        command.flag("--json", options.json, "print JSON");
     }
-    for (const support::Command& command : {show, match}) {
-        command.option("--source", options.source, "source that has part names and notes");
-    }
-    diff.option("other", options.other, "other list file or source").required();
     match.option("id", options.id, "bytes that the chip answers").required();
     const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
     try {
@@ -307,10 +238,7 @@ int run(int argc, char** argv) {
     if (check.was_given()) {
         return run_check(options);
     }
-    if (show.was_given()) {
-        return run_show(options);
-    }
-    return diff.was_given() ? run_diff(options) : run_match(options);
+    return show.was_given() ? run_show(options) : run_match(options);
 }
 
 } // namespace
