@@ -5,12 +5,9 @@
 #include "machine/list_command.h"
 #include "machine/machine_file.h"
 #include "observe/bus_summary.h"
-#include "observe/bus_trace.h"
 #include "observe/report.h"
 #include "observe/time_account.h"
-#include "support/arguments.h"
 #include "support/input_error.h"
-#include "support/nearest_word.h"
 #include "support/version.h"
 
 #include <algorithm>
@@ -204,54 +201,38 @@ int run(const Options& options) {
     return static_cast<int>(status & 0xFF);
 }
 
-int list(const std::string& wanted) {
-    const auto* topic = std::ranges::find(kListTopics, wanted, &ListTopic::name);
-    if (topic == kListTopics.end()) {
-        std::vector<std::string_view> names;
-        std::ranges::transform(kListTopics, std::back_inserter(names), &ListTopic::name);
-        throw support::InputError(support::unknown_word("list", wanted, names));
-    }
-    topic->print();
-    support::finish_standard_output();
-    return 0;
-}
-
 } // namespace
 
 int main(int argc, char** argv) try {
     const CommandLine line(argc, argv);
-    const support::Arguments arguments{
-        "Runs qfu on an emulated machine and shows its console.\n"
-        "The exit status is what the UEFI shell would show: 0, or 3 when qfu reports a "
-        "failure. It is 2 when the emulator cannot do its part.",
-        "qfu-emu"};
-    arguments.usage("Usage: qfu-emu --machine FILE [OPTION...] -- QFU-ARGUMENT...\n"
-                    "       qfu-emu list parts|adapters|faults");
+    CLI::App app("Runs qfu on an emulated machine and shows its console. Words after \"--\" are "
+                 "qfu's.\n"
+                 "The exit status is what the UEFI shell would show: 0, or 3 when qfu reports a "
+                 "failure. It is 2 when the emulator cannot do its part.",
+                 "qfu-emu");
     Options options;
     options.arguments = line.after_dashes;
-    arguments.option("--machine", options.machine, "machine file (TOML): adapters, chips, faults");
-    arguments.option("--keys", options.keys,
-                     "keys that are pressed, in order; without it they come from standard input");
-    arguments.option("--dir", options.folder, "folder that the shell sees as its volume FS0:")
-        .existing_folder();
-    arguments.option("--log", options.log,
-                     "file that receives what happens on the flash bus and in the PHY test block");
-    add_trace_options(arguments, options.trace);
-    arguments
-        .option("--estimate", options.estimate,
-                "print how long the run would take on hardware and where the time would go, as "
-                "text or json, in place of the console")
-        .one_of({"text", "json"});
-    arguments.flag(
-        "--summary", options.summary,
-        "print at the end, on standard error, which operations ran on the flash bus, how "
-        "often and how long");
-    const support::Command list_command =
-        arguments.command("list", "print what machine files can name");
-    list_command.option("things", options.topic, "parts, adapters or faults");
-    list_command.usage("Usage: qfu-emu list parts|adapters|faults");
-    list_command.footer("Example:\n  qfu-emu list parts");
-    arguments.footer(
+    app.add_option("--machine", options.machine, "machine file (TOML): adapters, chips, faults");
+    app.add_option("--keys", options.keys,
+                   "keys that are pressed, in order; without it they come from standard input");
+    app.add_option("--dir", options.folder, "folder that the shell sees as its volume FS0:")
+        ->check(CLI::ExistingDirectory);
+    app.add_option("--log", options.log,
+                   "file that receives what happens on the flash bus and in the PHY test block");
+    add_trace_options(app, options.trace);
+    app.add_option("--estimate", options.estimate,
+                   "print how long the run would take on hardware and where the time would go, as "
+                   "text or json, in place of the console")
+        ->check(CLI::IsMember({"text", "json"}));
+    app.add_flag("--summary", options.summary,
+                 "print at the end, on standard error, which operations ran on the flash bus, how "
+                 "often and how long");
+    CLI::App* list = app.add_subcommand("list", "print what machine files can name");
+    list->add_option("things", options.topic, "what to print")
+        ->required()
+        ->check(CLI::IsMember(&list_topics()));
+    list->footer("Example:\n  qfu-emu list parts");
+    app.footer(
         "Examples:\n"
         "  qfu-emu --machine emulator/machines/indexed.toml --dir work -- -l\n"
         "  qfu-emu --machine emulator/machines/indexed.toml --dir work --log cycles.txt -- "
@@ -260,12 +241,14 @@ int main(int argc, char** argv) try {
         "  qfu-emu --machine emulator/machines/bar0.toml --dir work --estimate json -- "
         "-wbf image.bin -addr 0 -y\n"
         "  qfu-emu list parts");
-    arguments.version(support::version_line("qfu-emu"));
-    if (const auto status = read_command_line(arguments, line, "qfu-emu --machine FILE -- -l")) {
+    app.set_version_flag("--version", support::version_line("qfu-emu"));
+    if (const auto status = support::read_arguments(app, line.own)) {
         return *status;
     }
-    if (list_command.was_given()) {
-        return list(options.topic);
+    if (list->parsed()) {
+        list_topics().at(options.topic)();
+        support::finish_standard_output();
+        return 0;
     }
     if (options.machine.empty()) {
         throw support::InputError("--machine is missing; \"qfu-emu --help\" tells more");
@@ -273,5 +256,5 @@ int main(int argc, char** argv) try {
     return run(options);
 } catch (const std::exception& error) {
     std::cerr << "qfu-emu: " << error.what() << '\n';
-    return emulator::kCannotRun;
+    return support::kCannotRun;
 }

@@ -2,9 +2,7 @@
 #include "command_line.h"
 #include "guest/launcher.h"
 #include "machine/machine_file.h"
-#include "observe/bus_trace.h"
 #include "observe/report.h"
-#include "support/arguments.h"
 #include "support/input_error.h"
 #include "support/version.h"
 
@@ -83,49 +81,49 @@ int run(const Options& options) {
         trace->finish("qfu-qemu");
     }
     images.expect_kept();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : kCannotRun;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : support::kCannotRun;
 }
 
 } // namespace
 
 int main(int argc, char** argv) try {
     const CommandLine line(argc, argv);
-    const support::Arguments arguments{
+    CLI::App app(
         "Boots a QEMU guest with a machine file's adapters. Its serial console is standard input "
-        "and output; on a terminal, Ctrl-A and then X ends the guest.\n"
+        "and output; on a terminal, Ctrl-A and then X ends the guest. Words after \"--\" are added "
+        "to QEMU's command line.\n"
         "The exit status is QEMU's, or 2 when the guest cannot be started.",
-        "qfu-qemu"};
-    arguments.usage("Usage: qfu-qemu --machine FILE [OPTION...] [-- QEMU-ARGUMENT...]");
+        "qfu-qemu");
     Options options;
-    arguments.option("--machine", options.machine, "machine file (TOML)").required();
+    app.add_option("--machine", options.machine, "machine file (TOML)")->required();
     std::vector<std::string> kinds;
     kinds.reserve(kGuestKinds.size());
     for (const GuestKind* kind : kGuestKinds) {
         kinds.emplace_back(kind->name);
     }
     std::string kind = kinds.front();
-    arguments.option("--guest", kind, "processor and firmware").one_of(kinds).show_default();
+    app.add_option("--guest", kind, "processor and firmware")
+        ->check(CLI::IsMember(kinds))
+        ->capture_default_str();
     std::vector<std::string> disks;
     std::vector<std::string> sticks;
     std::vector<std::string> cds;
-    arguments.option("--disk", disks, "image of a disk, which the guest writes to")
-        .one_value_each();
-    arguments.option("--stick", sticks, "image of a USB stick, which the guest writes to")
-        .one_value_each();
-    arguments.option("--cd", cds, "image of a CD").one_value_each();
-    arguments.option("--driver", options.guest.driver,
-                     "bus-driver.efi, which an AArch64 guest needs to reach the adapters, for "
-                     "firmware to start; without it load the driver in the shell");
-    arguments.option("--log", options.log,
-                     "file that receives what happens on the flash bus and in the PHY test block");
-    add_trace_options(arguments, options.trace);
-    arguments.footer("Example:\n"
-                     "  qfu-qemu --machine emulator/machines/indexed.toml --disk volume.img\n"
-                     "Words after \"--\" are added to QEMU's command line.\n"
-                     "scripts/run makes such a volume, and does the main job in the guest.");
-    arguments.version(support::version_line("qfu-qemu"));
-    if (const auto status =
-            read_command_line(arguments, line, "qfu-qemu --machine FILE -- -smbios type=1")) {
+    app.add_option("--disk", disks, "image of a disk, which the guest writes to")
+        ->allow_extra_args(false);
+    app.add_option("--stick", sticks, "image of a USB stick, which the guest writes to")
+        ->allow_extra_args(false);
+    app.add_option("--cd", cds, "image of a CD")->allow_extra_args(false);
+    app.add_option("--driver", options.guest.driver,
+                   "bus-driver.efi, which an AArch64 guest needs to reach the adapters, for "
+                   "firmware to start; without it load the driver in the shell");
+    app.add_option("--log", options.log,
+                   "file that receives what happens on the flash bus and in the PHY test block");
+    add_trace_options(app, options.trace);
+    app.footer("Example:\n"
+               "  qfu-qemu --machine emulator/machines/indexed.toml --disk volume.img\n"
+               "scripts/run makes such a volume, and does the main job in the guest.");
+    app.set_version_flag("--version", support::version_line("qfu-qemu"));
+    if (const auto status = support::read_arguments(app, line.own)) {
         return *status;
     }
     options.guest.kind = *std::ranges::find(kGuestKinds, kind, &GuestKind::name);
@@ -149,5 +147,5 @@ int main(int argc, char** argv) try {
     return run(options);
 } catch (const std::exception& error) {
     std::cerr << "qfu-qemu: " << error.what() << '\n';
-    return emulator::kCannotRun;
+    return support::kCannotRun;
 }

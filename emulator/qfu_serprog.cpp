@@ -1,5 +1,4 @@
 // Serves one emulated serial flash chip to flashrom and others that speak serprog.
-#include "command_line.h"
 #include "hardware/hex.h"
 #include "machine/image_files.h"
 #include "observe/report.h"
@@ -101,37 +100,34 @@ int run(const Options& options) {
 } // namespace
 
 int main(int argc, char** argv) try {
-    const CommandLine line(argc, argv);
-    const support::Arguments arguments{
-        "Serves an emulated SPI flash chip to a program that speaks serprog, such as "
-        "flashrom, on a port of this machine alone. One client at a time; its misuse of "
-        "the chip is listed at the end.\n"
-        "The exit status is 0, or 2 when the chip cannot be served.",
-        "qfu-serprog"};
-    arguments.usage("Usage: qfu-serprog --part NAME [OPTION...]");
+    CLI::App app("Serves an emulated SPI flash chip to a program that speaks serprog, such as "
+                 "flashrom, on a port of this machine alone. One client at a time; its misuse of "
+                 "the chip is listed at the end.\n"
+                 "The exit status is 0, or 2 when the chip cannot be served.",
+                 "qfu-serprog");
     Options options;
-    arguments.option("--part", options.part, "the chip; \"qfu-emu list parts\" names all")
-        .required();
-    arguments.option("--image", options.image,
-                     "file that keeps the contents; made when it is missing");
-    arguments.option("--port", options.port,
-                     "TCP port; 0 or nothing: any free one, which is printed");
-    arguments.option("--status", options.status, "status register at power-up");
-    arguments
-        .option("--refuse", options.refused, "opcode that the chip shall not know; can be repeated")
-        .one_value_each();
-    arguments.flag("--never-busy", options.never_busy,
-                   "the chip is ready at once after each command");
-    arguments.flag("--once", options.once, "end when the first client has left");
-    arguments.footer("Examples:\n"
-                     "  qfu-serprog --part W25Q32 --image chip.bin --port 4000\n"
-                     "  flashrom -p serprog:ip=127.0.0.1:4000 -r dump.bin");
-    arguments.version(support::version_line("qfu-serprog"));
-    if (const auto status = read_command_line(arguments, line, "qfu-serprog --part NAME")) {
+    app.add_option("--part", options.part, "the chip; \"qfu-emu list parts\" names all")
+        ->required();
+    app.add_option("--image", options.image,
+                   "file that keeps the contents; made when it is missing");
+    app.add_option("--port", options.port,
+                   "TCP port; 0 or nothing: any free one, which is printed");
+    app.add_option("--status", options.status, "status register at power-up");
+    app.add_option("--refuse", options.refused,
+                   "opcode that the chip shall not know; can be repeated")
+        ->allow_extra_args(false);
+    app.add_flag("--never-busy", options.never_busy,
+                 "the chip is ready at once after each command");
+    app.add_flag("--once", options.once, "end when the first client has left");
+    app.footer("Examples:\n"
+               "  qfu-serprog --part W25Q32 --image chip.bin --port 4000\n"
+               "  flashrom -p serprog:ip=127.0.0.1:4000 -r dump.bin");
+    app.set_version_flag("--version", support::version_line("qfu-serprog"));
+    if (const auto status = support::read_arguments(app, {argv + std::min(argc, 1), argv + argc})) {
         return *status;
     }
     return run(options);
 } catch (const std::exception& error) {
     std::cerr << "qfu-serprog: " << error.what() << '\n';
-    return emulator::kCannotRun;
+    return support::kCannotRun;
 }

@@ -20,7 +20,6 @@ namespace {
 using namespace jobs;
 
 constexpr int kNotAllDone = 1;
-constexpr int kUsage = 2;
 
 /// The parallel NOR chips are in no list.
 constexpr std::uint32_t kLargestNorChip = 0x800000;
@@ -102,44 +101,39 @@ int run_results(const Options& options) {
 }
 
 int run(int argc, char** argv) {
-    const support::Arguments arguments{
-        "Checks unattended jobs, turns them into scripts, and reads their results.\n"
-        "The exit status is 0; 1 when not every adapter is done; 2 when a command or file "
-        "cannot be used.",
-        "qfu-job"};
-    arguments.require_command();
-    arguments.version(support::version_line("qfu-job"));
-    arguments.footer("Examples:\n"
-                     "  qfu-job check jobs/line-3 --chips spilist/chips.toml\n"
-                     "  qfu-job results *.log --expect machines.toml\n"
-                     "\"qfu-job COMMAND --help\" says more about a command.");
+    CLI::App app("Checks unattended jobs, turns them into scripts, and reads their results.\n"
+                 "The exit status is 0; 1 when not every adapter is done; 2 when a command or file "
+                 "cannot be used.",
+                 "qfu-job");
+    app.require_subcommand(1);
+    app.set_version_flag("--version", support::version_line("qfu-job"));
+    app.footer("Examples:\n"
+               "  qfu-job check jobs/line-3 --chips spilist/chips.toml\n"
+               "  qfu-job results *.log --expect machines.toml\n"
+               "\"qfu-job COMMAND --help\" says more about a command.");
     Options options;
-    const support::Command check = arguments.command("check", "say what is wrong with a job");
-    const support::Command compile =
-        arguments.command("compile", "make a job's scripts, and print how many bytes they write");
-    for (const support::Command& command : {check, compile}) {
-        command.option("folder", options.folder, "folder with job.toml and the images").required();
-        command.option("--chips", options.chips, "source of the chip list").required();
+    CLI::App* check = app.add_subcommand("check", "say what is wrong with a job");
+    CLI::App* compile =
+        app.add_subcommand("compile", "make a job's scripts, and print how many bytes they write");
+    for (CLI::App* command : {check, compile}) {
+        command->add_option("folder", options.folder, "folder with job.toml and the images")
+            ->required();
+        command->add_option("--chips", options.chips, "source of the chip list")->required();
     }
-    compile.option("-o,--output", options.output, "folder that is there").required();
-    const support::Command results =
-        arguments.command("results", "show what became of each machine and adapter");
-    results.option("log", options.logs, "serial log, results.txt, or the folder of a stick")
-        .required();
-    results.option("--expect", options.expected, "machines that must be done (TOML)");
-    results.flag("--json", options.json, "print JSON");
-    try {
-        if (!arguments.read({argv + std::min(argc, 1), argv + argc})) {
-            return 0;
-        }
-    } catch (const support::UsageError& error) {
-        std::cerr << error.what() << "\nRun with --help for more information.\n";
-        return kUsage;
+    compile->add_option("-o,--output", options.output, "folder that is there")->required();
+    CLI::App* results =
+        app.add_subcommand("results", "show what became of each machine and adapter");
+    results->add_option("log", options.logs, "serial log, results.txt, or the folder of a stick")
+        ->required();
+    results->add_option("--expect", options.expected, "machines that must be done (TOML)");
+    results->add_flag("--json", options.json, "print JSON");
+    if (const auto status = support::read_arguments(app, {argv + std::min(argc, 1), argv + argc})) {
+        return *status;
     }
-    if (check.was_given()) {
+    if (check->parsed()) {
         return run_check(options);
     }
-    return compile.was_given() ? run_compile(options) : run_results(options);
+    return compile->parsed() ? run_compile(options) : run_results(options);
 }
 
 } // namespace
@@ -150,5 +144,5 @@ int main(int argc, char** argv) try {
     return status;
 } catch (const std::exception& error) {
     std::cerr << "qfu-job: " << error.what() << '\n';
-    return kUsage;
+    return support::kCannotRun;
 }

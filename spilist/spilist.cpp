@@ -6,7 +6,6 @@
 #include "source.h"
 #include "support/arguments.h"
 #include "support/input_error.h"
-#include "support/nearest_word.h"
 #include "support/output_file.h"
 #include "support/version.h"
 
@@ -22,7 +21,6 @@ namespace {
 using namespace spilist;
 
 constexpr int kFound = 1;
-constexpr int kUsage = 2;
 
 /// Bytes of a file that are read: all of a list and enough to see that there are more.
 constexpr std::size_t kMostBytes = 4096;
@@ -168,77 +166,56 @@ int run_match(const Options& options) {
     return findings.empty() && !records.empty() ? 0 : kFound;
 }
 
-/// What the parser does not say: which command a mistyped one was meant to be, and where help is.
-int explain(const support::UsageError& error, const std::string& first) {
-    constexpr std::string_view kCommands[] = {"build", "check", "show", "match"};
-    const bool known = std::ranges::find(kCommands, first) != std::end(kCommands);
-    const bool says_it = known || first.empty() || first.starts_with('-');
-    std::cerr << "spilist: "
-              << (says_it ? error.what() : support::unknown_word("command", first, kCommands))
-              << '\n';
-    std::cerr << "Try: spilist " << (known ? first + " " : "") << "--help\n";
-    return kUsage;
-}
-
 int run(int argc, char** argv) {
-    const support::Arguments arguments{
-        "Builds, checks and shows chip lists for qfu.\n"
-        "A LIST is a list file or, when its name ends in .toml, a source.\n"
-        "The exit status is 0; 1 when there is something to report; 2 when a command or "
-        "file cannot be used.",
-        "spilist"};
-    arguments.require_command();
-    arguments.version(support::version_line("spilist"));
-    arguments.footer("Examples:\n"
-                     "  spilist check spilist.bin\n"
-                     "  spilist build chips.toml -o spilist.bin\n"
-                     "  spilist match spilist.bin EF 40 16\n"
-                     "\"spilist COMMAND --help\" says more about a command.");
+    CLI::App app("Builds, checks and shows chip lists for qfu.\n"
+                 "A LIST is a list file or, when its name ends in .toml, a source.\n"
+                 "The exit status is 0; 1 when there is something to report; 2 when a command or "
+                 "file cannot be used.",
+                 "spilist");
+    app.require_subcommand(1);
+    app.set_version_flag("--version", support::version_line("spilist"));
+    app.footer("Examples:\n"
+               "  spilist check spilist.bin\n"
+               "  spilist build chips.toml -o spilist.bin\n"
+               "  spilist match spilist.bin EF 40 16\n"
+               "\"spilist COMMAND --help\" says more about a command.");
     Options options;
 
-    const support::Command build = arguments.command("build", "make a list file from its source");
-    build.option("source", options.list, "source (TOML)").required();
-    build.option("-o,--output", options.output, "list file").show_default();
-    build.option("--erase-unit", options.erase_unit,
-                 "make each chip's sector its largest erase unit up to this size");
-    build.footer("The list file is written only if nothing is wrong with the source.\n"
-                 "Examples:\n"
-                 "  spilist build chips.toml -o spilist.bin\n"
-                 "  spilist build chips.toml --erase-unit 64K -o fast.bin");
+    CLI::App* build = app.add_subcommand("build", "make a list file from its source");
+    build->add_option("source", options.list, "source (TOML)")->required();
+    build->add_option("-o,--output", options.output, "list file")->capture_default_str();
+    build->add_option("--erase-unit", options.erase_unit,
+                      "make each chip's sector its largest erase unit up to this size");
+    build->footer("The list file is written only if nothing is wrong with the source.\n"
+                  "Examples:\n"
+                  "  spilist build chips.toml -o spilist.bin\n"
+                  "  spilist build chips.toml --erase-unit 64K -o fast.bin");
 
-    const support::Command check = arguments.command("check", "say what is wrong with a list");
-    check.footer("Example:\n"
-                 "  spilist check spilist.bin");
-    const support::Command show = arguments.command("show", "print a table of a list's records");
-    show.footer("Example:\n"
-                "  spilist show chips.toml");
-    const support::Command match = arguments.command("match", "say which record a chip would get");
-    match.footer(
+    CLI::App* check = app.add_subcommand("check", "say what is wrong with a list");
+    CLI::App* show = app.add_subcommand("show", "print a table of a list's records");
+    CLI::App* match = app.add_subcommand("match", "say which record a chip would get");
+    for (CLI::App* command : {check, show, match}) {
+        command->add_option("list", options.list, "list file, or source that ends in .toml")
+            ->required();
+    }
+    match->add_option("id", options.id, "bytes that the chip answers")->required();
+    match->footer(
         "The ID is what the data sheet gives as the answer to opcode 9F, and what \"qfu -l\" "
         "prints:\n"
         "1 to 4 bytes, the first one first. Bytes that are left out count as 00.\n"
         "Examples:\n"
         "  spilist match spilist.bin EF 40 16\n"
         "  spilist match chips.toml 0xEF4016");
-    for (const support::Command& command : {check, show, match}) {
-        command.option("list", options.list, "list file, or source that ends in .toml").required();
+    if (const auto status = support::read_arguments(app, {argv + std::min(argc, 1), argv + argc})) {
+        return *status;
     }
-    match.option("id", options.id, "bytes that the chip answers").required();
-    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
-    try {
-        if (!arguments.read(words)) {
-            return 0;
-        }
-    } catch (const support::UsageError& error) {
-        return explain(error, words.empty() ? "" : words.front());
-    }
-    if (build.was_given()) {
+    if (build->parsed()) {
         return run_build(options);
     }
-    if (check.was_given()) {
+    if (check->parsed()) {
         return run_check(options);
     }
-    return show.was_given() ? run_show(options) : run_match(options);
+    return show->parsed() ? run_show(options) : run_match(options);
 }
 
 } // namespace
@@ -249,5 +226,5 @@ int main(int argc, char** argv) try {
     return status;
 } catch (const std::exception& error) {
     std::cerr << "spilist: " << error.what() << '\n';
-    return kUsage;
+    return support::kCannotRun;
 }

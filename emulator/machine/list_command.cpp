@@ -112,12 +112,13 @@ void print_faults() {
 
 } // namespace
 
-const std::array<ListTopic, 3> kListTopics = {
-    {
-     {"parts", print_parts},
-     {"adapters", print_adapters},
-     {"faults", print_faults},
-     }
-};
+const std::map<std::string, void (*)()>& list_topics() {
+    static const std::map<std::string, void (*)()> topics = {
+        {"parts",    print_parts   },
+        {"adapters", print_adapters},
+        {"faults",   print_faults  },
+    };
+    return topics;
+}
 
 } // namespace emulator

@@ -1,17 +1,12 @@
 // What machine files can name.
 #pragma once
 
-#include <array>
-#include <string_view>
+#include <map>
+#include <string>
 
 namespace emulator {
 
-/// One table of `qfu-emu list`.
-struct ListTopic {
-    std::string_view name; ///< on the command line
-    void (*print)();       ///< on standard output
-};
-
-extern const std::array<ListTopic, 3> kListTopics;
+/// What `qfu-emu list` can print on standard output: the word on its command line, and who prints.
+const std::map<std::string, void (*)()>& list_topics();
 
 } // namespace emulator
