@@ -5,7 +5,6 @@
 #include "serprog.h"
 #include "support/arguments.h"
 #include "support/input_error.h"
-#include "support/nearest_word.h"
 #include "support/output_file.h"
 #include "support/version.h"
 
@@ -31,16 +30,6 @@ struct Options {
 /// Clients look again after steps of their own, 10 ms to 1 s. These times are shorter, and long
 /// enough to be seen.
 constexpr BusyTimes kShort{10, 100, 10};
-
-const SpiPart& part_named(const std::string& name) {
-    const SpiPart* part = find_spi_part(name);
-    if (part == nullptr) {
-        std::vector<std::string_view> names;
-        std::ranges::transform(spi_parts(), std::back_inserter(names), &SpiPart::name);
-        throw support::InputError(support::unknown_word("part", name, names));
-    }
-    return *part;
-}
 
 /// The erase opcodes of a part and what each erases.
 std::string erases_of(const SpiPart& part) {
@@ -73,7 +62,12 @@ int end_requests() {
 }
 
 int run(const Options& options) {
-    const SpiPart& part = part_named(options.part);
+    const SpiPart* found = find_spi_part(options.part);
+    if (found == nullptr) {
+        throw support::InputError("unknown part \"" + options.part +
+                                  "\"; \"qfu-emu list parts\" prints all");
+    }
+    const SpiPart& part = *found;
     const int stop = end_requests();
     const SteadyClock clock;
     Journal journal;

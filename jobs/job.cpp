@@ -3,7 +3,6 @@
 #include "qfu/discover.h"
 #include "spilist/chip_list.h"
 #include "spilist/source.h"
-#include "support/nearest_word.h"
 #include "support/sha256.h"
 #include "support/table_reader.h"
 
@@ -63,19 +62,14 @@ std::optional<Model> read_model(TableReader& reader) {
     const auto vendor =
         static_cast<std::uint16_t>(reader.number("vendor", 0, 0xFFFF, QFU_USUAL_VENDOR));
     const auto device = static_cast<std::uint16_t>(reader.number("device", 0, 0xFFFF));
-    std::vector<std::string> known;
     for (const QFU_DEVICE_ENTRY& entry : qfu_supported_adapters()) {
         if (entry.vendor_id == vendor && entry.device_id == device) {
             return Model{vendor, device};
         }
-        if (entry.vendor_id == vendor) {
-            known.push_back(fmt::format("0x{:04X}", entry.device_id));
-        }
     }
-    reader.fail("device",
-                support::unknown_word(fmt::format("adapter of vendor 0x{:04X}", vendor),
-                                      fmt::format("0x{:04X}", device),
-                                      std::vector<std::string_view>(known.begin(), known.end())));
+    reader.fail("device", fmt::format("unknown adapter 0x{:04X} of vendor 0x{:04X}; \"qfu-emu list "
+                                      "adapters\" prints all",
+                                      device, vendor));
 }
 
 /// "01:04.0", as lspci prints it.

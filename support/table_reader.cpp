@@ -1,7 +1,5 @@
 #include "table_reader.h"
 
-#include "nearest_word.h"
-
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -46,6 +44,15 @@ toml::table parse_toml(const std::filesystem::path& file) {
     return parse_toml(text, file);
 }
 
+std::string unknown_word(std::string_view what, std::string_view word,
+                         std::span<const std::string_view> known) {
+    std::string text = "unknown " + std::string(what) + " \"" + std::string(word) + "\"; known:";
+    for (const std::string_view other : known) {
+        text.append(other == known.front() ? " \"" : ", \"").append(other).append("\"");
+    }
+    return text;
+}
+
 TableReader::TableReader(const toml::table& table, std::filesystem::path file)
     : table_(table), file_(std::move(file)) {}
 
@@ -60,7 +67,7 @@ std::int64_t TableReader::number(std::string_view key, std::int64_t least, std::
                                  std::optional<std::int64_t> otherwise) {
     const toml::node* node = take(key);
     if (node == nullptr) {
-        return otherwise ? *otherwise : (fail_missing(key), 0);
+        return otherwise ? *otherwise : (fail(key, "is missing"), 0);
     }
     const auto value = node->value_exact<std::int64_t>();
     if (!value || *value < least || *value > most) {
@@ -72,7 +79,7 @@ std::int64_t TableReader::number(std::string_view key, std::int64_t least, std::
 std::string TableReader::text(std::string_view key, std::optional<std::string> otherwise) {
     const toml::node* node = take(key);
     if (node == nullptr) {
-        return otherwise ? *otherwise : (fail_missing(key), "");
+        return otherwise ? *otherwise : (fail(key, "is missing"), "");
     }
     const auto value = node->value_exact<std::string>();
     if (!value) {
@@ -157,18 +164,6 @@ std::size_t TableReader::line() const {
 bool TableReader::has(std::string_view key) {
     asked_.emplace(key);
     return table_.contains(key);
-}
-
-/// The key may be there, mistyped.
-void TableReader::fail_missing(std::string_view key) const {
-    std::vector<std::string_view> unknown;
-    for (const auto& [other, node] : table_) {
-        if (!asked_.contains(other.str())) {
-            unknown.push_back(other.str());
-        }
-    }
-    const std::string mistyped(nearest_word(key, unknown));
-    fail(key, mistyped.empty() ? "is missing" : "is missing; is \"" + mistyped + "\" meant?");
 }
 
 const toml::node* TableReader::take(std::string_view key) {

@@ -8,6 +8,7 @@
 #include <istream>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <toml++/toml.h>
@@ -20,6 +21,11 @@ toml::table parse_toml(const std::filesystem::path& file);
 
 /// The same from a text of that name.
 toml::table parse_toml(std::istream& text, const std::filesystem::path& name);
+
+/// A complaint about a word that is none of the known ones, which it lists.
+/// @param what  what the word should be, such as "part"
+std::string unknown_word(std::string_view what, std::string_view word,
+                         std::span<const std::string_view> known);
 
 /// Reads one table key by key. Every complaint is an InputError that names file, line and key.
 class TableReader {
@@ -53,7 +59,6 @@ class TableReader {
     void finish() const;
 
   private:
-    [[noreturn]] void fail_missing(std::string_view key) const;
     const toml::node* take(std::string_view key);
 
     const toml::table& table_;
