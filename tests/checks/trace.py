@@ -108,13 +108,6 @@ def compare_guest(machine):
     compare_wires("guest", Path("guest.log").read_text().splitlines(), 1)
 
 
-def check_pictures():
-    subprocess.run([ROOT / "scripts/draw-pictures", os.getcwd()], check=True, stdout=subprocess.DEVNULL)
-    for picture in (ROOT / "docs/pictures").glob("*.png"):
-        if not 0 < Path(picture.name).stat().st_size < 40960:
-            fail(f"no small {picture.name}")
-
-
 def main():
     Path("image.bin").write_bytes(os.urandom(37))
     for device in ("0xC709", "0xC705"):
@@ -133,8 +126,7 @@ def main():
         fail("the fault is not marked")
     compare_parallel_bus()
     compare_guest(machine)
-    check_pictures()
-    print("trace: sigrok reads the wires as the log has them, and the pictures can be made")
+    print("trace: sigrok reads the wires as the log has them")
 
 
 with tempfile.TemporaryDirectory() as place:
