@@ -156,9 +156,9 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
     if (!platform.guest.driver) {
         // The shell's count-down takes a second with any key. Firmware of AArch64 crashes when QEMU
         // hands over the shell.
-        const std::string shell_file = (scratch.path() / "shell.efi").string();
-        shell(QFU_SOURCE_DIR, "scripts/cut-shell " + std::string(platform.guest.firmware) + " >'" +
-                                  shell_file + "'");
+        shell(scratch.path(), "UEFIExtract " + std::string(platform.guest.firmware) +
+                                  " 7C04A583-9E3E-4F1C-AD65-E05268D0B4D1 -o shell -m body -t 10");
+        const std::string shell_file = (scratch.path() / "shell/body.bin").string();
         setup.further = {"-kernel", shell_file, "-append", "-delay 0"};
     }
     GuestResult result;
