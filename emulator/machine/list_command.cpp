@@ -113,12 +113,12 @@ void print_faults() {
 } // namespace
 
 const std::map<std::string, void (*)()>& list_topics() {
-    static const std::map<std::string, void (*)()> topics = {
+    static const std::map<std::string, void (*)()> kTopics = {
         {"parts",    print_parts   },
         {"adapters", print_adapters},
         {"faults",   print_faults  },
     };
-    return topics;
+    return kTopics;
 }
 
 } // namespace emulator
