@@ -98,7 +98,7 @@ def tables():
     complaints.extend(f'docs/troubleshooting.md does not have "{piece}"'
                       for piece in messages(7, "help", "phy_test", "status_text")
                       if piece not in page and not piece.startswith(("  ", "echo", "set ")))
-    # The status texts are compared with a file by a unit test.
+    # A unit test has the status texts.
     unreachable = re.findall(r"^(.*?) => ", Path("tests/sessions/unreachable").read_text(), re.MULTILINE)
     sessions = "".join(path.read_text() for path in Path("tests/sessions").glob("*.txt"))
     reachable = messages(3, "status_text")
