@@ -3,6 +3,7 @@
 
 #include "lab.h"
 #include "qfu/context.h"
+#include "qfu/detect.h"
 
 #include <gtest/gtest.h>
 
@@ -40,6 +41,22 @@ TEST(Discovery, StopsAtSixAdapters) {
     EXPECT_EQ(d.found(), 6U);
     // The rows before 0xC709 probe everything, its own row six devices, the rows after it nothing.
     EXPECT_EQ(d.lab.faults().config_read.calls(), 8U * 1024 * 2 + 6 * 2 + 6 * 15);
+}
+
+TEST(SupportedAdapters, AreReachedLikeTheirModels) {
+    EXPECT_EQ(qfu_supported_adapters().size(), emulator::adapter_models().size());
+    for (const QFU_DEVICE_ENTRY& row : qfu_supported_adapters()) {
+        const auto* model = emulator::find_adapter_model(row.vendor_id, row.device_id);
+        ASSERT_NE(model, nullptr) << row.device_id;
+        EXPECT_EQ(model->generation, row.generation) << row.device_id;
+        EXPECT_EQ(model->ports, row.port_count) << row.device_id;
+        const bool has_nor = model->interface == emulator::Interface::kBar2;
+        const bool indexed = model->interface == emulator::Interface::kIndexed;
+        EXPECT_EQ(row.flash_if, has_nor   ? QFU_FLASH_IF_BAR2
+                                : indexed ? QFU_FLASH_IF_INDEXED
+                                          : QFU_FLASH_IF_BAR0);
+        EXPECT_EQ(row.detect, has_nor ? qfu_nor_detect : qfu_spi_detect) << row.device_id;
+    }
 }
 
 } // namespace
