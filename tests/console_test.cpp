@@ -3,6 +3,7 @@
 #include "lab.h"
 #include "qfu/platform/system.h"
 
+#include <cstdio>
 #include <gtest/gtest.h>
 
 namespace {
@@ -19,7 +20,43 @@ std::string format(const char* text, const Arguments&... arguments) {
     return {buffer.data(), length};
 }
 
-// What the platform's snprintf gives, too, is left to the fuzz target.
+/// Compares a conversion with that of the platform.
+template <class... Arguments>
+void expect_usual(const std::string& text, Arguments... arguments) {
+    std::array<char, 64> buffer{};
+    std::snprintf(buffer.data(), buffer.size(), text.c_str(), arguments...);
+    EXPECT_EQ(format(text.c_str(), arguments...), buffer.data()) << text;
+}
+
+TEST(Format, GivesWhatThePlatformGives) {
+    const std::string signs[] = {"", "+", " ", "+ "};
+    for (const std::string start : {"%", "%-", "%0", "%-0"}) {
+        for (const std::string width : {"", "1", "12"}) {
+            // Zero padding beside a precision is the platform's way.
+            for (const std::string precision : {"", ".1", ".5"}) {
+                if (start == "%0" && !precision.empty()) {
+                    continue;
+                }
+                for (const std::string letter : {"d", "i", "u", "o", "x", "X"}) {
+                    for (const std::string& sign : signs) {
+                        for (const int value : {0, 1, -255, INT32_MAX, INT32_MIN}) {
+                            expect_usual(start + sign + width + precision + letter, value);
+                        }
+                    }
+                }
+                expect_usual(start + "#" + width + precision + "x", 0x1A);
+                expect_usual(start + "#" + width + precision + "X", -1);
+            }
+        }
+    }
+    for (const std::string conversion : {"%s", "%7s", "%-7s|", "%.2s", "%-7.2s|", "%.0s", "%1s"}) {
+        expect_usual(conversion, "text");
+    }
+    expect_usual("%c%5c%-5c|%%", 'a', 'b', 'c');
+    expect_usual("%*d|%-*.*x|%.*u", 5, 1, 6, 3, 0xA, -1, 7U);
+    expect_usual("%*d|", -5, 1);
+}
+
 TEST(Format, HasWaysOfItsOwn) {
     EXPECT_EQ(format("[%08.3d][%.0d]|%#o", 5, 0, 8), "[00000005][0]|010");
     // Integers are 32 bits wide, or 16.
