@@ -7,6 +7,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr std::uint8_t kOld = 0xA5;
+
 // Made once, since filling megabytes takes longer than a run.
 std::vector<std::uint8_t> spi_contents(64U * 1024);
 std::vector<std::uint8_t> nor_contents(4096U * 1024);
@@ -49,10 +51,6 @@ Bench::Bench(char kind) : device_(kind == '1' ? 0xC709 : kind == '2' ? 0xC703 : 
 Bench::~Bench() {
     const auto beside = fs::directory_iterator(folder().parent_path());
     EXPECT_EQ(std::distance(begin(beside), end(beside)), 1) << "a file beside the volume";
-}
-
-std::span<std::uint8_t> Bench::contents() const {
-    return spi_contents;
 }
 
 } // namespace fuzz

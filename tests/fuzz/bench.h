@@ -37,11 +37,10 @@ class Input {
     std::string_view rest_;
 };
 
-/// A lab with an adapter, a chip of 64 KiB that is full of `kOld`, and a short image. Nothing may
-/// be left beside its folder.
+/// A lab with an adapter, a chip of 64 KiB that holds old bytes, and a short image. Nothing may be
+/// left beside its folder.
 class Bench : public lab::Lab {
   public:
-    static constexpr std::uint8_t kOld = 0xA5;
     static constexpr std::string_view kImage = "forty bytes of an image, new in each run";
 
     /// @param kind  '1' indexed, '2' window in BAR 2 with a NOR chip beside, else window in BAR 0
@@ -58,9 +57,6 @@ class Bench : public lab::Lab {
         firmware().table()->BootServices->LocateProtocol(&protocol, nullptr, &found);
         return *static_cast<Table*>(found);
     }
-
-    /// Contents of the serial chip.
-    std::span<std::uint8_t> contents() const;
 
   private:
     std::uint16_t device_;
