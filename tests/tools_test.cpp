@@ -14,8 +14,8 @@ std::string shell(const std::filesystem::path& folder, const std::string& comman
     const std::string setup =
         "exec </dev/null 2>&1; cd " + folder.string() +
         "; PATH=" QFU_TOOLS ":" QFU_TOOLS "/manual:$PATH; project=" QFU_SOURCE_DIR
-        "; source=$project/spilist/chips.toml; lists=$project/tests/chip_lists; "
-        "machines=$project/emulator/machines; owner=; [ $(id -u) != 0 ] || "
+        "; source=$project/spilist/chips.toml; lists=$project/tests/chip_lists; owner=; "
+        "[ $(id -u) != 0 ] || "
         "owner='setpriv --bounding-set=-dac_override,-dac_read_search'; ";
     FILE* pipe = popen((setup + command).c_str(), "r");
     std::string output;
