@@ -6,6 +6,24 @@
 
 namespace lab {
 
+Bytes read_file(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+Files read_files(const std::filesystem::path& folder) {
+    Files files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        const std::string name = std::filesystem::relative(entry.path(), folder).string();
+        if (entry.is_directory()) {
+            files[name + "/"] = {};
+        } else {
+            files[name] = read_file(entry.path());
+        }
+    }
+    return files;
+}
+
 ScratchFolder::ScratchFolder() {
     std::string name = (std::filesystem::temp_directory_path() / "qfu-test-XXXXXX").string();
     path_ = mkdtemp(name.data());
@@ -25,11 +43,6 @@ void ScratchFolder::write(const std::string& name, std::span<const std::uint8_t>
 
 void ScratchFolder::write(const std::string& name, std::string_view text) const {
     write(name, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
-}
-
-Bytes ScratchFolder::read(const std::string& name) const {
-    std::ifstream in(path_ / name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 } // namespace lab

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -20,30 +19,8 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kTimeLimit{240};
 
-void make_volume(const ScratchFolder& scratch, const Volume& volume) {
-    for (const auto& [name, file] : volume) {
-        if (file.folder) {
-            fs::create_directories(scratch.path() / "in" / name);
-        } else {
-            scratch.write("in/" + name, file.bytes);
-        }
-    }
-    // Debian leaves /usr/sbin out of a plain user's path.
-    shell(scratch.path(), "export PATH=$PATH:/usr/sbin; truncate -s 64M volume.img && "
-                          "mkfs.vfat -F 32 volume.img && mcopy -s -i volume.img in/* ::/");
-}
-
-Volume read_volume(const fs::path& folder) {
-    shell(folder, "mkdir out && mcopy -s -n -i volume.img '::/*' out/");
-    Volume volume;
-    for (const auto& entry : fs::recursive_directory_iterator(folder / "out")) {
-        const std::string name = fs::relative(entry.path(), folder / "out").string();
-        volume[name].folder = entry.is_directory();
-        if (!entry.is_directory()) {
-            volume[name].bytes = read_bytes(entry.path());
-        }
-    }
-    return volume;
+std::string build_folder(const Platform& platform) {
+    return QFU_BUILD_DIR "/" + std::string(platform.build);
 }
 
 /// QEMU with its serial console on a socket, and a thread that serves its adapters.
@@ -59,8 +36,6 @@ class Qemu {
         console_ = ends[0];
         hardware_ = std::thread([&bridge] { bridge.serve(); });
     }
-    Qemu(const Qemu&) = delete;
-    Qemu& operator=(const Qemu&) = delete;
     ~Qemu() {
         kill(process_, SIGKILL);
         waitpid(process_, nullptr, 0);
@@ -92,7 +67,8 @@ class Qemu {
                 press(" "); // spares the shell's count-down before its start-up script
             }
             for (std::size_t lf = 0; (lf = serial.find('\n', line)) != serial.npos; line = lf + 1) {
-                const std::string keys = at_console(serial.substr(line, lf - line));
+                const std::string keys =
+                    at_console ? at_console(serial.substr(line, lf - line)) : "";
                 if (keys == kPullThePlug) {
                     kill(process_, SIGKILL);
                 } else {
@@ -125,31 +101,29 @@ void shell(const fs::path& folder, const std::string& command) {
     }
 }
 
-const Platform kX64{"x64", "efi", emulator::kX64Guest};
-const Platform kX64Clang{"clang", "efi-clang", emulator::kX64Guest};
-const Platform kX64Edk2{"edk2", "efi-edk2", emulator::kX64Guest};
-const Platform kAArch64{"aarch64", "efi-aarch64", emulator::kAArch64Guest};
-
-const Platform& platform_named(const std::string& name) {
-    for (const Platform* platform : {&kX64, &kX64Clang, &kX64Edk2, &kAArch64}) {
+const Platform& platform_named(std::string_view name) {
+    static constexpr Platform kOthers[] = {
+        {"clang", "efi-clang", emulator::kX64Guest},
+        {"edk2",  "efi-edk2",  emulator::kX64Guest}
+    };
+    for (const Platform* platform : {&kX64, &kAArch64, &kOthers[0], &kOthers[1]}) {
         if (platform->name == name) {
             return *platform;
         }
     }
-    throw std::runtime_error("there is no platform " + name);
+    throw std::runtime_error("there is no platform " + std::string(name));
 }
 
-std::vector<std::uint8_t> read_bytes(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, const Volume& volume,
+std::string run_guest(const Platform& platform, emulator::GuestBridge& bridge, lab::Files& volume,
                       const std::string& script, const Operator& at_console) {
-    const ScratchFolder scratch;
-    Volume with_script = volume;
-    with_script["startup.nsh"].bytes.assign(script.begin(), script.end());
-    make_volume(scratch, with_script);
+    volume["startup.nsh"].assign(script.begin(), script.end());
+    const lab::ScratchFolder scratch;
+    for (const auto& [name, bytes] : volume) {
+        scratch.write("in/" + name, bytes);
+    }
+    // Debian leaves /usr/sbin out of a plain user's path.
+    shell(scratch.path(), "export PATH=$PATH:/usr/sbin; truncate -s 64M volume.img && "
+                          "mkfs.vfat -F 32 volume.img && mcopy -s -i volume.img in/* ::/");
 
     const std::string image = (scratch.path() / "volume.img").string();
     emulator::GuestSetup setup{&platform.guest, {{emulator::Drive::Kind::kDisk, image}}, {}, {}};
@@ -161,16 +135,10 @@ GuestResult run_guest(const Platform& platform, emulator::GuestBridge& bridge, c
         const std::string shell_file = (scratch.path() / "shell/body.bin").string();
         setup.further = {"-kernel", shell_file, "-append", "-delay 0"};
     }
-    GuestResult result;
-    result.serial = Qemu(setup, bridge).watch(at_console);
-    result.volume = read_volume(scratch.path());
-    return result;
-}
-
-GuestResult run_guest(emulator::Machine& machine, const Volume& volume, const std::string& script,
-                      const Operator& at_console) {
-    const auto bridge = emulator::make_bridge(kX64.guest, machine);
-    return run_guest(kX64, *bridge, volume, script, at_console);
+    std::string serial = Qemu(setup, bridge).watch(at_console);
+    shell(scratch.path(), "mkdir out && mcopy -s -n -i volume.img '::/*' out/");
+    volume = lab::read_files(scratch.path() / "out");
+    return serial;
 }
 
 std::string boot_medium(const Platform& platform, emulator::Machine& machine, const fs::path& image,
@@ -178,20 +146,20 @@ std::string boot_medium(const Platform& platform, emulator::Machine& machine, co
     const auto bridge = emulator::make_bridge(platform.guest, machine);
     emulator::GuestSetup setup{&platform.guest, {{medium, image.string()}}, {}, {}};
     if (platform.guest.driver) {
-        setup.driver = QFU_BUILD_DIR "/" + platform.build + "/bus-driver.efi";
+        setup.driver = build_folder(platform) + "/bus-driver.efi";
     }
     return Qemu(setup, *bridge).watch(at_console);
 }
 
-void add_program(Volume& volume, const Platform& platform) {
-    const std::string folder = QFU_BUILD_DIR "/" + platform.build;
-    volume["qfu.efi"].bytes = read_bytes(folder + "/qfu.efi");
-    volume["qfu.man"].bytes = read_bytes(QFU_BUILD_DIR "/qfu.man");
-    if (volume["qfu.efi"].bytes.empty()) {
+void add_program(lab::Files& volume, const Platform& platform) {
+    const std::string folder = build_folder(platform);
+    volume["qfu.efi"] = lab::read_file(folder + "/qfu.efi");
+    volume["qfu.man"] = lab::read_file(QFU_BUILD_DIR "/qfu.man");
+    if (volume["qfu.efi"].empty()) {
         throw std::runtime_error(folder + "/qfu.efi is not built");
     }
     if (platform.guest.driver) {
-        volume["bus-driver.efi"].bytes = read_bytes(folder + "/bus-driver.efi");
+        volume["bus-driver.efi"] = lab::read_file(folder + "/bus-driver.efi");
     }
 }
 

@@ -15,8 +15,8 @@ using namespace firmware;
 /// A machine, and a volume with the program.
 struct Guest : testing::Test {
     Guest() {
-        add_program(volume);
-        volume["spilist.bin"].bytes = lab::shipped_chip_list();
+        add_program(volume, kX64);
+        volume["spilist.bin"] = lab::shipped_chip_list();
     }
     emulator::Adapter& adapter(std::uint16_t device, std::uint8_t revision = 0) {
         return machine.add(*emulator::find_adapter_model(0x1E5D, device), {0, 2, 0}, revision);
@@ -26,22 +26,24 @@ struct Guest : testing::Test {
                                     emulator::kNeverBusy);
     }
     void run(const std::string& lines, const Operator& at_console) {
-        after = run_guest(machine, volume, "fs0:\r\n" + lines + "\r\nreset -s\r\n", at_console);
+        const auto bridge = emulator::make_bridge(kX64.guest, machine);
+        serial =
+            run_guest(kX64, *bridge, volume, "fs0:\r\n" + lines + "\r\nreset -s\r\n", at_console);
         EXPECT_EQ(machine.journal().misuses(), std::vector<std::string>{});
     }
-    bool prints(const std::string& text) const { return after.serial.find(text) != text.npos; }
+    bool prints(const std::string& text) const { return serial.find(text) != text.npos; }
 
     const emulator::SteadyClock clock;
     emulator::Machine machine{clock};
-    Volume volume;
-    GuestResult after;
+    lab::Files volume;
+    std::string serial;
 };
 
 TEST_F(Guest, CtrlCStopsATransferBetweenBlocks) {
     auto& spi = chip(0xC705);
     std::ranges::fill(spi.contents(), std::uint8_t{0});
     const auto image = lab::pattern(0x10000);
-    volume["image.bin"].bytes = image;
+    volume["image.bin"] = image;
     run("qfu -wbf image.bin -addr 0 -y", [](const std::string& line) {
         // The line with the erase progress ends when programming starts.
         return line.find("Erase block") == line.npos ? "" : "\x03reset -s\r";
@@ -63,7 +65,7 @@ TEST_F(Guest, AKeyEndsAnEndlessLoopbackAndSoDoesCtrlC) {
     });
     for (const std::string rate : {"1.5", "3", "6"}) {
         EXPECT_TRUE(prints("*Phy test successfully on Port 3 at Link Rate " + rate + "Gb/s."))
-            << after.serial;
+            << serial;
     }
 }
 
@@ -72,13 +74,14 @@ TEST_F(Guest, TheShellShowsTheManualAndRunsTheScriptOfParameters) {
                          emulator::kNeverBusy);
     run("qfu -? >a manual\r\nqfu -getparm p.nsh -adid 0\r\n"
         "p.nsh\r\necho %ADCount% %DevId% %RevId% %FlashSize%",
-        [](const std::string&) { return ""; });
-    const std::string manual = after.volume.at("manual").text();
+        {});
+    const lab::Bytes& bytes = volume.at("manual");
+    const std::string manual(bytes.begin(), bytes.end());
     for (const char* part : {"Programs, dumps and erases the flash",
                              "-wpa:     wipe out whole chip.", "-erctn, --error continue."}) {
         EXPECT_NE(manual.find(part), std::string::npos) << manual;
     }
-    EXPECT_TRUE(prints("1 C703 A1 0x800000")) << after.serial;
+    EXPECT_TRUE(prints("1 C703 A1 0x800000")) << serial;
 }
 
 TEST(Launcher, SaysWhatIsMissing) {

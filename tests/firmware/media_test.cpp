@@ -4,7 +4,6 @@
 #include "tests/lab.h"
 
 #include <algorithm>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
@@ -30,8 +29,8 @@ image = "b.bin"
 /// A job folder, the medium made of it, and a machine with two adapters.
 struct BootMedium : testing::Test {
     BootMedium() {
-        write("a.bin", a);
-        write("b.bin", b);
+        folder.write("a.bin", a);
+        folder.write("b.bin", b);
     }
 
     emulator::SpiChip& add(std::uint16_t device, std::uint8_t slot) {
@@ -42,14 +41,8 @@ struct BootMedium : testing::Test {
         return chip;
     }
 
-    void write(const std::string& name, const lab::Bytes& bytes) const {
-        std::ofstream(folder.path() / name, std::ios::binary)
-            .write(reinterpret_cast<const char*>(bytes.data()),
-                   static_cast<std::streamsize>(bytes.size()));
-    }
-
     void make_medium(const std::string& job) const {
-        write("job.toml", {job.begin(), job.end()});
+        folder.write("job.toml", job);
         shell(QFU_SOURCE_DIR, "scripts/media --preset host '" + folder.path().string() + "' -o '" +
                                   image().string() + "'");
     }
@@ -73,9 +66,7 @@ struct BootMedium : testing::Test {
     }
 
     /// What the results say after one more start of the machine.
-    void boot(
-        Drive medium, const Operator& at_console = [](const std::string&) { return ""; },
-        const Platform& platform = kX64) {
+    void boot(Drive medium, const Operator& at_console = {}, const Platform& platform = kX64) {
         serial = boot_medium(platform, machine, image(), medium, at_console);
         results.add(serial, "serial");
     }
@@ -94,7 +85,7 @@ struct BootMedium : testing::Test {
     mutable emulator::Machine machine{clock};
     const lab::Bytes a = lab::pattern(600, 1);
     const lab::Bytes b = lab::pattern(5000, 2);
-    const ScratchFolder folder;
+    const lab::ScratchFolder folder;
     jobs::Results results;
     std::string serial;
 };
@@ -118,8 +109,8 @@ TEST_F(BootMedium, StickNamesTheAdapterThatFailsAndKeepsBackupsAndResults) {
     mtools("mcopy", "::/job/results.txt ::/job/a.bin.old000 .");
     lab::Bytes before(a.size(), 0);
     std::fill_n(before.begin() + 0x28, 4, std::uint8_t{2});
-    EXPECT_EQ(read_bytes(folder.path() / "a.bin.old000"), before);
-    const auto kept = read_bytes(folder.path() / "results.txt");
+    EXPECT_EQ(lab::read_file(folder.path() / "a.bin.old000"), before);
+    const auto kept = lab::read_file(folder.path() / "results.txt");
     results = {};
     results.add({reinterpret_cast<const char*>(kept.data()), kept.size()}, "results.txt");
     EXPECT_EQ(lines(), expected);
@@ -128,7 +119,7 @@ TEST_F(BootMedium, StickNamesTheAdapterThatFailsAndKeepsBackupsAndResults) {
 TEST_F(BootMedium, CdGoesOnWhereThePowerWasLost) {
     auto& chip = add(0xC709, 3);
     make_medium("at_end = \"power off\"\n[[adapter]]\nall = true\nimage = \"b.bin\"\n");
-    const auto medium = read_bytes(image());
+    const auto medium = lab::read_file(image());
     boot(Drive::kCd, [&](const std::string& line) {
         return line.find("Erase block") == line.npos ? "" : kPullThePlug;
     });
@@ -137,14 +128,13 @@ TEST_F(BootMedium, CdGoesOnWhereThePowerWasLost) {
     EXPECT_NE(chip.count(emulator::Operation::kSectorErase), 0U);
     EXPECT_FALSE(std::ranges::equal(chip.contents().first(b.size()), b));
     // The adapter and the CD go into a machine with the other processor.
-    boot(
-        Drive::kCd, [](const std::string&) { return ""; }, kAArch64);
+    boot(Drive::kCd, {}, kAArch64);
     EXPECT_EQ(lines(),
               std::vector<std::string>{"[Bus=0,Dev=3,Fun=0] done done. The flash holds b.bin; it "
                                        "held b.bin.old000 before."})
         << serial;
     EXPECT_TRUE(std::ranges::equal(chip.contents().first(b.size()), b));
-    EXPECT_EQ(read_bytes(image()), medium);
+    EXPECT_EQ(lab::read_file(image()), medium);
 }
 
 TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
@@ -169,7 +159,7 @@ TEST_F(BootMedium, WritesNothingWhenMediumOrAdaptersAreNotThoseOfTheJob) {
                   "[Bus=0,Dev=3,Fun=0] refused only 0 of 5000 bytes could be saved. Nothing was "
                   "written."}))
         << serial;
-    write("a.bin", {a.begin(), a.end() - 1});
+    folder.write("a.bin", std::span(a).first(a.size() - 1));
     mtools("mcopy -o", "a.bin ::/job/a.bin");
     fill_stick(0);
     results = {};

@@ -14,40 +14,39 @@ using namespace firmware;
 
 /// A volume with the tools in a folder of their own, whose name the shell must quote, and an empty
 /// folder to work in.
-Volume volume_with_tools() {
-    Volume built;
-    add_program(built);
-    Volume volume;
-    volume["my tools"].folder = true;
-    volume["work"].folder = true;
+lab::Files volume_with_tools() {
+    lab::Files built;
+    add_program(built, kX64);
+    lab::Files volume;
+    volume["my tools/"] = {};
+    volume["work/"] = {};
     volume["my tools/qfu.efi"] = built["qfu.efi"];
-    volume["my tools/spilist.bin"].bytes = lab::shipped_chip_list();
-    volume["my tools/lib"].folder = true;
+    volume["my tools/spilist.bin"] = lab::shipped_chip_list();
+    volume["my tools/lib/"] = {};
     for (const char* script :
          {"flash.nsh", "verify.nsh", "backup.nsh", "lib/flash.nsh", "lib/verify.nsh",
           "lib/backup.nsh", "lib/prepare.nsh", "lib/finish.nsh"}) {
-        volume["my tools/" + std::string(script)].bytes =
-            read_bytes(QFU_SCRIPTS "/" + std::string(script));
+        volume["my tools/" + std::string(script)] =
+            lab::read_file(QFU_SCRIPTS "/" + std::string(script));
     }
     return volume;
 }
 
 /// What a guest's scripts left: the exit status of each line, and the files in its folder.
 struct Scripts {
-    GuestResult guest;
+    std::string serial;
+    lab::Files volume;
     std::vector<std::string> statuses;
     std::set<std::string> files;
 
     const std::vector<std::uint8_t>& file(const std::string& name) {
-        return guest.volume["work/" + name].bytes;
+        return volume["work/" + name];
     }
-    bool prints(const std::string& text) const {
-        return guest.serial.find(text) != std::string::npos;
-    }
+    bool prints(const std::string& text) const { return serial.find(text) != std::string::npos; }
 };
 
 /// Runs each line in the folder "work" and gives the next of `answers` at each question.
-Scripts run_lines(emulator::Machine& machine, const Volume& volume,
+Scripts run_lines(emulator::Machine& machine, lab::Files volume,
                   const std::vector<std::string>& lines, std::string answers = "") {
     std::string script = "@echo -off\r\nfs0:\r\ncd work\r\n";
     for (std::size_t i = 0; i < lines.size(); ++i) {
@@ -59,13 +58,17 @@ Scripts run_lines(emulator::Machine& machine, const Volume& volume,
         answers.erase(0, key.size());
         return key;
     };
-    Scripts scripts{run_guest(machine, volume, script + "reset -s\r\n", confirm), {}, {}};
+    const auto bridge = emulator::make_bridge(kX64.guest, machine);
+    Scripts scripts;
+    scripts.serial = run_guest(kX64, *bridge, volume, script + "reset -s\r\n", confirm);
+    scripts.volume = volume;
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        const std::string status = scripts.guest.volume["status" + std::to_string(i)].text();
+        const lab::Bytes bytes = scripts.volume["status" + std::to_string(i)];
+        const std::string status(bytes.begin(), bytes.end());
         scripts.statuses.push_back(status.substr(0, status.find('\r')));
     }
-    for (const auto& [name, file] : scripts.guest.volume) {
-        if (name.starts_with("work/")) {
+    for (const auto& [name, file] : scripts.volume) {
+        if (name.starts_with("work/") && name != "work/") {
             scripts.files.insert(name.substr(5));
         }
     }
@@ -94,9 +97,9 @@ struct FlashScripts : testing::Test {
         before = lab::pattern(flash(0).size(), 7);
         std::ranges::copy(before, flash(0).begin());
         std::ranges::copy(before, flash(1).begin());
-        volume["work/image.bin"].bytes = volume["work/a b.bin"].bytes = image;
-        volume["work/none.bin"].bytes = {};
-        volume["zeros.bin"].bytes = std::vector<std::uint8_t>(64, 0);
+        volume["work/image.bin"] = volume["work/a b.bin"] = image;
+        volume["work/none.bin"] = {};
+        volume["zeros.bin"] = std::vector<std::uint8_t>(64, 0);
     }
 
     std::span<std::uint8_t> flash(std::size_t i) const {
@@ -120,14 +123,14 @@ struct FlashScripts : testing::Test {
     std::unique_ptr<emulator::Machine> machine;
     std::vector<std::uint8_t> before;
     std::vector<std::uint8_t> image = lab::pattern(600);
-    Volume volume = volume_with_tools();
+    lab::Files volume = volume_with_tools();
     Scripts done;
 };
 
 TEST_F(FlashScripts, SayWhetherTheFlashHoldsTheImage) {
     // Names that are taken, so that each digit of the next one has to be looked for.
     for (const char* taken : {"old099", "old109", "old110", "new111"}) {
-        volume["work/image.bin." + std::string(taken)].bytes = {1};
+        volume["work/image.bin." + std::string(taken)] = {1};
     }
     run(
         {
@@ -149,7 +152,7 @@ TEST_F(FlashScripts, SayWhetherTheFlashHoldsTheImage) {
                                    std::span(before).subspan(0x2000, image.size())));
     std::vector<std::uint8_t> wrong(64, 0);
     std::fill_n(wrong.begin() + 0x28, 4, std::uint8_t{2});
-    EXPECT_EQ(done.guest.volume["zeros.bin.new000"].bytes, wrong);
+    EXPECT_EQ(done.volume["zeros.bin.new000"], wrong);
     // Only the sector of the image was touched.
     auto expected = before;
     std::fill_n(expected.begin() + 0x2000, 0x1000, 0xFF);
@@ -200,8 +203,8 @@ TEST(FlashScript, KeepsTheBackupAndMendsAFlashThatLostPower) {
     const auto before = lab::pattern(chip.contents().size(), 3);
     std::ranges::copy(before, chip.contents().begin());
     const auto image = lab::pattern(64);
-    Volume volume = volume_with_tools();
-    volume["work/image.bin"].bytes = image;
+    lab::Files volume = volume_with_tools();
+    volume["work/image.bin"] = image;
     // Power goes for a moment in the access that starts the second erase, and in the next call in
     // the one that addresses the 40th program. So many accesses lie behind the cycle before. A
     // program that is cut may have cleared all its bits; one that never starts clears none.

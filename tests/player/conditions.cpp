@@ -1,13 +1,11 @@
 #include "conditions.h"
 
-#include "hardware/hex.h"
-#include "hardware/operation.h"
 #include "machine_lines.h"
 #include "support/input_error.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
+#include <fmt/format.h>
+#include <regex>
 #include <sstream>
 
 namespace session {
@@ -15,214 +13,142 @@ namespace {
 
 using lab::Bytes;
 
-/// "took 10.2 s" with as many digits as the session has.
-std::string took(const std::string& line, const Observation& seen) {
-    const auto words = split(line);
-    if (words.size() != 3 || (words[2] != "s" && words[2] != "ms" && words[2] != "us")) {
-        throw support::InputError("write \"took NUMBER s\", ms or us");
+std::size_t number(const std::string& word) {
+    return std::stoul(word, nullptr, 16);
+}
+
+Bytes part_of(const Bytes& chip, std::size_t address, std::size_t size) {
+    if (address > chip.size() || size > chip.size() - address) {
+        throw support::InputError("this is past the end of the chip");
     }
-    const std::size_t point = words[1].find('.');
-    const int digits = point == words[1].npos ? 0 : static_cast<int>(words[1].size() - point - 1);
-    const double unit = words[2] == "s" ? 1e9 : words[2] == "ms" ? 1e6 : 1e3;
-    std::array<char, 40> text{};
-    std::snprintf(text.data(), text.size(), "took %.*f ", digits,
-                  static_cast<double>(seen.ns) / unit);
-    return text.data() + words[2];
+    const auto from = chip.begin() + static_cast<std::ptrdiff_t>(address);
+    return {from, from + static_cast<std::ptrdiff_t>(size)};
+}
+
+Bytes read_file(const std::filesystem::path& file) {
+    if (!std::filesystem::exists(file)) {
+        throw support::InputError("there is no file " + file.filename().string());
+    }
+    return lab::read_file(file);
+}
+
+/// A chip by its place, or the machine's only one.
+const Bytes& chip_at(const Flash& chips, const std::string& place) {
+    const auto chip = place.empty() && chips.size() == 1 ? chips.begin() : chips.find(place);
+    if (chip == chips.end()) {
+        throw support::InputError("name a chip of the machine, such as 0.cs1");
+    }
+    return chip->second;
+}
+
+/// "took 10.2 s" with as many digits as the session has.
+std::string took(const Lines& words, const Observation& seen) {
+    const std::string& time = words.at(1);
+    const std::size_t digits = time.size() - 1 - std::min(time.find('.'), time.size() - 1);
+    const std::string& unit = words.at(2);
+    const double ns = unit == "s" ? 1e9 : unit == "ms" ? 1e6 : 1e3;
+    return fmt::format("took {:.{}f} {}", static_cast<double>(seen.ns) / ns, digits, unit);
 }
 
 /// "bus: 3 sector erase, 8 program": what the line names, and all that changes a chip.
 std::string bus(const std::string& line, const Observation& seen) {
     std::string result;
     for (const emulator::OperationTraits& traits : emulator::kOperations) {
-        const std::string name(traits.name);
-        const std::uint64_t count =
-            seen.operations.contains(traits.operation) ? seen.operations.at(traits.operation) : 0;
-        const bool named = (line + ',').find(' ' + name + ',') != line.npos;
+        const std::uint64_t count = seen.operations.at(static_cast<std::size_t>(traits.operation));
+        const bool named = (line + ',').find(fmt::format(" {},", traits.name)) != line.npos;
         if (named || (traits.stores && count > 0)) {
-            result += (result.empty() ? "" : ", ") + std::to_string(count) + " " + name;
+            result += fmt::format("{} {} {}", result.empty() ? "" : ",", count, traits.name);
         }
     }
-    return "bus: " + (result.empty() ? "nothing" : result);
+    return "bus:" + (result.empty() ? " nothing" : result);
 }
 
-std::size_t number(const std::string& word) {
-    std::size_t used = 0;
-    std::size_t value = 0;
-    try {
-        value = std::stoul(word, &used, 16);
-    } catch (const std::exception&) {
-        used = 0;
+/// `line` when the bytes are those that are wanted, else the first difference.
+std::string compare(const std::string& line, const Bytes& now, const Bytes& wanted) {
+    const auto [is, should] = std::ranges::mismatch(now, wanted);
+    if (is != now.end() && should != wanted.end()) {
+        return fmt::format("{}: {:X} holds {:02X}, not {:02X}", line, is - now.begin(), *is,
+                           *should);
     }
-    if (used == 0 || used != word.size()) {
-        throw support::InputError(word + " is no number");
-    }
-    return value;
-}
-
-/// The place that a word names; without a word that of the machine's only chip.
-std::string place_of(const Lines& words, std::size_t word, const After& after) {
-    const Flash& chips = after.flash_before;
-    if (word == words.size() && chips.size() != 1) {
-        throw support::InputError("name the chip, such as 0.cs1");
-    }
-    const std::string place = word == words.size() ? chips.begin()->first : words[word];
-    if (!chips.contains(place)) {
-        throw support::InputError("there is no chip " + place);
-    }
-    return place;
-}
-
-Bytes part_of(std::span<const std::uint8_t> chip, std::size_t address, std::size_t size) {
-    if (address > chip.size() || size > chip.size() - address) {
-        throw support::InputError("this is past the end of the chip");
-    }
-    const auto part = chip.subspan(address, size);
-    return {part.begin(), part.end()};
-}
-
-Bytes read_file(const std::filesystem::path& folder, const std::string& name) {
-    const auto bytes = find_file(folder, name);
-    if (!bytes) {
-        throw support::InputError("there is no file " + name);
-    }
-    return *bytes;
-}
-
-/// The first difference, or "".
-std::string difference(std::span<const std::uint8_t> now, std::span<const std::uint8_t> wanted) {
-    const auto at = std::ranges::mismatch(now, wanted);
-    if (at.in1 != now.end() && at.in2 != wanted.end()) {
-        return "holds " + emulator::hex(*at.in1, 2) + " at " +
-               emulator::hex(static_cast<std::size_t>(at.in1 - now.begin()), 1) + ", not " +
-               emulator::hex(*at.in2, 2);
-    }
-    return now.size() == wanted.size() ? ""
-                                       : "has " + std::to_string(now.size()) + " bytes, not " +
-                                             std::to_string(wanted.size());
+    return now.size() == wanted.size()
+               ? line
+               : fmt::format("{}: {} bytes, not {}", line, now.size(), wanted.size());
 }
 
 /// "flash [PLACE]: @1000 = image.bin, @2000 10 = FF, rest same"
 std::string flash(const std::string& line, const After& after) {
     const std::size_t colon = line.find(':');
-    const std::string place = place_of(split(line.substr(0, colon)), 1, after);
-    const auto chip = chips_of(*after.stage.machine).at(place);
-    const std::string wrong =
-        difference(chip, described_flash(line.substr(colon + 1), chip, after.flash_before.at(place),
-                                         after.folder));
-    return wrong.empty() ? line : line.substr(0, colon) + " " + wrong;
+    const std::string place = line.substr(0, colon).substr(std::min(colon, std::size_t{6}));
+    const Bytes& now = chip_at(after.now, place);
+    const Bytes& before = chip_at(after.before, place);
+    return compare(line, now, described_flash(line.substr(colon + 1), now, before, after.folder));
 }
 
-/// "file NAME missing", "file NAME = OTHER", "file NAME = flash [PLACE] @1000 20"
-std::string file(const std::string& line, const After& after) {
-    auto words = split(line);
-    const bool missing = words.size() == 3 && words[2] == "missing";
-    if (!missing && (words.size() < 4 || words[2] != "=")) {
+/// The bytes of "= OTHER", "= nothing" or "= flash [PLACE] @1000 20".
+Bytes wanted_in_file(const std::string& line, const After& after) {
+    static const std::regex kFlash("file \\S+ = flash (?:(\\S+) )?@([0-9A-F]+) ([0-9A-F]+)");
+    static const std::regex kOther("file \\S+ = (\\S+)");
+    std::smatch parts;
+    if (std::regex_match(line, parts, kFlash)) {
+        return part_of(chip_at(after.now, parts[1]), number(parts[2]), number(parts[3]));
+    }
+    if (!std::regex_match(line, parts, kOther)) {
         throw support::InputError("write file NAME = OTHER, = flash @ADDRESS SIZE, or missing");
     }
-    const auto bytes = find_file(after.folder, words[1]);
-    if (missing || !bytes) {
-        return "file " + words[1] + (bytes ? " exists" : " missing");
-    }
-    Bytes wanted;
-    if (words[3] == "flash") {
-        const std::size_t size = number(words.back());
-        words.pop_back();
-        const std::size_t address = number(words.back().substr(1));
-        words.pop_back();
-        const auto chips = chips_of(*after.stage.machine);
-        wanted = part_of(chips.at(place_of(words, 4, after)), address, size);
-    } else if (words[3] != "nothing") {
-        wanted = read_file(after.folder, words[3]);
-    }
-    const std::string wrong = difference(*bytes, wanted);
-    return wrong.empty() ? line : "file " + words[1] + " " + wrong;
+    return parts[1] == "nothing" ? Bytes{} : read_file(after.folder / parts[1].str());
 }
 
-/// A line for each misuse; equal ones in a row are counted.
-Lines misuse_lines(const Observation& seen) {
+/// "file NAME missing" or "file NAME = ..."
+std::string file(const std::string& line, const Lines& words, const After& after) {
+    const auto name = after.folder / words.at(1);
+    const bool exists = std::filesystem::exists(name);
+    if (!exists || words.at(2) == "missing") {
+        return "file " + words[1] + (exists ? " exists" : " missing");
+    }
+    return compare(line, lab::read_file(name), wanted_in_file(line, after));
+}
+
+/// Index registers in BAR 5 with their data registers: SPI, and the PHY test's three.
+const std::map<std::string, std::string> kPairs = {
+    {"A8",  "AC" },
+    {"B0",  "B4" },
+    {"178", "17C"},
+    {"1F8", "1FC"}
+};
+
+/// Puts the register accesses of each cycle on one line: a write that follows a read starts a new
+/// line. "A8:06000004<00012000" is a write through an index register and its data register.
+Lines by_cycle(const Lines& accesses) {
+    std::string text;
+    for (std::string access : accesses) { // "0  BAR5+000A8 < 06000004"
+        std::erase(access, ' ');
+        text += (text.empty() ? "" : " ") + access.substr(access.find("BAR"));
+    }
+    for (const auto& [index, data] : kPairs) {
+        const std::regex pair("BAR5\\+0*" + index + "<(\\w+) BAR5\\+0*" + data);
+        text = std::regex_replace(text, pair, index + ":$1");
+    }
+    text = std::regex_replace(text, std::regex("(>\\w+) (?=[^ >]+<)"), "$1\n");
     Lines lines;
-    for (std::size_t i = 0; i < seen.misuses.size();) {
-        const std::string& misuse = seen.misuses[i];
-        std::size_t times = 0;
-        for (; i < seen.misuses.size() && seen.misuses[i] == misuse; ++i) {
-            ++times;
-        }
-        lines.push_back("misuse: " + misuse +
-                        (times == 1 ? "" : " (" + std::to_string(times) + " times)"));
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
     }
     return lines;
 }
 
-} // namespace
-
-Bytes described_flash(const std::string& text, std::span<const std::uint8_t> now,
-                      std::span<const std::uint8_t> before, const std::filesystem::path& folder) {
-    Lines parts;
-    std::istringstream in(text);
-    for (std::string part; std::getline(in, part, ',');) {
-        parts.push_back(part);
-    }
-    Bytes result(now.begin(), now.end());
-    // The rest is described last, and the other parts lie on it.
-    for (std::size_t i = parts.size(); i-- > 0;) {
-        const auto words = split(parts[i]);
-        const bool rest = i + 1 == parts.size() && words.size() == 2 && words[0] == "rest";
-        const bool one_file = words.size() == 3 && words[1] == "=";
-        const bool sized = words.size() == 4 && words[2] == "=";
-        if (!rest && ((!one_file && !sized) || words[0][0] != '@')) {
-            throw support::InputError("write @ADDRESS = FILE, @ADDRESS SIZE = BYTE or rest BYTE");
-        }
-        const std::size_t address = rest ? 0 : number(words[0].substr(1));
-        Bytes bytes;
-        if (one_file) {
-            bytes = read_file(folder, words[2]);
-        } else {
-            const std::size_t size = rest ? now.size() : number(words[1]);
-            if (words.back() == "same") {
-                bytes = part_of(before, address, size);
-            } else {
-                bytes.assign(size, static_cast<std::uint8_t>(number(words.back())));
-            }
-        }
-        part_of(now, address, bytes.size());
-        std::ranges::copy(bytes, result.begin() + static_cast<std::ptrdiff_t>(address));
-    }
-    return result;
-}
-
-bool is_refused(const Observation& seen) {
-    return seen.status == 3 && seen.console.ends_with(kRefusal);
-}
-
-bool is_condition(const std::string& line) {
-    constexpr std::array kStarts = {
-        "= ", "took ", "bus: ", "flash: ", "flash ", "file ", "misuse: "};
-    return line == "starved" ||
-           std::ranges::any_of(kStarts, [&](const char* start) { return line.starts_with(start); });
-}
-
-std::optional<std::string> as_it_holds(const std::string& line, const After& after) {
-    if (line.starts_with("took ")) {
-        return took(line, after.seen);
-    }
-    if (line.starts_with("bus: ")) {
-        return bus(line, after.seen);
-    }
-    if (line.starts_with("flash")) {
-        return flash(line, after);
-    }
-    if (line.starts_with("file ")) {
-        return file(line, after);
-    }
-    const auto needed = needed_lines(after.seen);
-    return std::ranges::find(needed, line) != needed.end() ? std::optional(line) : std::nullopt;
-}
-
+/// What must be said after a command: status, misuse (equal ones in a row are counted), keys.
 Lines needed_lines(const Observation& seen) {
-    Lines lines = misuse_lines(seen);
+    Lines lines;
     if (seen.status != 0) {
-        lines.insert(lines.begin(),
-                     is_refused(seen) ? "= refused" : "= " + std::to_string(seen.status));
+        lines.push_back(seen.refused() ? "= refused" : "= " + std::to_string(seen.status));
+    }
+    for (auto at = seen.misuses.begin(); at != seen.misuses.end();) {
+        const auto next = std::find_if(at, seen.misuses.end(),
+                                       [&](const std::string& misuse) { return misuse != *at; });
+        const auto times = next - at;
+        lines.push_back("misuse: " + *at + (times == 1 ? "" : fmt::format(" ({} times)", times)));
+        at = next;
     }
     if (seen.starved) {
         lines.emplace_back("starved");
@@ -230,6 +156,74 @@ Lines needed_lines(const Observation& seen) {
     if (seen.unread_keys != 0) {
         lines.push_back("unread keys: " + std::to_string(seen.unread_keys));
     }
+    return lines;
+}
+
+} // namespace
+
+Bytes described_flash(const std::string& text, const Bytes& now, const Bytes& before,
+                      const std::filesystem::path& folder) {
+    static const std::regex kPart(" ?(?:@([0-9A-F]+)(?: ([0-9A-F]+))? =|rest) (\\S+)");
+    Lines parts;
+    std::istringstream in(text);
+    for (std::string part; std::getline(in, part, ',');) {
+        parts.push_back(part);
+    }
+    Bytes result = now;
+    // The rest is described last, and the other parts lie on it.
+    for (auto part = parts.rbegin(); part != parts.rend(); ++part) {
+        std::smatch words;
+        const bool match = std::regex_match(*part, words, kPart);
+        const bool rest = match && !words[1].matched;
+        if (!match || (rest && part != parts.rbegin())) {
+            throw support::InputError("write @ADDRESS = FILE, @ADDRESS SIZE = BYTE, rest BYTE");
+        }
+        const std::size_t at = rest ? 0 : number(words[1]);
+        const std::size_t size = words[2].matched ? number(words[2]) : now.size();
+        const std::string value = words[3];
+        const Bytes bytes = !rest && !words[2].matched ? read_file(folder / value)
+                            : value == "same"
+                                ? part_of(before, at, size)
+                                : Bytes(size, static_cast<std::uint8_t>(number(value)));
+        part_of(now, at, bytes.size()); // fails past the end
+        std::ranges::copy(bytes, result.begin() + static_cast<std::ptrdiff_t>(at));
+    }
+    return result;
+}
+
+bool is_condition(const std::string& line) {
+    const std::string word = line.substr(0, line.find(' '));
+    return word == "=" || word == "misuse:" || line == "starved" || word == "took" ||
+           word == "bus:" || word == "flash:" || word == "flash" || word == "file";
+}
+
+Lines as_they_hold(std::span<const std::string> below, const After& after) {
+    Lines lines;
+    Lines needed = needed_lines(after.seen);
+    for (const std::string& line : below) {
+        const auto words = split(line);
+        const std::string word = words.empty() ? "" : words[0];
+        const auto need = std::ranges::find(needed, line);
+        if (need != needed.end()) {
+            lines.push_back(line);
+            needed.erase(need);
+        } else if (word == "took") {
+            lines.push_back(took(words, after.seen));
+        } else if (word == "bus:") {
+            lines.push_back(bus(line, after.seen));
+        } else if (word == "flash:" || word == "flash") {
+            lines.push_back(flash(line, after));
+        } else if (word == "file") {
+            lines.push_back(file(line, words, after));
+        } else if (line == "cycles:" || line == "registers:") {
+            const Lines block =
+                line == "cycles:" ? after.seen.cycles : by_cycle(after.seen.registers);
+            lines.push_back(line);
+            lines.insert(lines.end(), block.begin(), block.end());
+            lines.emplace_back("end");
+        }
+    }
+    lines.insert(lines.end(), needed.begin(), needed.end());
     return lines;
 }
 

@@ -3,9 +3,11 @@
 #include "support/input_error.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
+#include <fstream>
+#include <iomanip>
 #include <map>
+#include <sstream>
 
 namespace session {
 namespace {
@@ -14,141 +16,109 @@ using Words = std::vector<std::string>;
 
 /// The machines that most sessions use: an adapter of each interface kind with one chip.
 const std::map<std::string, Words> kUsual = {
-    {"kind1", {"0xC709", "spi", "W25X40"}    },
-    {"kind2", {"0xC703", "spi", "W25X40"}    },
-    {"kind4", {"0xC705", "spi", "W25X40"}    },
-    {"nor",   {"0xC703", "nor", "0x257E00EC"}},
+    {"kind1", {"adapter 0xC709", "spi ", "W25X40"}    },
+    {"kind2", {"adapter 0xC703", "spi ", "W25X40"}    },
+    {"kind4", {"adapter 0xC705", "spi ", "W25X40"}    },
+    {"nor",   {"adapter 0xC703", "nor ", "0x257E00EC"}},
 };
 
-/// What a line is in a machine file: a table, and the keys of the values that follow its first
-/// words. Further words are keys and values.
-struct Table {
-    std::string_view line;
-    std::string_view head;
-    std::string_view key; ///< of the next word; empty: the line has only keys and values
-};
-constexpr std::array kTables = {
-    Table{"adapter",     "[[adapter]]",                         "device"},
-    Table{"spi",         "[adapter.spi]",                       "part"  },
-    Table{"nor",         "[adapter.nor]",                       "id"    },
-    Table{"phy",         "[adapter.phy]",                       ""      },
-    Table{"fault spi",   "[[adapter.spi.fault]]",               "kind"  },
-    Table{"fault nor",   "[[adapter.nor.fault]]",               "kind"  },
-    Table{"fault phy",   "[[adapter.phy.fault]]",               "kind"  },
-    Table{"fault power", "[[adapter.fault]]\nkind = \"power\"", ""      },
-    Table{"fault call",  "[[firmware_fault]]",                  "call"  },
+/// How long chips are busy; "short" is a poll or two.
+const std::map<std::string, emulator::BusyTimes> kTimes = {
+    {"none",    emulator::kNeverBusy},
+    {"short",   {0, 10, 1}          },
+    {"typical", {}                  },
 };
 
-/// A key with a value as a machine file has it: numbers as they are, all else in quotes.
-std::string entry(std::string_view key, const std::string& word) {
-    const bool number = std::isdigit(static_cast<unsigned char>(word[0])) != 0;
-    return std::string(key) + " = " + (number ? word : '"' + word + '"');
-}
+/// What a line is in a machine file: a table, and the key of the next word. Further words are keys
+/// and values.
+const std::map<std::string, Words> kTables = {
+    {"adapter",     {"[[adapter]]", "device"}             },
+    {"spi",         {"[adapter.spi]", "part"}             },
+    {"nor",         {"[adapter.nor]", "id"}               },
+    {"phy",         {"[adapter.phy]"}                     },
+    {"fault spi",   {"[[adapter.spi.fault]]", "kind"}     },
+    {"fault nor",   {"[[adapter.nor.fault]]", "kind"}     },
+    {"fault phy",   {"[[adapter.phy.fault]]", "kind"}     },
+    {"fault power", {"[[adapter.fault]]", "kind", "power"}},
+    {"fault call",  {"[[firmware_fault]]", "call"}        },
+};
 
 } // namespace
 
 std::vector<std::string> split(const std::string& line) {
     Words words;
-    bool quoted = false;
-    bool inside = false;
-    for (const char c : line) {
-        if (c == '"') {
-            quoted = !quoted;
-            inside = inside || quoted;
-            if (quoted) {
-                words.emplace_back();
-            }
-        } else if (c == ' ' && !quoted) {
-            inside = false;
-        } else {
-            if (!inside) {
-                words.emplace_back();
-                inside = true;
-            }
-            words.back() += c;
-        }
+    std::istringstream in(line);
+    for (std::string word; in >> std::quoted(word, '"', '^');) {
+        words.push_back(word);
     }
     return words;
 }
 
-void MachineLines::add(const std::string& toml, std::size_t line) {
-    text_ += toml + '\n';
-    lines_.resize(lines_.size() + 1 + static_cast<std::size_t>(std::ranges::count(toml, '\n')),
-                  line);
+void MachineLines::take(const std::string& line) {
+    const Words words = split(line);
+    if (words[0] == "machine") {
+        start(words);
+    } else if (words[0] == "time") {
+        times_ = kTimes.at(words.at(1));
+    } else if (words[0] == "adapters") {
+        for (std::size_t i = 2; i < words.size(); ++i) {
+            take("adapter " + words[i] + " revision 0x10");
+            take("spi " + words[1]);
+        }
+    } else {
+        add_table(words);
+        lines_.resize(static_cast<std::size_t>(std::ranges::count(toml_, '\n')), line);
+    }
 }
 
-void MachineLines::start(const Words& words, std::size_t line) {
+void MachineLines::start(const Words& words) {
     *this = {};
-    const auto usual = words.size() > 1 ? kUsual.find(words[1]) : kUsual.end();
+    if (words.size() == 1) {
+        return;
+    }
+    const auto usual = kUsual.find(words[1]);
     if (usual != kUsual.end()) {
         const Words& machine = usual->second;
-        take({"adapter", machine[0]}, line);
-        take({machine[1], words.size() > 2 ? words[2] : machine[2]}, line);
-    } else if (words.size() > 1) {
-        file_ = words[1];
+        take(machine[0]);
+        take(machine[1] + (words.size() > 2 ? words[2] : machine[2]));
+        return;
+    }
+    std::ifstream file(QFU_SOURCE_DIR "/emulator/machines/" + words[1]);
+    if (!file) {
+        throw support::InputError("there is no such machine");
+    }
+    for (std::string entry; std::getline(file, entry); lines_.emplace_back()) {
+        // A session starts with blank chips and keeps nothing.
+        toml_ += (entry.starts_with("image") ? "" : entry) + '\n';
     }
 }
 
-bool MachineLines::take(const Words& words, std::size_t line) {
-    if (words[0] == "adapters") {
-        for (std::size_t i = 2; i < words.size(); ++i) {
-            take({"adapter", words[i], "revision", "0x10"}, line);
-            take({"spi", words[1]}, line);
-        }
-        return true;
-    }
-    if (words[0] == "time") {
-        time_ = words.at(1);
-        return true;
-    }
-    std::size_t i = words[0] == "fault" ? 2 : 1;
-    const std::string what = i == 1 ? words[0] : words[0] + " " + words.at(1);
-    const auto* const table = std::ranges::find(kTables, what, &Table::line);
+void MachineLines::add_table(const Words& words) {
+    const bool fault = words[0] == "fault";
+    const auto table = kTables.find(fault ? "fault " + words.at(1) : words[0]);
     if (table == kTables.end()) {
-        return false;
+        throw support::InputError("a machine has no such line");
     }
-    add(std::string(table->head), line);
-    if (!table->key.empty()) {
-        add(entry(table->key, words.at(i++)), line);
-    }
-    for (; i < words.size(); i += 2) {
-        add(entry(words[i], words.at(i + 1)), line);
-    }
-    if (what == "adapter") {
+    Words entries(table->second.begin() + 1, table->second.end());
+    entries.insert(entries.end(), words.begin() + (fault ? 2 : 1), words.end());
+    if (words[0] == "adapter") {
+        const std::string slot = std::to_string(next_slot_++);
         if (std::ranges::find(words, "slot") == words.end()) {
-            add(entry("slot", std::to_string(next_slot_)), line);
+            entries.insert(entries.end(), {"slot", slot});
         }
-        ++next_slot_;
     }
-    return true;
+    toml_ += table->second[0] + '\n';
+    for (std::size_t i = 0; i < entries.size(); i += 2) {
+        const std::string& value = entries.at(i + 1);
+        const bool number = std::isdigit(static_cast<unsigned char>(value[0])) != 0;
+        toml_ += entries[i] + " = " + (number ? value : '"' + value + '"') + '\n';
+    }
 }
 
 emulator::MachineDescription MachineLines::describe() const {
-    if (!file_.empty()) {
-        auto machine = emulator::load_machine_file(QFU_SOURCE_DIR "/emulator/machines/" + file_);
-        for (auto& adapter : machine.adapters) {
-            // A session starts with blank chips and keeps nothing.
-            if (adapter.spi) {
-                adapter.spi->image.clear();
-            }
-            if (adapter.nor) {
-                adapter.nor->image.clear();
-            }
-        }
-        return machine;
-    }
-    const bool in_file = !time_.empty() && time_ != "short";
-    auto machine =
-        emulator::parse_machine((in_file ? entry("time", time_) : "") + '\n' + text_, "machine");
-    if (time_ == "short") {
-        machine.times = {0, 10, 1};
-    }
+    auto machine = emulator::parse_machine(toml_, "machine");
+    machine.times = times_;
     return machine;
-}
-
-std::size_t MachineLines::line_of(std::size_t description_line) const {
-    constexpr std::size_t kBefore = 2; // lines count from 1, and "time" has the first
-    return lines_.at(description_line - kBefore);
 }
 
 } // namespace session

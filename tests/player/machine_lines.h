@@ -14,29 +14,26 @@ std::vector<std::string> split(const std::string& line);
 /// Collects the lines that describe a machine, as a machine file.
 class MachineLines {
   public:
-    /// Starts again with "machine", "machine FILE" or "machine NAME [PART]".
-    void start(const std::vector<std::string>& words, std::size_t line);
-
-    /// Takes a line whose first word is adapter, adapters, spi, nor, phy, fault or time.
-    /// @returns false for any other line
-    bool take(const std::vector<std::string>& words, std::size_t line);
+    /// Takes a line whose first word is machine, adapter, adapters, spi, nor, phy, fault or time.
+    /// "machine", "machine FILE" and "machine NAME [PART]" start again.
+    /// @throws support::InputError for any other line
+    void take(const std::string& line);
 
     /// @throws support::InputError when the lines describe no machine
     emulator::MachineDescription describe() const;
 
-    /// The session's line from a line of the description.
-    std::size_t line_of(std::size_t description_line) const;
-
-    /// True when the lines name a machine file.
-    bool is_file() const { return !file_.empty(); }
+    /// The session's line from a line of the description; empty for one of a machine file.
+    const std::string& line_of(std::size_t description_line) const {
+        return lines_.at(description_line - 1);
+    }
 
   private:
-    void add(const std::string& toml, std::size_t line);
+    void start(const std::vector<std::string>& words);
+    void add_table(const std::vector<std::string>& words);
 
-    std::string file_;
-    std::string time_; ///< busy times; they come before all tables
-    std::string text_;
-    std::vector<std::size_t> lines_; ///< of the session, by line of `text_`
+    emulator::BusyTimes times_;
+    std::string toml_;
+    std::vector<std::string> lines_; ///< of the session, by line of `toml_`
     int next_slot_ = 2;
 };
 

@@ -1,59 +1,52 @@
-#include "run.h"
+#include "player.h"
 
-#include "registers.h"
 #include "support/input_error.h"
 
 #include <algorithm>
-#include <cctype>
-#include <fstream>
+#include <functional>
 
 namespace session {
 
 namespace fs = std::filesystem;
-using emulator::Operation;
-using lab::Bytes;
 
 namespace {
 
-std::map<Operation, std::uint64_t> count_operations(const emulator::Machine& machine) {
-    std::map<Operation, std::uint64_t> counts;
-    for (std::size_t i = 1; i < emulator::kOperationCount; ++i) {
-        const auto operation = static_cast<Operation>(i);
+Counts count_operations(const emulator::Machine& machine) {
+    Counts counts{};
+    for (std::size_t i = 1; i < counts.size(); ++i) {
+        const auto operation = static_cast<emulator::Operation>(i);
         for (const auto& adapter : machine.adapters()) {
             const auto* spi = adapter->spi().chip();
             const auto* nor = adapter->nor() == nullptr ? nullptr : adapter->nor()->chip();
-            counts[operation] += (spi == nullptr ? 0 : spi->count(operation)) +
-                                 (nor == nullptr ? 0 : nor->count(operation));
+            counts[i] += (spi == nullptr ? 0 : spi->count(operation)) +
+                         (nor == nullptr ? 0 : nor->count(operation));
         }
     }
     return counts;
 }
 
 void press(emulator::Terminal& terminal, const std::string& keys) {
-    constexpr std::string_view kFunctionKey = "<F1>"; // has a scan code and no character
-    constexpr std::uint16_t kScanCode = 0x0B;
-    std::size_t from = 0;
-    for (std::size_t at = 0; (at = keys.find(kFunctionKey, from)) != keys.npos;) {
-        terminal.press(keys.substr(from, at - from));
-        terminal.press(emulator::KeyStroke{kScanCode, 0});
-        from = at + kFunctionKey.size();
+    if (keys == "<F1>") {
+        terminal.press(emulator::KeyStroke{.scan_code = 0x0B, .character = 0});
+    } else {
+        terminal.press(keys);
     }
-    terminal.press(keys.substr(from));
 }
 
 /// The shell's own commands that sessions use. @returns what they print
 std::string run_shell_command(const Command& command, const fs::path& folder) {
     const std::string& name = command.words[0];
+    const fs::path file = folder / command.words.back();
     if (name == "type") {
-        const Bytes bytes = find_file(folder, command.words.at(1)).value_or(Bytes{});
+        const lab::Bytes bytes = lab::read_file(file);
         return std::string(bytes.begin(), bytes.end()) + "\r\n"; // the shell adds a line end
     }
     if (name == "rm") {
-        fs::remove(folder / command.words.at(1));
+        fs::remove(file);
     } else if (name == "mkdir") {
-        fs::create_directory(folder / command.words.at(1));
+        fs::create_directory(file);
     } else if (name == "attrib") {
-        fs::permissions(folder / command.words.at(2), fs::perms::owner_read);
+        fs::permissions(file, fs::perms::owner_read);
     } else {
         throw support::InputError("sessions know no command " + name);
     }
@@ -83,25 +76,11 @@ Flash contents_of(const emulator::Machine& machine) {
     return contents;
 }
 
-Files read_files(const fs::path& folder) {
-    Files files;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-        const std::string name = fs::relative(entry.path(), folder).string();
-        if (entry.is_directory()) {
-            files[name + "/"] = {};
-        } else {
-            std::ifstream in(entry.path(), std::ios::binary);
-            files[name] = {std::istreambuf_iterator<char>(in), {}};
-        }
-    }
-    return files;
-}
-
 Observation run(const Stage& stage, const Command& command, emulator::VirtualClock& clock,
-                const fs::path& folder, Listen listen,
+                const fs::path& folder, bool log,
                 const std::function<void(emulator::Firmware&)>& prepare) {
     Observation seen;
-    if (!command.is_qfu()) {
+    if (!command.is_program()) {
         seen.console = run_shell_command(command, folder);
         return seen;
     }
@@ -117,31 +96,23 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     if (prepare) {
         prepare(firmware);
     }
-    if (listen.registers) {
+    if (log) {
         machine.journal().listen_to_registers(
             [&seen](std::string_view line) { seen.registers.emplace_back(line); });
-    }
-    if (listen.cycles) {
         machine.journal().listen_to_cycles(
             [&seen](std::string_view line) { seen.cycles.emplace_back(line); });
     }
-    const auto operations_before = count_operations(machine);
+    const Counts before = count_operations(machine);
     const std::uint64_t start = clock.now_ns();
-    Lines arguments = {emulator::kCommandName};
-    arguments.insert(arguments.end(), command.words.begin() + 1, command.words.end());
+    Lines arguments = command.words;
+    arguments[0] = emulator::kCommandName;
     seen.status =
         static_cast<unsigned>(emulator::run_program(firmware, stage.shell, arguments) & 0xFF);
     seen.ns = clock.now_ns() - start;
-    if (listen.cycles) {
-        machine.journal().listen_to_cycles(nullptr);
-    }
-    if (listen.registers) {
-        machine.journal().listen_to_registers(nullptr);
-        seen.registers = register_lines(seen.registers, machine.adapters().size() > 1);
-    }
-    for (const auto& [operation, count] : count_operations(machine)) {
-        seen.operations[operation] = count - operations_before.at(operation);
-    }
+    machine.journal().listen_to_cycles(nullptr);
+    machine.journal().listen_to_registers(nullptr);
+    std::ranges::transform(count_operations(machine), before, seen.operations.begin(),
+                           std::minus());
     seen.console = firmware.terminal().transcript();
     seen.starved = firmware.terminal().starved();
     seen.unread_keys = firmware.terminal().keys_left();
@@ -149,20 +120,10 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     if (firmware.resources() != emulator::Resources{}) {
         seen.misuses.emplace_back("the program has not given everything back");
     }
-    for (const emulator::NamedCall& call : emulator::kNamedCalls) {
-        seen.calls.push_back((firmware.faults().*call.fault).calls());
-    }
+    std::ranges::transform(
+        emulator::kNamedCalls, seen.calls.begin(),
+        [&](const emulator::NamedCall& call) { return (firmware.faults().*call.fault).calls(); });
     return seen;
-}
-
-std::optional<lab::Bytes> find_file(const std::filesystem::path& folder, const std::string& name) {
-    const auto files = read_files(folder);
-    const auto same = [&](const auto& entry) {
-        return std::ranges::equal(
-            entry.first, name, [](char a, char b) { return std::toupper(a) == std::toupper(b); });
-    };
-    const auto found = std::ranges::find_if(files, same);
-    return found == files.end() ? std::nullopt : std::optional(found->second);
 }
 
 } // namespace session
