@@ -48,8 +48,8 @@ class Variants {
     Variants(const Stage& stage, const Command& command, emulator::VirtualClock& clock,
              const std::filesystem::path& folder)
         : stage_(stage), command_(command), clock_(clock), folder_(folder) {
+        GoodRun& good = good_run(); // made here, so that parent and fork share it
         in_fork("as it is", [&] {
-            GoodRun& good = good_run();
             const Observation run = session::run(stage_, command_, clock_, folder_);
             std::ranges::copy(run.calls, good.calls.begin());
             good.accesses = stage_.machine->accesses() - accesses_before_;
