@@ -94,7 +94,35 @@ class Variants {
         }
     }
 
+    /// Breaks a dump of `blocks` blocks at each query. It must say of each block that it read
+    /// exactly what the file has, and of the whole that it was successful exactly when nothing is
+    /// missing.
+    void break_dump(std::size_t blocks) const {
+        const auto call = std::ranges::find(kNamedCalls, "break", &emulator::NamedCall::name);
+        const auto kind = static_cast<std::size_t>(call - kNamedCalls.begin());
+        constexpr std::uint64_t kInDiscovery = 64 * 16;
+        for (std::uint64_t nth = kInDiscovery; nth <= good_run().calls[kind]; ++nth) {
+            in_fork("break " + std::to_string(nth), [&] {
+                const Observation seen = session::run(
+                    stage_, command_, clock_, folder_, {},
+                    [&](emulator::Firmware& firmware) { firmware.faults().break_query.fail(nth); });
+                const std::size_t read = count(seen.console, "Read address ");
+                const std::size_t size = lab::read_file(folder_ / "dump.bin").size();
+                const bool claimed = count(seen.console, "successful") != 0;
+                return size == read * 0x1000 && claimed == (read == blocks) ? "" : seen.console;
+            });
+        }
+    }
+
   private:
+    static std::size_t count(std::string_view text, std::string_view word) {
+        std::size_t found = 0;
+        for (std::size_t at = 0; (at = text.find(word, at)) != text.npos; at += word.size()) {
+            ++found;
+        }
+        return found;
+    }
+
     /// Runs `variant` in a fork. It returns what is wrong, or "".
     template <class Variant>
     void in_fork(const std::string& what, Variant variant) const {
@@ -229,6 +257,13 @@ TEST(PowerCut, InAnyAccessIsRepairedByTheSameCommand) {
     session::play(QFU_SOURCE_DIR "/tests/sessions/short-writes.txt",
                   [](const Stage& stage, const Command& command, auto& clock, const auto& folder) {
                       Variants(stage, command, clock, folder).cut_power();
+                  });
+}
+
+TEST(Break, AtAnyQueryOfADumpLeavesWhatTheConsoleSays) {
+    session::play(QFU_SOURCE_DIR "/tests/sessions/short-dump.txt",
+                  [](const Stage& stage, const Command& command, auto& clock, const auto& folder) {
+                      Variants(stage, command, clock, folder).break_dump(2);
                   });
 }
 

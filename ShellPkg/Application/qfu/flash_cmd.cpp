@@ -83,6 +83,10 @@ EFI_STATUS dump(QFU_ADAPTER& adapter) {
             break;
         }
         qfu_fwrite(request.file, block);
+        if (platform::break_seen()) {
+            // The write asks for a break, too, and then writes nothing.
+            break;
+        }
         qfu_print("\rRead address %5.8lx", address);
         address += n;
         remaining -= n;
