@@ -1,9 +1,9 @@
 #include "job.h"
 
 #include "qfu/discover.h"
+#include "qfu/sha256.h"
 #include "spilist/chip_list.h"
 #include "spilist/source.h"
-#include "support/sha256.h"
 #include "support/table_reader.h"
 
 #include <algorithm>
@@ -133,7 +133,7 @@ void read_image(TableReader& reader, const std::filesystem::path& folder, Adapte
         reader.fail("image", name.string() + ": cannot be read: " +
                                  (file ? "it is no file" : std::strerror(errno)));
     }
-    support::Sha256 sha;
+    QFU_SHA256 sha;
     std::array<char, 0x10000> buffer{};
     while (file.read(buffer.data(), buffer.size()), file.gcount() > 0) {
         const auto got = static_cast<std::size_t>(file.gcount());

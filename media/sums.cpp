@@ -1,7 +1,7 @@
 #include "sums.h"
 
 #include "shell_variable.h"
-#include "support/sha256.h"
+#include "qfu/sha256.h"
 
 #include <array>
 #include <cstddef>
@@ -100,14 +100,14 @@ bool is_as_listed(EFI_FILE_HANDLE root, const Entry& entry) {
     if (!file.is_open()) {
         return false;
     }
-    support::Sha256 sha;
+    QFU_SHA256 sha;
     for (std::size_t got = 1; got != 0;) {
         if (!file.read(buffer, got)) {
             return false;
         }
         sha.add(std::span(buffer).first(got));
     }
-    const support::Sha256::Sum sum = sha.finish();
+    const QFU_SHA256::Sum sum = sha.finish();
     for (std::size_t i = 0; i < kHexDigits; ++i) {
         if (entry.sum[i] != kDigits[(sum[i / 2] >> (i % 2 == 0 ? 4 : 0)) & 15]) {
             return false;

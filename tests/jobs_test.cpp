@@ -3,7 +3,7 @@
 #include "jobs/results.h"
 #include "lab.h"
 #include "support/input_error.h"
-#include "support/sha256.h"
+#include "qfu/sha256.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
@@ -94,7 +94,7 @@ TEST(Results, OfTwoMachinesAreNotMixedWhereNamesAreEqual) {
 
 TEST(Sha256, GivesThePublishedSums) {
     const auto sum = [](const std::string& text) {
-        support::Sha256 sha;
+        QFU_SHA256 sha;
         sha.add({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
         std::string hex;
         for (const std::uint8_t byte : sha.finish()) {

@@ -1,7 +1,7 @@
 #include "qfu/status_text.h"
 
 #include "hardware/hex.h"
-#include "support/sha256.h"
+#include "qfu/sha256.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -16,7 +16,7 @@ TEST(StatusText, KeepsItsWordingForEveryCode) {
         known += text == "Unknown error" ? "" : std::to_string(code) + " " + text + "\n";
     }
     // Programs that read the console know these texts, odd as some are.
-    support::Sha256 sha;
+    QFU_SHA256 sha;
     sha.add({reinterpret_cast<const std::uint8_t*>(known.data()), known.size()});
     std::string sum;
     for (const std::uint8_t byte : sha.finish()) {

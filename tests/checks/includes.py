@@ -25,8 +25,8 @@ RULES = {
     "emulator/guest": [r'"(hardware|support)/\w+\.h"', r'"uefi/efi\.h"', ANY_LIBRARY],
     "emulator": [r'"(guest|hardware|machine|observe|support|uefi)/\w+\.h"', r'"qfu/main\.h"', ANY_LIBRARY],
     "spilist": [r'"support/\w+\.h"', r'"qfu/spi_list\.h"', ANY_LIBRARY],
-    "jobs": [r'"(spilist|support)/\w+\.h"', r'"qfu/discover\.h"', ANY_LIBRARY],
-    "media": [r'"support/sha256\.h"', r"<efi\.h>", r"<cstring>", FREESTANDING],
+    "jobs": [r'"(spilist|support)/\w+\.h"', r'"qfu/(discover|sha256)\.h"', ANY_LIBRARY],
+    "media": [r'"qfu/sha256\.h"', r"<efi\.h>", r"<cstring>", FREESTANDING],
     "support": [ANY_LIBRARY],
 }
 # The only files that include UEFI headers.

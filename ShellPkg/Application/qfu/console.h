@@ -19,6 +19,9 @@ inline constexpr std::size_t QFU_TEXT_SIZE = 1024;
 /// Stops after every page of output until a key comes. Off until the command line turns it on.
 extern bool qfu_page_mode;
 
+/// Drops what `qfu_print` is given, for callers of the drivers that report in their own words.
+extern bool qfu_quiet;
+
 /// Pieces printed since the last pause, over all calls of `qfu_print`.
 extern std::uint32_t qfu_page_lines;
 

@@ -43,9 +43,9 @@ std::uint32_t reject(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot) {
     return QFU_FAILED;
 }
 
-/// Identifies the chip behind `slot`; the selection stays on it only when there is one.
-void probe(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot, const char* missing, std::uint32_t number) {
-    adapter.current_slot = &slot;
+/// Identifies the chip behind the selected slot; the selection stays on it only when there is one.
+void probe(QFU_ADAPTER& adapter, const char* missing, std::uint32_t number) {
+    const QFU_FLASH_SLOT& slot = *adapter.current_slot;
     slot.probe(adapter);
     if (slot.chip == nullptr) {
         qfu_print(missing, number);
@@ -55,7 +55,7 @@ void probe(QFU_ADAPTER& adapter, QFU_FLASH_SLOT& slot, const char* missing, std:
 
 } // namespace
 
-std::uint32_t qfu_spi_detect(QFU_ADAPTER& adapter) {
+std::uint32_t qfu_spi_attach(QFU_ADAPTER& adapter) {
     QFU_FLASH_SLOT& slot = adapter.slot[1];
     const Access* access = find_access(adapter.flash_if);
     if (access == nullptr) {
@@ -66,19 +66,37 @@ std::uint32_t qfu_spi_detect(QFU_ADAPTER& adapter) {
     adapter.reg_base = adapter.bar[access->reg_bar];
     adapter.aux_base = access->has_aux ? adapter.bar[0] : 0;
     qfu_spiflash_install(slot);
-    probe(adapter, slot, "\nNo found any SPI Flash dev...%d\n", 1327);
+    adapter.current_slot = &slot;
     return 0;
 }
 
-std::uint32_t qfu_nor_detect(QFU_ADAPTER& adapter) {
+std::uint32_t qfu_nor_attach(QFU_ADAPTER& adapter) {
     QFU_FLASH_SLOT& slot = adapter.slot[0];
     if (adapter.flash_if != QFU_FLASH_IF_BAR2) {
         return reject(adapter, slot);
     }
-    qfu_spi_detect(adapter);
     qfu_norflash_install(slot);
     adapter.reg_base = adapter.bar[2];
     adapter.aux_base = adapter.bar[0];
-    probe(adapter, slot, "\nNo found any NOR Flash dev...%d\n", 950);
+    adapter.current_slot = &slot;
+    return 0;
+}
+
+std::uint32_t qfu_spi_detect(QFU_ADAPTER& adapter) {
+    if (qfu_spi_attach(adapter) != 0) {
+        return QFU_FAILED;
+    }
+    probe(adapter, "\nNo found any SPI Flash dev...%d\n", 1327);
+    return 0;
+}
+
+std::uint32_t qfu_nor_detect(QFU_ADAPTER& adapter) {
+    if (adapter.flash_if == QFU_FLASH_IF_BAR2) {
+        qfu_spi_detect(adapter);
+    }
+    if (qfu_nor_attach(adapter) != 0) {
+        return QFU_FAILED;
+    }
+    probe(adapter, "\nNo found any NOR Flash dev...%d\n", 950);
     return 0;
 }

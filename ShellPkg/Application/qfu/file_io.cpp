@@ -47,11 +47,11 @@ bool remove(QFU_FILE& list, const FileName& name) {
 /// True when the list's file holds bytes, or may hold some because nobody tells.
 bool has_contents(const QFU_FILE& list) {
     const FileEntry* entry = list.first();
-    if (entry == nullptr || entry->Status != EFI_SUCCESS || platform::is_directory(*entry)) {
+    if (entry == nullptr || entry->Status != EFI_SUCCESS || platform::is_directory(entry->Handle)) {
         return false;
     }
     std::uint64_t size = 0;
-    return platform::size(*entry, size) != EFI_SUCCESS || size != 0;
+    return platform::size(entry->Handle, size) != EFI_SUCCESS || size != 0;
 }
 
 QFU_FILE open_existing(const FileName& name) {
@@ -146,7 +146,7 @@ const FileEntry* qfu_file_entry(const QFU_FILE& file) {
             platform::print("%dError. The file %s wouldn't open: %r.\r\n",
                             {1516, entry->FileName, entry->Status});
             failed = true;
-        } else if (platform::is_directory(*entry)) {
+        } else if (platform::is_directory(entry->Handle)) {
             platform::print("%dError.%s is a directory.\r\n", {1525, entry->FileName});
             failed = true;
         } else if (!failed) {
@@ -167,11 +167,11 @@ int qfu_fseek(const QFU_FILE& file, QFU_SEEK origin) {
     std::uint64_t target = 0;
     EFI_STATUS status = EFI_SUCCESS;
     if (origin == QFU_SEEK::CURRENT) {
-        status = platform::position(*entry, target);
+        status = platform::position(entry->Handle, target);
     } else if (origin == QFU_SEEK::END) {
-        status = platform::size(*entry, target);
+        status = platform::size(entry->Handle, target);
     }
-    if (status != EFI_SUCCESS || platform::set_position(*entry, target) != EFI_SUCCESS) {
+    if (status != EFI_SUCCESS || platform::set_position(entry->Handle, target) != EFI_SUCCESS) {
         return -1;
     }
     return 0;
@@ -180,7 +180,7 @@ int qfu_fseek(const QFU_FILE& file, QFU_SEEK origin) {
 std::uint32_t qfu_fsize(const QFU_FILE& file) {
     const FileEntry* entry = qfu_file_entry(file);
     std::uint64_t size = 0;
-    if (entry == nullptr || platform::size(*entry, size) != EFI_SUCCESS) {
+    if (entry == nullptr || platform::size(entry->Handle, size) != EFI_SUCCESS) {
         return 0;
     }
     return static_cast<std::uint32_t>(size);
@@ -194,7 +194,7 @@ EFI_STATUS qfu_fread(const QFU_FILE& file, std::span<std::uint8_t> buffer,
         return EFI_ABORTED;
     }
     transferred = buffer.size();
-    return platform::read(*entry, buffer.data(), transferred);
+    return platform::read(entry->Handle, buffer.data(), transferred);
 }
 
 EFI_STATUS qfu_fwrite(const QFU_FILE& file, std::span<const std::uint8_t> data) {
@@ -202,8 +202,8 @@ EFI_STATUS qfu_fwrite(const QFU_FILE& file, std::span<const std::uint8_t> data) 
     if (entry == nullptr) {
         return EFI_ABORTED;
     }
-    const EFI_STATUS status = platform::write(*entry, data.data(), data.size());
-    return status != EFI_SUCCESS ? status : platform::flush(*entry);
+    const EFI_STATUS status = platform::write(entry->Handle, data.data(), data.size());
+    return status != EFI_SUCCESS ? status : platform::flush(entry->Handle);
 }
 
 int qfu_fprintf_list(const QFU_FILE& file, const char* format,

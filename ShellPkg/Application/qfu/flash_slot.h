@@ -59,6 +59,12 @@ struct QFU_FLASH_SLOT {
 };
 static_assert(sizeof(QFU_FLASH_SLOT) == 13 * sizeof(void*));
 
+/// What one erase covers.
+struct QFU_ERASE_UNIT {
+    std::uint32_t first; ///< address of its first byte
+    std::uint32_t size;  ///< bytes, a power of two
+};
+
 /// The chip of a NOR slot: a row of the driver's table.
 struct QFU_NOR_CHIP {
     std::uint32_t id_value;   ///< manufacturer code in bits 0 to 15, device code in bits 16 to 31

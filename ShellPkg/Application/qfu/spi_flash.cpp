@@ -144,22 +144,6 @@ void unprotect_every_sector(QFU_ADAPTER& adapter) {
     }
 }
 
-/// Lifts the power-up protection of the chips that are known for it by their whole identification.
-void unlock(QFU_ADAPTER& adapter) {
-    const QFU_CHIP_ENTRY& entry = chip(adapter);
-    if (qfu_spiflash_id_match(entry, ID_SECTOR_PROTECTED) == 0) {
-        qfu_spiflash_unprotect_all(adapter);
-        unprotect_every_sector(adapter);
-        return;
-    }
-    for (const std::uint32_t id : IDS_BLOCK_PROTECTED) {
-        if (qfu_spiflash_id_match(entry, id) == 0) {
-            qfu_spiflash_unprotect_all(adapter);
-            return;
-        }
-    }
-}
-
 /// Brings the controller of kind 1 into the state that its first cycle needs.
 void set_up_indexed_controller(QFU_ADAPTER& adapter) {
     constexpr std::uint32_t SET_UP_REGISTER = 20;
@@ -170,16 +154,9 @@ void set_up_indexed_controller(QFU_ADAPTER& adapter) {
 }
 
 std::uint32_t probe(QFU_ADAPTER& adapter) {
-    if (is_indexed(adapter) && adapter.generation != 2) {
-        set_up_indexed_controller(adapter);
+    if (qfu_spiflash_identify(adapter) != nullptr) {
+        qfu_spiflash_unlock(adapter);
     }
-    const QFU_CHIP_ENTRY* entry = qfu_spiflash_lookup(adapter);
-    if (entry == nullptr) {
-        return 0;
-    }
-    adapter.current_slot->chip_type = QFU_CHIP_SPI;
-    adapter.current_slot->chip = entry;
-    unlock(adapter);
     return 0;
 }
 
@@ -333,6 +310,9 @@ std::uint32_t qfu_spiflash_wait_ready(QFU_ADAPTER& adapter, std::uint32_t polls)
         if ((read_register(adapter, QFU_SPI_COMMAND) & busy) == 0) {
             return 0;
         }
+        if (platform::pauses_spent()) {
+            break;
+        }
         platform::stall(POLL_US);
     }
     return QFU_FAILED;
@@ -356,6 +336,9 @@ std::uint32_t qfu_spiflash_wait_status(QFU_ADAPTER& adapter, std::uint32_t mask,
             qfu_print("%d...\n", 391);
         } else if ((status & mask) == value) {
             return 0;
+        }
+        if (platform::pauses_spent()) {
+            break;
         }
         platform::stall(POLL_US);
     }
@@ -417,6 +400,9 @@ std::uint32_t qfu_spiflash_unprotect_sector(QFU_ADAPTER& adapter, std::uint32_t 
         } else if (received(adapter) == 0) {
             return 0;
         }
+        if (platform::pauses_spent()) {
+            break;
+        }
         platform::stall(POLL_US);
     }
     // A chip that goes on answering something else still gets its command; it shows when it
@@ -439,6 +425,42 @@ std::uint32_t qfu_spiflash_unprotect_all(QFU_ADAPTER& adapter) {
     return 0;
 }
 
+std::uint32_t qfu_spiflash_read_id(QFU_ADAPTER& adapter, std::uint8_t opcode, std::uint32_t& id) {
+    start(adapter, command_word(adapter, {opcode, false, true, 4}));
+    if (qfu_spiflash_wait_ready(adapter, IDENTIFICATION.ready_polls) != 0) {
+        return QFU_FAILED;
+    }
+    id = received(adapter);
+    return 0;
+}
+
+const QFU_CHIP_ENTRY* qfu_spiflash_identify(QFU_ADAPTER& adapter) {
+    if (is_indexed(adapter) && adapter.generation != 2) {
+        set_up_indexed_controller(adapter);
+    }
+    const QFU_CHIP_ENTRY* entry = qfu_spiflash_lookup(adapter);
+    if (entry != nullptr) {
+        adapter.current_slot->chip_type = QFU_CHIP_SPI;
+        adapter.current_slot->chip = entry;
+    }
+    return entry;
+}
+
+void qfu_spiflash_unlock(QFU_ADAPTER& adapter) {
+    const QFU_CHIP_ENTRY& entry = chip(adapter);
+    if (qfu_spiflash_id_match(entry, ID_SECTOR_PROTECTED) == 0) {
+        qfu_spiflash_unprotect_all(adapter);
+        unprotect_every_sector(adapter);
+        return;
+    }
+    for (const std::uint32_t id : IDS_BLOCK_PROTECTED) {
+        if (qfu_spiflash_id_match(entry, id) == 0) {
+            qfu_spiflash_unprotect_all(adapter);
+            return;
+        }
+    }
+}
+
 const QFU_CHIP_ENTRY* qfu_spiflash_lookup(QFU_ADAPTER& adapter) {
     const QFU_CHIP_LIST* list = adapter.context->chip_list;
     if (list == nullptr) {
@@ -449,12 +471,8 @@ const QFU_CHIP_ENTRY* qfu_spiflash_lookup(QFU_ADAPTER& adapter) {
         if (opcode == 0) {
             break;
         }
-        start(adapter, command_word(adapter, {static_cast<std::uint8_t>(opcode), false, true, 4}));
-        if (qfu_spiflash_wait_ready(adapter, IDENTIFICATION.ready_polls) != 0) {
-            continue;
-        }
-        const std::uint32_t id = received(adapter);
-        if (id == 0) {
+        std::uint32_t id = 0;
+        if (qfu_spiflash_read_id(adapter, static_cast<std::uint8_t>(opcode), id) != 0 || id == 0) {
             continue;
         }
         for (const QFU_CHIP_ENTRY& entry : list->records) {

@@ -26,6 +26,18 @@ std::uint32_t qfu_spiflash_write_enable(QFU_ADAPTER& adapter);
 /// two of 8 KiB, and the last from 0x7C000 up.
 std::uint32_t qfu_spiflash_sector_base(std::uint32_t address);
 
+/// Sends the identification opcode. @returns 0 with up to four bytes of the answer in `id`, the
+/// first in bits 0 to 7; QFU_FAILED when the controller stays busy
+std::uint32_t qfu_spiflash_read_id(QFU_ADAPTER& adapter, std::uint8_t opcode, std::uint32_t& id);
+
+/// Brings the controller into its first state and identifies the chip; sets the slot's `chip` and
+/// `chip_type` when the list has it. Writes nothing to the chip.
+/// @returns the record of the chip, or null
+const QFU_CHIP_ENTRY* qfu_spiflash_identify(QFU_ADAPTER& adapter);
+
+/// Lifts the power-up protection of the chips that are known for it by their whole identification.
+void qfu_spiflash_unlock(QFU_ADAPTER& adapter);
+
 /// Lifts the protection of the protection sector that holds `address`, if it is protected.
 std::uint32_t qfu_spiflash_unprotect_sector(QFU_ADAPTER& adapter, std::uint32_t address);
 

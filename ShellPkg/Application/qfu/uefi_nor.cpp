@@ -101,13 +101,6 @@ bool in_boot_block(std::uint32_t id_value, std::uint32_t address) {
             address < TOP_BOOT_BLOCKS_END);
 }
 
-/// First byte behind the erase block that holds `address`; wide enough for the end of the address
-/// space.
-std::uint64_t block_end(std::uint32_t id_value, std::uint32_t address) {
-    const std::uint32_t size = in_boot_block(id_value, address) ? BOOT_BLOCK_SIZE : BLOCK_SIZE;
-    return std::uint64_t{address & ~(size - 1)} + size;
-}
-
 const QFU_NOR_CHIP& chip(const QFU_ADAPTER& adapter) {
     return *static_cast<const QFU_NOR_CHIP*>(adapter.current_slot->chip);
 }
@@ -233,7 +226,9 @@ std::uint32_t erase_range(QFU_ADAPTER& adapter, std::uint32_t address, std::uint
         }
         qfu_print("\r                                                        ");
         qfu_print("\rErase block %lx", qfu_norflash_block_number(nor.id_value, start));
-        at = block_end(nor.id_value, start);
+        // Wide enough for the end of the address space.
+        const QFU_ERASE_UNIT block = qfu_norflash_block(nor.id_value, start);
+        at = std::uint64_t{block.first} + block.size;
     }
     return 0;
 }
@@ -277,6 +272,9 @@ std::uint32_t qfu_norflash_wait_done(QFU_ADAPTER& adapter, std::uint32_t polls) 
             result = 0;
             break;
         }
+        if (platform::pauses_spent()) {
+            break;
+        }
         platform::stall(POLL_US);
     }
     platform::stall(POLL_US);
@@ -290,7 +288,7 @@ void qfu_samsung_reset(QFU_ADAPTER& adapter) {
     }
 }
 
-std::uint32_t qfu_norflash_identify(QFU_ADAPTER& adapter) {
+std::uint32_t qfu_norflash_read_id(QFU_ADAPTER& adapter, std::uint32_t& id) {
     qfu_samsung_reset(adapter);
     load_cycles(adapter, IDENTIFICATION);
     for (std::size_t unused = 3; unused < 6; ++unused) {
@@ -302,7 +300,15 @@ std::uint32_t qfu_norflash_identify(QFU_ADAPTER& adapter) {
         report_stuck(322, "qfu_norflash_identify");
         return QFU_FAILED;
     }
-    const std::uint32_t id = qfu_mem_read32(adapter.root_bridge, adapter.aux_base);
+    id = qfu_mem_read32(adapter.root_bridge, adapter.aux_base);
+    return 0;
+}
+
+std::uint32_t qfu_norflash_identify(QFU_ADAPTER& adapter) {
+    std::uint32_t id = 0;
+    if (qfu_norflash_read_id(adapter, id) != 0) {
+        return QFU_FAILED;
+    }
     QFU_FLASH_SLOT& slot = *adapter.current_slot;
     slot.chip = nullptr;
     for (const QFU_NOR_CHIP& known : CHIPS) {
@@ -370,6 +376,11 @@ std::uint32_t qfu_norflash_program(QFU_ADAPTER& adapter, std::uint32_t address,
         }
     }
     return run(adapter, BYPASS_RESET, POLLS);
+}
+
+QFU_ERASE_UNIT qfu_norflash_block(std::uint32_t id_value, std::uint32_t address) {
+    const std::uint32_t size = in_boot_block(id_value, address) ? BOOT_BLOCK_SIZE : BLOCK_SIZE;
+    return {address & ~(size - 1), size};
 }
 
 std::uint32_t qfu_norflash_block_number(std::uint32_t id_value, std::uint32_t address) {

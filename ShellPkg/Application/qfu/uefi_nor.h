@@ -17,6 +17,10 @@ std::uint32_t qfu_norflash_wait_done(QFU_ADAPTER& adapter, std::uint32_t polls);
 /// Returns the chip to reading. Prints when the sequence does not end.
 void qfu_samsung_reset(QFU_ADAPTER& adapter);
 
+/// Reads the chip's identification and leaves the chip in identification mode.
+/// @returns 0 with the value in `id`; QFU_FAILED when the sequence does not end
+std::uint32_t qfu_norflash_read_id(QFU_ADAPTER& adapter, std::uint32_t& id);
+
 /// Reads the chip's identification and fills the slot's `chip` and `chip_type` when it is known.
 /// Prints the value that was read when it is not.
 std::uint32_t qfu_norflash_identify(QFU_ADAPTER& adapter);
@@ -35,6 +39,9 @@ std::uint32_t qfu_norflash_chip_erase(QFU_ADAPTER& adapter);
 /// Beside an odd last byte goes 0xFF, which programs nothing. The mode stays on when a word fails.
 std::uint32_t qfu_norflash_program(QFU_ADAPTER& adapter, std::uint32_t address,
                                    std::span<const std::uint8_t> data);
+
+/// The erase block that holds the byte `address` of the chip with this identification.
+QFU_ERASE_UNIT qfu_norflash_block(std::uint32_t id_value, std::uint32_t address);
 
 /// Number of the erase block that holds the byte `address` of the chip with this identification.
 std::uint32_t qfu_norflash_block_number(std::uint32_t id_value, std::uint32_t address);

@@ -5,7 +5,18 @@
 namespace platform {
 
 void stall(std::size_t microseconds) {
-    system().boot->Stall(microseconds);
+    System& s = system();
+    s.pause_left_us -= s.pause_left_us < microseconds ? s.pause_left_us : microseconds;
+    s.boot->Stall(microseconds);
+}
+
+void limit_pauses(std::uint64_t microseconds) {
+    system().pauses_limited = true;
+    system().pause_left_us = microseconds;
+}
+
+bool pauses_spent() {
+    return system().pauses_limited && system().pause_left_us == 0;
 }
 
 bool wall_time(WallTime& out) {

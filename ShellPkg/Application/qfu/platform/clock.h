@@ -9,6 +9,13 @@ namespace platform {
 /// Keeps the processor busy for at least `microseconds`.
 void stall(std::size_t microseconds);
 
+/// Lets pauses last this long together from now on. The program's waits end as failures once that
+/// is spent. Without a limit they end at their own counts.
+void limit_pauses(std::uint64_t microseconds);
+
+/// True when the limit of `limit_pauses` is spent.
+bool pauses_spent();
+
 /// What the wall clock shows.
 struct WallTime {
     std::uint16_t year;

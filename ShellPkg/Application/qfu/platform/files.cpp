@@ -42,60 +42,59 @@ EFI_STATUS FileList::close() {
     return shell()->FreeFileList(&list);
 }
 
-FileHandle::~FileHandle() {
-    if (handle_ != nullptr) {
-        shell()->CloseFile(handle_);
-    }
-}
-
 EFI_STATUS FileHandle::open(const FileName& name, std::uint64_t access) {
+    close();
     if (shell() == nullptr) {
         return EFI_UNSUPPORTED;
     }
     return shell()->OpenFileByName(name.text, &handle_, access);
 }
 
+EFI_STATUS FileHandle::close() {
+    return handle_ == nullptr ? EFI_SUCCESS : shell()->CloseFile(std::exchange(handle_, nullptr));
+}
+
 EFI_STATUS FileHandle::remove() {
     return shell()->DeleteFile(std::exchange(handle_, nullptr));
 }
 
-bool is_directory(const FileEntry& file) {
-    EFI_FILE_INFO* info = shell()->GetFileInfo(file.Handle);
+bool is_directory(SHELL_FILE_HANDLE file) {
+    EFI_FILE_INFO* info = shell()->GetFileInfo(file);
     const bool directory = info != nullptr && (info->Attribute & EFI_FILE_DIRECTORY) != 0;
     pool_give_back(info);
     return directory;
 }
 
-EFI_STATUS read(const FileEntry& file, void* buffer, std::size_t& count) {
+EFI_STATUS read(SHELL_FILE_HANDLE file, void* buffer, std::size_t& count) {
     UINTN size = count;
-    const EFI_STATUS status = shell()->ReadFile(file.Handle, &size, buffer);
+    const EFI_STATUS status = shell()->ReadFile(file, &size, buffer);
     count = status == EFI_SUCCESS ? size : 0;
     return status;
 }
 
-EFI_STATUS write(const FileEntry& file, const void* data, std::size_t count) {
+EFI_STATUS write(SHELL_FILE_HANDLE file, const void* data, std::size_t count) {
     UINTN size = count;
-    return shell()->WriteFile(file.Handle, &size, const_cast<void*>(data));
+    return shell()->WriteFile(file, &size, const_cast<void*>(data));
 }
 
-EFI_STATUS flush(const FileEntry& file) {
-    return shell()->FlushFile(file.Handle);
+EFI_STATUS flush(SHELL_FILE_HANDLE file) {
+    return shell()->FlushFile(file);
 }
 
-EFI_STATUS position(const FileEntry& file, std::uint64_t& out) {
+EFI_STATUS position(SHELL_FILE_HANDLE file, std::uint64_t& out) {
     UINT64 at = 0;
-    const EFI_STATUS status = shell()->GetFilePosition(file.Handle, &at);
+    const EFI_STATUS status = shell()->GetFilePosition(file, &at);
     out = at;
     return status;
 }
 
-EFI_STATUS set_position(const FileEntry& file, std::uint64_t position) {
-    return shell()->SetFilePosition(file.Handle, position);
+EFI_STATUS set_position(SHELL_FILE_HANDLE file, std::uint64_t position) {
+    return shell()->SetFilePosition(file, position);
 }
 
-EFI_STATUS size(const FileEntry& file, std::uint64_t& out) {
+EFI_STATUS size(SHELL_FILE_HANDLE file, std::uint64_t& out) {
     UINT64 bytes = 0;
-    const EFI_STATUS status = shell()->GetFileSize(file.Handle, &bytes);
+    const EFI_STATUS status = shell()->GetFileSize(file, &bytes);
     out = bytes;
     return status;
 }

@@ -60,40 +60,50 @@ class FileList {
     FileEntry* head_ = nullptr;
 };
 
+/// True when the shell's information about the file carries the directory attribute.
+bool is_directory(SHELL_FILE_HANDLE file);
+
+/// Reads at the file's position, which moves on by the number of bytes read.
+/// @param count  in: the bytes asked for; out: the bytes read, fewer at the end of the file
+EFI_STATUS read(SHELL_FILE_HANDLE file, void* buffer, std::size_t& count);
+
+/// Writes `count` bytes at the file's position, which moves on past them.
+EFI_STATUS write(SHELL_FILE_HANDLE file, const void* data, std::size_t count);
+
+/// Brings what was written to the medium.
+EFI_STATUS flush(SHELL_FILE_HANDLE file);
+
+/// The file's position and size in bytes.
+EFI_STATUS position(SHELL_FILE_HANDLE file, std::uint64_t& out);
+EFI_STATUS set_position(SHELL_FILE_HANDLE file, std::uint64_t position);
+EFI_STATUS size(SHELL_FILE_HANDLE file, std::uint64_t& out);
+
 /// Owns the handle of one file opened by name; closes it unless the file was removed.
 class FileHandle {
   public:
     constexpr FileHandle() = default;
     FileHandle(const FileHandle&) = delete;
     FileHandle& operator=(const FileHandle&) = delete;
-    ~FileHandle();
+    ~FileHandle() { close(); }
 
-    /// Opens the file, and makes it when it is missing and `access` is ACCESS_CREATE.
+    /// Opens the file, and makes it when it is missing and `access` is ACCESS_CREATE. Closes the
+    /// one it had. The shell takes the name as it is, without wildcards.
     EFI_STATUS open(const FileName& name, std::uint64_t access);
+
+    /// Closes the file; does nothing without one.
+    /// @returns the shell's status
+    EFI_STATUS close();
 
     /// Deletes the opened file; the handle is gone afterwards, whatever the status.
     EFI_STATUS remove();
 
+    explicit operator bool() const { return handle_ != nullptr; }
+
+    /// The shell's handle, for the functions above; null without a file.
+    SHELL_FILE_HANDLE get() const { return handle_; }
+
   private:
     SHELL_FILE_HANDLE handle_ = nullptr;
 };
-
-/// True when the shell's information about the file carries the directory attribute.
-bool is_directory(const FileEntry& file);
-
-/// Reads at the file's position, which moves on by the number of bytes read.
-/// @param count  in: the bytes asked for; out: the bytes read, fewer at the end of the file
-EFI_STATUS read(const FileEntry& file, void* buffer, std::size_t& count);
-
-/// Writes `count` bytes at the file's position, which moves on behind them.
-EFI_STATUS write(const FileEntry& file, const void* data, std::size_t count);
-
-/// Brings what was written to the medium.
-EFI_STATUS flush(const FileEntry& file);
-
-/// The file's position and size in bytes.
-EFI_STATUS position(const FileEntry& file, std::uint64_t& out);
-EFI_STATUS set_position(const FileEntry& file, std::uint64_t position);
-EFI_STATUS size(const FileEntry& file, std::uint64_t& out);
 
 } // namespace platform

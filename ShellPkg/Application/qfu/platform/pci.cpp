@@ -13,7 +13,11 @@ template <class Unit>
 EFI_STATUS read_unit(RootBridge* bridge, EFI_PCI_ROOT_BRIDGE_IO_PROTOCOL_IO_MEM read,
                      std::uint64_t address, Unit& value) {
     value = 0;
-    return read(bridge, WIDTH<Unit>, address, 1, &value);
+    const EFI_STATUS status = read(bridge, WIDTH<Unit>, address, 1, &value);
+    if (status != EFI_SUCCESS) {
+        ++system().refused_reads;
+    }
+    return status;
 }
 
 } // namespace
@@ -44,7 +48,15 @@ EFI_STATUS memory_read32(RootBridge* bridge, std::uint64_t address, std::uint32_
 }
 
 EFI_STATUS memory_write32(RootBridge* bridge, std::uint64_t address, std::uint32_t value) {
-    return bridge->Mem.Write(bridge, WIDTH<std::uint32_t>, address, 1, &value);
+    const EFI_STATUS status = bridge->Mem.Write(bridge, WIDTH<std::uint32_t>, address, 1, &value);
+    if (status != EFI_SUCCESS) {
+        ++system().refused_writes;
+    }
+    return status;
+}
+
+RefusedAccesses refused_accesses() {
+    return {system().refused_reads, system().refused_writes};
 }
 
 } // namespace platform

@@ -23,4 +23,14 @@ EFI_STATUS memory_read16(RootBridge* bridge, std::uint64_t address, std::uint16_
 EFI_STATUS memory_read32(RootBridge* bridge, std::uint64_t address, std::uint32_t& value);
 EFI_STATUS memory_write32(RootBridge* bridge, std::uint64_t address, std::uint32_t value);
 
+/// Configuration and memory cycles that the firmware refused since the start of the run. A refused
+/// write reached no register; what a refused read returned was in no register.
+struct RefusedAccesses {
+    std::uint32_t reads;
+    std::uint32_t writes;
+
+    bool operator==(const RefusedAccesses&) const = default;
+};
+RefusedAccesses refused_accesses();
+
 } // namespace platform

@@ -41,12 +41,23 @@ bool arguments(Arguments& out) {
 
 bool break_requested() {
     System& s = system();
+    if (s.break_shields != 0) {
+        return false;
+    }
     s.break_seen = s.break_seen || ask_for_break();
     return s.break_seen;
 }
 
 bool break_seen() {
     return system().break_seen;
+}
+
+BreakShield::BreakShield() {
+    ++system().break_shields;
+}
+
+BreakShield::~BreakShield() {
+    --system().break_shields;
 }
 
 } // namespace platform

@@ -18,8 +18,19 @@ struct Arguments {
 bool arguments(Arguments& out);
 
 /// True once the user has broken the running command (Ctrl-C), and from then on to the end of the
-/// run: the shell's event forgets a break as soon as it has been read.
+/// run: the shell's event forgets a break as soon as it has been read. False while a BreakShield
+/// exists.
 bool break_requested();
+
+/// Hides a break while it exists, so that a step on the chip runs to its end. Nobody asks the
+/// shell's event meanwhile, which keeps the break for the next query.
+class BreakShield {
+  public:
+    BreakShield();
+    BreakShield(const BreakShield&) = delete;
+    BreakShield& operator=(const BreakShield&) = delete;
+    ~BreakShield();
+};
 
 /// True once `break_requested` has seen a break. Asks nobody, so that what failed for another
 /// reason is not excused by a break that came later.

@@ -42,6 +42,11 @@ struct System {
     EFI_SHELL_PROTOCOL* shell;          ///< null under an older shell
     OlderShellEnvironment* older_shell; ///< null under a shell with the shell protocol
     bool break_seen;                    ///< the user has broken the running command
+    std::uint32_t break_shields;        ///< that exist now
+    std::uint32_t refused_reads;        ///< by the root bridge
+    std::uint32_t refused_writes;
+    bool pauses_limited;
+    std::uint64_t pause_left_us; ///< until the limit
 };
 
 /// Takes over the tables that the image's entry point was given and finds the running shell.

@@ -7,17 +7,15 @@
 #include <cstdint>
 #include <span>
 
-namespace support {
-
 /// The sum of bytes that come piece by piece.
-class Sha256 {
+class QFU_SHA256 {
   public:
     using Sum = std::array<std::uint8_t, 32>;
 
     constexpr void add(std::span<const std::uint8_t> bytes) {
         for (const std::uint8_t byte : bytes) {
-            block_[length_++ % kBlock] = byte;
-            if (length_ % kBlock == 0) {
+            block_[length_++ % BLOCK] = byte;
+            if (length_ % BLOCK == 0) {
                 mix();
             }
         }
@@ -25,12 +23,12 @@ class Sha256 {
 
     /// Ends the sum; nothing can be added to it afterwards.
     constexpr Sum finish() {
-        constexpr std::uint8_t kOne[] = {0x80};
-        constexpr std::uint8_t kZero[] = {0};
+        constexpr std::uint8_t ONE[] = {0x80};
+        constexpr std::uint8_t ZERO[] = {0};
         const std::uint64_t bits = length_ * 8;
-        add(kOne);
-        while (length_ % kBlock != kBlock - sizeof bits) {
-            add(kZero);
+        add(ONE);
+        while (length_ % BLOCK != BLOCK - sizeof bits) {
+            add(ZERO);
         }
         for (int shift = 56; shift >= 0; shift -= 8) {
             const std::uint8_t byte[] = {static_cast<std::uint8_t>(bits >> shift)};
@@ -44,8 +42,8 @@ class Sha256 {
     }
 
   private:
-    static constexpr std::size_t kBlock = 64;
-    static constexpr std::array<std::uint32_t, 64> kRound = {
+    static constexpr std::size_t BLOCK = 64;
+    static constexpr std::array<std::uint32_t, 64> ROUND = {
         0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4,
         0xab1c5ed5, 0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe,
         0x9bdc06a7, 0xc19bf174, 0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f,
@@ -59,7 +57,7 @@ class Sha256 {
 
     constexpr void mix() {
         std::array<std::uint32_t, 64> w{};
-        for (std::size_t i = 0; i < kBlock; ++i) {
+        for (std::size_t i = 0; i < BLOCK; ++i) {
             w[i / 4] |= std::uint32_t{block_[i]} << (24 - i % 4 * 8);
         }
         for (std::size_t i = 16; i < w.size(); ++i) {
@@ -72,7 +70,7 @@ class Sha256 {
         auto [a, b, c, d, e, f, g, h] = state_;
         for (std::size_t i = 0; i < w.size(); ++i) {
             const std::uint32_t big1 = std::rotr(e, 6) ^ std::rotr(e, 11) ^ std::rotr(e, 25);
-            const std::uint32_t t1 = h + big1 + ((e & f) ^ (~e & g)) + kRound[i] + w[i];
+            const std::uint32_t t1 = h + big1 + ((e & f) ^ (~e & g)) + ROUND[i] + w[i];
             const std::uint32_t big0 = std::rotr(a, 2) ^ std::rotr(a, 13) ^ std::rotr(a, 22);
             const std::uint32_t t2 = big0 + ((a & b) ^ (a & c) ^ (b & c));
             h = g;
@@ -92,8 +90,6 @@ class Sha256 {
 
     std::array<std::uint32_t, 8> state_ = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
                                            0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
-    std::array<std::uint8_t, kBlock> block_{};
+    std::array<std::uint8_t, BLOCK> block_{};
     std::uint64_t length_ = 0;
 };
-
-} // namespace support
