@@ -58,7 +58,7 @@ void program_and_verify(benchmark::State& state, const Subject& subject) {
     Firmware firmware(machine, clock, folder);
     while (state.KeepRunning()) {
         run_program(firmware, Shell::kCurrent,
-                    {kCommandName, "-wbf", "image.bin", "-addr", "0", "-y"});
+                    {command_name("qfu"), "-wbf", "image.bin", "-addr", "0", "-y"});
     }
     const auto bytes = state.iterations() * static_cast<std::int64_t>(subject.size);
     state.SetBytesProcessed(bytes);

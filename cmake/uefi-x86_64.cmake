@@ -8,6 +8,6 @@ set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 set(QFU_UEFI_IMAGE ON)
 
 set(CMAKE_CXX_FLAGS_INIT
-    "-ffreestanding -fno-threadsafe-statics -fno-stack-protector -fno-asynchronous-unwind-tables -mno-red-zone -ffunction-sections -fdata-sections")
+    "-ffreestanding -fno-threadsafe-statics -fno-stack-protector -fno-asynchronous-unwind-tables -mno-red-zone -mno-stack-arg-probe -ffunction-sections -fdata-sections")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-nostdlib -Wl,--subsystem,10 -Wl,--dynamicbase -Wl,--enable-reloc-section -Wl,--gc-sections -Wl,--no-insert-timestamp -Wl,-s")

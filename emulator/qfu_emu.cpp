@@ -19,8 +19,12 @@ namespace {
 
 using namespace emulator;
 
+/// Exit status when the emulator cannot do its part; no program ends with it.
+constexpr int kEmulatorFailed = 125;
+
 struct Options {
     std::string machine;
+    std::string program = "qfu";
     std::optional<std::string> keys;
     std::string folder = ".";
     std::string log;
@@ -191,7 +195,7 @@ int run(const Options& options) {
     std::optional<Keyboard> keyboard;
     press_keys(firmware.terminal(), options, keyboard);
     const CtrlC ctrl_c(firmware);
-    std::vector<std::string> arguments = {kCommandName};
+    std::vector<std::string> arguments = {command_name(options.program)};
     arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
     const EFI_STATUS status = run_program(firmware, Shell::kCurrent, arguments);
     print_notes(firmware, description);
@@ -205,14 +209,16 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) try {
     const CommandLine line(argc, argv);
-    CLI::App app("Runs qfu on an emulated machine and shows its console. Words after \"--\" are "
-                 "qfu's.\n"
-                 "The exit status is what the UEFI shell would show: 0, or 3 when qfu reports a "
-                 "failure. It is 2 when the emulator cannot do its part.",
+    CLI::App app("Runs qfu or flash on an emulated machine and shows its console. Words after "
+                 "\"--\" are the program's.\n"
+                 "The exit status is what the UEFI shell would show. It is 125 when the emulator "
+                 "cannot do its part.",
                  "qfu-emu");
     Options options;
     options.arguments = line.after_dashes;
     app.add_option("--machine", options.machine, "machine file (TOML): adapters, chips, faults");
+    app.add_option("--program", options.program, "what runs: qfu or flash")
+        ->check(CLI::IsMember({"qfu", "flash"}));
     app.add_option("--keys", options.keys,
                    "keys that are pressed, in order; without it they come from standard input");
     app.add_option("--dir", options.folder, "folder that the shell sees as its volume FS0:")
@@ -242,7 +248,7 @@ int main(int argc, char** argv) try {
         "-wbf image.bin -addr 0 -y\n"
         "  qfu-emu list parts");
     app.set_version_flag("--version", support::version_line("qfu-emu"));
-    if (const auto status = support::read_arguments(app, line.own)) {
+    if (const auto status = support::read_arguments(app, line.own, kEmulatorFailed)) {
         return *status;
     }
     if (list->parsed()) {
@@ -256,5 +262,5 @@ int main(int argc, char** argv) try {
     return run(options);
 } catch (const std::exception& error) {
     std::cerr << "qfu-emu: " << error.what() << '\n';
-    return support::kCannotRun;
+    return kEmulatorFailed;
 }

@@ -7,7 +7,8 @@
 
 namespace support {
 
-std::optional<int> read_arguments(CLI::App& app, std::vector<std::string> words) {
+std::optional<int> read_arguments(CLI::App& app, std::vector<std::string> words,
+                                  int cannot_run) {
     std::ranges::reverse(words); // the parser takes them from the end
     try {
         app.parse(std::move(words));
@@ -19,7 +20,7 @@ std::optional<int> read_arguments(CLI::App& app, std::vector<std::string> words)
     } catch (const CLI::ParseError& error) {
         std::cerr << app.get_name() << ": " << error.what() << "\nTry: " << app.get_name()
                   << " --help\n";
-        return kCannotRun;
+        return cannot_run;
     }
 }
 

@@ -65,14 +65,14 @@ Outcome Lab::run(std::string_view arguments, std::string_view keys) {
 Outcome Lab::run(const std::vector<std::string>& arguments, std::string_view keys) {
     printed();
     firmware_->terminal().press(keys);
-    std::vector<std::string> line = {kCommandName};
+    std::vector<std::string> line = {command_name("qfu")};
     line.insert(line.end(), arguments.begin(), arguments.end());
     const EFI_STATUS status = run_program(*firmware_, Shell::kCurrent, line);
     return {status, printed()};
 }
 
 void Lab::attach(Shell shell) {
-    firmware_->activate(shell, {kCommandName});
+    firmware_->activate(shell, {command_name("qfu")});
     platform::attach(firmware_->image(), firmware_->table());
     qfu_page_mode = false;
     qfu_page_lines = 0;

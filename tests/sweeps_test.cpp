@@ -1,95 +1,45 @@
 // Every command of the sessions again, while one thing after another goes wrong.
-#include "player/player.h"
+#include "sweep.h"
 
 #include <algorithm>
-#include <array>
 #include <gtest/gtest.h>
-#include <iostream>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
-using emulator::kNamedCalls;
 using lab::Bytes;
 using session::Command;
+using session::flash_of;
 using session::Observation;
 using session::Stage;
 
-/// How a command ends when nothing goes wrong. It lives in memory that forks share.
-struct GoodRun {
-    std::array<std::uint64_t, kNamedCalls.size()> calls; ///< by the call's place in the list
-    std::uint64_t accesses;
-    std::uint64_t misuses;
-    std::array<char, 4096> console;
-    std::array<std::uint8_t, 1 << 25> flash; ///< of all chips in a row
-};
-
-GoodRun& good_run() {
-    static void* memory =
-        mmap(nullptr, sizeof(GoodRun), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return *static_cast<GoodRun*>(memory);
-}
-
-/// The contents of all chips in a row.
-Bytes flash_of(const Stage& stage) {
-    Bytes flash;
-    for (const auto& [place, chip] : session::chips_of(*stage.machine)) {
-        flash.insert(flash.end(), chip.begin(), chip.end());
+std::size_t count(std::string_view text, std::string_view word) {
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = text.find(word, at)) != text.npos; at += word.size()) {
+        ++found;
     }
-    return flash;
+    return found;
 }
 
-/// A command that is about to run. Each variant runs in a fork, so that the session goes on as if
-/// nothing had happened.
-class Variants {
+/// Variants of one run of qfu.
+class Variants : public session::Sweep {
   public:
-    Variants(const Stage& stage, const Command& command, emulator::VirtualClock& clock,
-             const std::filesystem::path& folder)
-        : stage_(stage), command_(command), clock_(clock), folder_(folder) {
-        GoodRun& good = good_run(); // made here, so that parent and fork share it
-        in_fork("as it is", [&] {
-            const Observation run = session::run(stage_, command_, clock_, folder_);
-            std::ranges::copy(run.calls, good.calls.begin());
-            good.accesses = stage_.machine->accesses() - accesses_before_;
-            good.misuses = run.misuses.size();
-            good.console.fill('\0');
-            run.console.copy(good.console.data(), good.console.size() - 1);
-            std::ranges::copy(flash_of(stage_), good.flash.begin());
-            return std::string();
-        });
+    using Sweep::Sweep;
+
+    void fail_calls(std::string_view kind, std::uint64_t first, std::uint64_t step) const {
+        Sweep::fail_calls(kind, first, step,
+                          [&](const Observation& seen) { return what_is_wrong(seen, kind); });
     }
 
-    /// Lets the nth call of a kind fail, for every `step`th of the good run's calls.
-    void fail_calls(std::size_t kind, std::uint64_t first, std::uint64_t step) const {
-        for (std::uint64_t nth = first; nth <= good_run().calls[kind]; nth += step) {
-            const std::string what =
-                std::string(kNamedCalls[kind].name) + " " + std::to_string(nth);
-            in_fork(what, [&] {
-                const Observation seen = session::run(
-                    stage_, command_, clock_, folder_, {}, [&](emulator::Firmware& firmware) {
-                        (firmware.faults().*kNamedCalls[kind].fault).fail(nth);
-                    });
-                return what_is_wrong(seen, kNamedCalls[kind].name);
-            });
-        }
-    }
-
-    /// Takes power away in each access of the first adapter. When the machine is up again, the same
-    /// command must leave what it leaves without a loss.
+    /// Takes power away in each access. The same command must then leave what it leaves without a
+    /// loss.
     void cut_power() const {
-        emulator::Adapter& adapter = stage_.machine->adapter(0);
-        for (std::uint64_t access = 1; access <= good_run().accesses; ++access) {
-            in_fork("power lost in access " + std::to_string(access), [&] {
-                adapter.add_power_fault({.nth = accesses_before_ + access});
-                stage_.machine->journal().listen_to_cycles([&](std::string_view cycle) {
-                    if (cycle.ends_with("power is lost")) {
-                        end_after_second_run(adapter); // the first never goes on
-                    }
-                });
-                session::run(stage_, command_, clock_, folder_);
-                return std::string("power was never lost");
+        for (std::uint64_t access = 1; access <= good().accesses; ++access) {
+            lose_power(access, [&] {
+                const Observation again = run();
+                return again.console.ends_with("successful!!\r\n") && again.misuses.empty() &&
+                               lab::equal(flash_of(stage()), good_flash())
+                           ? ""
+                           : "not repaired: " + again.console;
             });
         }
     }
@@ -98,59 +48,18 @@ class Variants {
     /// exactly what the file has, and of the whole that it was successful exactly when nothing is
     /// missing.
     void break_dump(std::size_t blocks) const {
-        const auto call = std::ranges::find(kNamedCalls, "break", &emulator::NamedCall::name);
-        const auto kind = static_cast<std::size_t>(call - kNamedCalls.begin());
         constexpr std::uint64_t kInDiscovery = 64 * 16;
-        for (std::uint64_t nth = kInDiscovery; nth <= good_run().calls[kind]; ++nth) {
-            in_fork("break " + std::to_string(nth), [&] {
-                const Observation seen = session::run(
-                    stage_, command_, clock_, folder_, {},
-                    [&](emulator::Firmware& firmware) { firmware.faults().break_query.fail(nth); });
-                const std::size_t read = count(seen.console, "Read address ");
-                const std::size_t size = lab::read_file(folder_ / "dump.bin").size();
-                const bool claimed = count(seen.console, "successful") != 0;
-                return size == read * 0x1000 && claimed == (read == blocks) ? "" : seen.console;
-            });
-        }
+        Sweep::fail_calls("break", kInDiscovery, 1, [&](const Observation& seen) {
+            const std::size_t read = count(seen.console, "Read address ");
+            const std::size_t size = lab::read_file(folder() / "dump.bin").size();
+            const bool claimed = count(seen.console, "successful") != 0;
+            return size == read * 0x1000 && claimed == (read == blocks) ? "" : seen.console;
+        });
     }
 
   private:
-    static std::size_t count(std::string_view text, std::string_view word) {
-        std::size_t found = 0;
-        for (std::size_t at = 0; (at = text.find(word, at)) != text.npos; at += word.size()) {
-            ++found;
-        }
-        return found;
-    }
-
-    /// Runs `variant` in a fork. It returns what is wrong, or "".
-    template <class Variant>
-    void in_fork(const std::string& what, Variant variant) const {
-        std::cout << std::flush;
-        const pid_t child = fork();
-        if (child == 0) {
-            const std::string wrong = variant();
-            if (!wrong.empty()) {
-                std::cerr << wrong << '\n';
-            }
-            _exit(wrong.empty() ? 0 : 1);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0) << command_.line << ": " << what;
-    }
-
-    [[noreturn]] void end_after_second_run(emulator::Adapter& adapter) const {
-        adapter.power_up();
-        const Observation again = session::run(stage_, command_, clock_, folder_);
-        const bool good = again.console.ends_with("successful!!\r\n") && again.misuses.empty() &&
-                          lab::equal(flash_of(stage_), good_flash());
-        std::cerr << (good ? "" : "not repaired: " + again.console);
-        _exit(good ? 0 : 1);
-    }
-
     std::span<const std::uint8_t> good_flash() const {
-        return std::span(good_run().flash).first(flash_before_.size());
+        return std::span(good().flash).first(flash_before_.size());
     }
 
     /// True when each byte is what it was, erased, or what the good run leaves.
@@ -169,21 +78,21 @@ class Variants {
         }
         for (const std::string& misuse : seen.misuses) {
             // A lost answer or a break may let a command meet a chip that is busy or not erased.
-            if (good_run().misuses == 0 && !misuse.ends_with("while the chip is busy") &&
+            if (good().misuses == 0 && !misuse.ends_with("while the chip is busy") &&
                 misuse.find("sets bits") == misuse.npos && call != "memory write" &&
                 call != "memory read") {
                 return misuse;
             }
         }
         // With several adapters, a lost answer may leave one out, and the command serves another.
-        const Bytes flash = flash_of(stage_);
+        const Bytes flash = flash_of(stage());
         if (call == "memory read" || call == "memory write" ||
-            stage_.machine->adapters().size() != 1 || lab::equal(flash, good_flash())) {
+            stage().machine->adapters().size() != 1 || lab::equal(flash, good_flash())) {
             return "";
         }
-        const std::string good = good_run().console.data();
-        const bool success = seen.console.find("Write file is successful") != good.npos &&
-                             seen.console.find(size_line(good)) != good.npos;
+        const std::string console = good().console.data();
+        const bool success = seen.console.find("Write file is successful") != console.npos &&
+                             seen.console.find(size_line(console)) != console.npos;
         return success ? "success, but the flash differs"
                : lab::equal(flash, flash_before_) || is_explained(flash)
                    ? ""
@@ -196,12 +105,7 @@ class Variants {
         return at == console.npos ? "" : console.substr(at, console.find('\r', at) - at);
     }
 
-    const Stage& stage_;
-    const Command& command_;
-    emulator::VirtualClock& clock_;
-    const std::filesystem::path& folder_;
-    std::uint64_t accesses_before_ = stage_.machine->accesses();
-    Bytes flash_before_ = flash_of(stage_);
+    Bytes flash_before_ = flash_of(stage());
 };
 
 bool has_faults(const Stage& stage) {
@@ -220,38 +124,40 @@ std::vector<std::filesystem::path> session_files() {
     return files;
 }
 
-class Sweep : public testing::TestWithParam<std::filesystem::path> {};
+class SessionSweep : public testing::TestWithParam<std::filesystem::path> {};
 
-TEST_P(Sweep, OverFailingCallsLeavesAnExplainedFlash) {
+TEST_P(SessionSweep, OverFailingCallsLeavesAnExplainedFlash) {
     const bool each = GetParam().stem() == "short-writes";
     std::size_t number = 0;
     session::play(GetParam(), [&](const Stage& stage, const Command& command, auto& clock,
                                   const auto& folder) {
-        if (has_faults(stage)) {
+        if (has_faults(stage) || command.words[0] != "qfu") {
             return;
         }
         const Variants variants(stage, command, clock, folder);
         constexpr std::uint64_t kMostAccesses = 20'000; // more are polls, and take too long
-        if (good_run().accesses == 0 || good_run().accesses > kMostAccesses) {
+        const auto& good = Variants::good();
+        if (good.accesses == 0 || good.accesses > kMostAccesses) {
             return;
         }
         ++number;
-        for (std::size_t kind = 0; kind < kNamedCalls.size(); ++kind) {
+        for (std::size_t kind = 0; kind < emulator::kNamedCalls.size(); ++kind) {
             // A few calls of each command, and others of the next one.
-            const std::string_view name = kNamedCalls[kind].name;
+            const std::string_view name = emulator::kNamedCalls[kind].name;
             const bool few = name == "pool" || name == "file";
             const std::uint64_t tries = few ? 6 : 3;
-            const std::uint64_t step = each && few ? 1 : good_run().calls[kind] / tries + 1;
-            variants.fail_calls(kind, 1 + number * 7 % step, step);
+            const std::uint64_t step = each && few ? 1 : good.calls[kind] / tries + 1;
+            variants.fail_calls(name, 1 + number * 7 % step, step);
         }
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(Sessions, Sweep, testing::ValuesIn(session_files()), [](const auto& file) {
-    std::string name = file.param.stem().string();
-    std::ranges::replace(name, '-', '_');
-    return name;
-});
+INSTANTIATE_TEST_SUITE_P(Sessions, SessionSweep, testing::ValuesIn(session_files()),
+                         [](const auto& file) {
+                             std::string name = file.param.stem().string();
+                             std::ranges::replace(name, '-', '_');
+                             return name;
+                         });
 
 TEST(PowerCut, InAnyAccessIsRepairedByTheSameCommand) {
     session::play(QFU_SOURCE_DIR "/tests/sessions/short-writes.txt",

@@ -234,6 +234,11 @@ struct Firmware::Services {
         active->terminal_.print(text);
         return EFI_SUCCESS;
     }
+    static EFI_STATUS EFIAPI reset_keys(SIMPLE_INPUT_INTERFACE* /*self*/, BOOLEAN /*verify*/) {
+        active->terminal_.discard_early_keys();
+        return EFI_SUCCESS;
+    }
+
     static EFI_STATUS EFIAPI read_key(SIMPLE_INPUT_INTERFACE* /*self*/, EFI_INPUT_KEY* key) {
         if (active->faults_.read_key.next_call_fails()) {
             return EFI_DEVICE_ERROR;
@@ -379,6 +384,7 @@ Firmware::Firmware(Machine& machine, VirtualClock& clock, std::filesystem::path 
     fill_root_bridge();
     runtime_.GetTime = Services::get_time;
     console_out_.OutputString = Services::output_string;
+    console_in_.Reset = Services::reset_keys;
     console_in_.ReadKeyStroke = Services::read_key;
     console_in_.WaitForKey = &key_event_;
     table_.Hdr.Signature = EFI_SYSTEM_TABLE_SIGNATURE;

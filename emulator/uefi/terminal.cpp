@@ -8,6 +8,16 @@ void Terminal::press(std::string_view keys) {
     }
 }
 
+void Terminal::press_early(std::string_view keys) {
+    early_keys_ = keys.size();
+    press(keys);
+}
+
+void Terminal::discard_early_keys() {
+    keys_.erase(keys_.begin(), keys_.begin() + static_cast<std::ptrdiff_t>(early_keys_));
+    early_keys_ = 0;
+}
+
 void Terminal::print(const std::uint16_t* text) {
     note_activity();
     ++prints_;
@@ -53,6 +63,7 @@ std::optional<KeyStroke> Terminal::take_key() {
     keys_missed_ = 0;
     const KeyStroke key = keys_.front();
     keys_.pop_front();
+    early_keys_ -= early_keys_ > 0 ? 1 : 0;
     return key;
 }
 

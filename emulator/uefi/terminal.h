@@ -43,6 +43,10 @@ class Terminal {
 
     void press(std::string_view keys);
     void press(KeyStroke key) { keys_.push_back(key); }
+
+    /// Presses keys before the program asks for any; `discard_early_keys` takes them away.
+    void press_early(std::string_view keys);
+    void discard_early_keys();
     std::size_t keys_left() const { return keys_.size(); }
 
     void print(const std::uint16_t* text);
@@ -68,6 +72,7 @@ class Terminal {
     std::function<void(std::string_view)> listener_;
     KeySource source_;
     std::deque<KeyStroke> keys_;
+    std::size_t early_keys_ = 0; ///< the first of them
     std::uint64_t prints_ = 0;
     int asked_in_vain_ = 0; ///< since the program did something else
     int keys_missed_ = 0;   ///< since a key came or the clock was looked at

@@ -91,6 +91,13 @@ def messages(shortest, *without):
     return sorted(piece.replace("\\\\", "\\") for piece in pieces if len(piece) >= shortest and piece.strip())
 
 
+def outcomes():
+    """What the last lines of flash say. The longest text of each stands for it."""
+    source = "".join(source.read_text() for source in Path("ShellPkg/Application/flash").glob("*.cpp"))
+    calls = re.findall(r"\b(?:done|failed|held|refused)\(\s*\{(.*?)\}\)", re.sub(r'" *\n *"', "", source), re.DOTALL)
+    return {max(re.findall(r'"((?:[^"\\]|\\.)*)"', call), key=len).replace('\\"', '"') for call in calls if '"' in call}
+
+
 def tables():
     """Pages have every message and adapter, and a session has every message that one can have."""
     # Help and PHY test have pages of their own; lines of the parameter script and of hex dumps are no messages.
@@ -101,7 +108,7 @@ def tables():
     # A unit test has the status texts.
     unreachable = re.findall(r"^(.*?) => ", Path("tests/sessions/unreachable").read_text(), re.MULTILINE)
     sessions = "".join(path.read_text() for path in Path("tests/sessions").glob("*.txt"))
-    reachable = messages(3, "status_text")
+    reachable = {*messages(3, "status_text"), *outcomes()}
     for piece in {*reachable, *unreachable}:
         if (piece in unreachable) == (piece in sessions) or piece not in reachable:
             complaints.append(f'"{piece}" must be a message in a session, or in tests/sessions/unreachable, not both')

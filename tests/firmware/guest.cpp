@@ -154,6 +154,7 @@ std::string boot_medium(const Platform& platform, emulator::Machine& machine, co
 void add_program(lab::Files& volume, const Platform& platform) {
     const std::string folder = build_folder(platform);
     volume["qfu.efi"] = lab::read_file(folder + "/qfu.efi");
+    volume["flash.efi"] = lab::read_file(folder + "/flash.efi");
     volume["qfu.man"] = lab::read_file(QFU_BUILD_DIR "/qfu.man");
     if (volume["qfu.efi"].empty()) {
         throw std::runtime_error(folder + "/qfu.efi is not built");

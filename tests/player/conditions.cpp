@@ -137,10 +137,18 @@ Lines by_cycle(const Lines& accesses) {
     return lines;
 }
 
+/// The status that a session implies: the one that goes with the last line of flash, else 0.
+unsigned implied_status(const std::string& console) {
+    const std::size_t end = console.rfind("\r\n");
+    const std::string line =
+        console.substr(0, end).substr(console.find_last_of("\r\n", end - 1) + 1);
+    return line.starts_with("FAILED: ") ? 1 : line.starts_with("refused: ") ? 2 : 0;
+}
+
 /// What must be said after a command: status, misuse (equal ones in a row are counted), keys.
 Lines needed_lines(const Observation& seen) {
     Lines lines;
-    if (seen.status != 0) {
+    if (seen.status != implied_status(seen.console)) {
         lines.push_back(seen.refused() ? "= refused" : "= " + std::to_string(seen.status));
     }
     for (auto at = seen.misuses.begin(); at != seen.misuses.end();) {
@@ -202,7 +210,7 @@ Lines as_they_hold(std::span<const std::string> below, const After& after) {
     Lines needed = needed_lines(after.seen);
     for (const std::string& line : below) {
         const auto words = split(line);
-        const std::string word = words.empty() ? "" : words[0];
+        const std::string word = line.substr(0, line.find(' '));
         const auto need = std::ranges::find(needed, line);
         if (need != needed.end()) {
             lines.push_back(line);

@@ -34,7 +34,7 @@ std::string without_implied(const Command& command, const Observation& seen) {
     if (command.words[0] != "qfu") {
         return console;
     }
-    std::string echo = fmt::format("[0]: {}\r\n", emulator::kCommandName);
+    std::string echo = fmt::format("[0]: {}\r\n", emulator::command_name("qfu"));
     for (std::size_t i = 1; i < std::min(command.words.size(), kListed); ++i) {
         echo += fmt::format("[{}]: {}\r\n", i, command.words[i]);
     }
@@ -120,6 +120,7 @@ class Player {
     void ignore(const Lines& /*words*/) {}
     void play_in_guests(const Lines& /*words*/) { in_guests_ = true; }
     void press(const Lines& words) { keys_ = words.at(1); }
+    void press_early(const Lines& words) { early_keys_ = words.at(2); }
 
     void start_machine(const Lines& /*words*/) {
         end_stage();
@@ -222,9 +223,10 @@ class Player {
         }
         const Command command{
             line().substr(2), {words.begin() + 1, words.end()},
-             keys_
+             keys_, early_keys_
         };
         keys_.clear();
+        early_keys_.clear();
         if (before_ && command.is_program()) {
             before_(stage(), command, clock_, volume_.path());
         }
@@ -259,6 +261,7 @@ class Player {
     std::size_t at_ = 0; ///< the next line
     bool in_guests_ = false;
     std::string keys_; ///< for the next command
+    std::string early_keys_;
     MachineLines machine_;
     emulator::VirtualClock clock_;
     emulator::ImageFiles images_;
@@ -282,6 +285,7 @@ const std::map<std::string, Player::Handler> Player::kLines = {
     {"put",      &Player::put           },
     {"fill",     &Player::fill          },
     {"keys:",    &Player::press         },
+    {"early",    &Player::press_early   },
     {"$",        &Player::play_command  },
 };
 

@@ -20,11 +20,12 @@ using Lines = std::vector<std::string>;
 
 /// One command line of a session.
 struct Command {
-    std::string line; ///< as it is typed, without the prompt
-    Lines words;      ///< of the line
-    std::string keys; ///< pressed while it runs
+    std::string line;       ///< as it is typed, without the prompt
+    Lines words;            ///< of the line
+    std::string keys;       ///< pressed while it runs
+    std::string early_keys; ///< pressed before it starts
 
-    bool is_program() const { return words[0] == "qfu"; }
+    bool is_program() const { return words[0] == "qfu" || words[0] == "flash"; }
     bool prints() const { return is_program() || words[0] == "type"; }
 };
 

@@ -92,6 +92,7 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     for (const auto& fault : stage.description.firmware_faults) {
         (firmware.faults().*emulator::call_named(fault.call)).fail(fault.nth, fault.times);
     }
+    firmware.terminal().press_early(command.early_keys);
     press(firmware.terminal(), command.keys);
     if (prepare) {
         prepare(firmware);
@@ -105,7 +106,7 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
     const Counts before = count_operations(machine);
     const std::uint64_t start = clock.now_ns();
     Lines arguments = command.words;
-    arguments[0] = emulator::kCommandName;
+    arguments[0] = emulator::command_name(arguments[0]);
     seen.status =
         static_cast<unsigned>(emulator::run_program(firmware, stage.shell, arguments) & 0xFF);
     seen.ns = clock.now_ns() - start;

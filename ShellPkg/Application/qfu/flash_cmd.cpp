@@ -2,6 +2,7 @@
 
 #include "adapter.h"
 #include "bounds.h"
+#include "bytes.h"
 #include "console.h"
 #include "context.h"
 #include "phy_test.h"
@@ -237,15 +238,6 @@ void report_mismatch(std::uint32_t address, std::span<const std::uint8_t> source
     qfu_hex_dump(target);
 }
 
-bool same_bytes(std::span<const std::uint8_t> a, std::span<const std::uint8_t> b) {
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (a[i] != b[i]) {
-            return false;
-        }
-    }
-    return true;
-}
-
 } // namespace
 
 EFI_STATUS process_file_fun(QFU_ADAPTER& adapter) {
@@ -297,7 +289,7 @@ int qfu_write_block(QFU_ADAPTER& adapter, std::uint32_t address,
         if (platform::break_requested()) {
             return -1;
         }
-        if (!same_bytes(source, target)) {
+        if (!qfu_same_bytes(source, target)) {
             report_mismatch(address + offset, source, target);
             return -1;
         }

@@ -191,4 +191,9 @@ bool take_key(Key& key) {
     return true;
 }
 
+void discard_keys() {
+    SIMPLE_INPUT_INTERFACE* console = system().table->ConIn;
+    console->Reset(console, 0);
+}
+
 } // namespace platform

@@ -49,4 +49,7 @@ KeyWait wait_for_key_1ms();
 /// Takes a pending key stroke. @returns false when there is none
 bool take_key(Key& key);
 
+/// Forgets the keys that were typed before now.
+void discard_keys();
+
 } // namespace platform

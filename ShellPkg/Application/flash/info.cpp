@@ -1,0 +1,81 @@
+#include "commands.h"
+#include "qfu/context.h"
+#include "qfu/platform/clock.h"
+#include "qfu/spi_flash.h"
+
+namespace flash {
+namespace {
+
+/// Answers to the identification opcodes of the list, or to the usual one without a list.
+void print_answers(QFU_ADAPTER& adapter) {
+    const QFU_CHIP_LIST* list = adapter.context->chip_list;
+    constexpr std::array<std::uint32_t, 1> USUAL = {0x9F};
+    const std::span<const std::uint32_t> opcodes =
+        list != nullptr ? std::span<const std::uint32_t>(list->id_opcodes) : USUAL;
+    for (const std::uint32_t opcode : opcodes) {
+        if (opcode == 0) {
+            break;
+        }
+        std::uint32_t id = 0;
+        platform::limit_pauses(IDENTIFICATION_US);
+        say({"identification ", Hex(opcode), ": "});
+        if (qfu_spiflash_read_id(adapter, static_cast<std::uint8_t>(opcode), id) != 0) {
+            say({"no answer\n"});
+            continue;
+        }
+        for (std::uint32_t shift = 0; shift < 32; shift += 8) {
+            say({Digits((id >> shift) & 0xFF, 2), shift == 24 ? "\n" : " "});
+        }
+    }
+}
+
+void print_record(const QFU_CHIP_ENTRY& record) {
+    say({"record: ", Hex(record.whole_size), " bytes, sectors of ", Hex(record.sector_size),
+         ", blocks of ", Hex(record.block_size), "\n", "opcodes:"});
+    const std::uint8_t opcodes[] = {record.op_write_enable, record.op_read_status,
+                                    record.op_write_status, record.op_read,
+                                    record.op_program,      record.op_sector_erase,
+                                    record.op_block_erase,  record.op_chip_erase};
+    const char* uses[] = {"write enable", "read status",  "write status", "read",
+                          "program",      "sector erase", "block erase",  "chip erase"};
+    for (std::size_t i = 0; i < std::size(opcodes); ++i) {
+        say({i == 0 ? " " : ", ", uses[i], " ", Hex(opcodes[i])});
+    }
+    say({"\n"});
+}
+
+void print_status(QFU_ADAPTER& adapter) {
+    std::uint32_t status = 0;
+    platform::limit_pauses(IDENTIFICATION_US);
+    if (qfu_spiflash_read_status(adapter, status) != 0) {
+        say({"status register: no answer\n"});
+        return;
+    }
+    say({"status register ", Hex(status & 0xFF), ": busy ", status & 1, ", write-enable latch ",
+         status >> 1 & 1, ", bits 2 to 5 ", Hex(status >> 2 & 0xF), "\n"});
+}
+
+} // namespace
+
+Outcome info(const Task& task) {
+    QFU_ADAPTER& adapter = *task.choice.adapter;
+    QFU_FLASH_SLOT& slot = adapter.slot[task.choice.chip_select];
+    adapter.current_slot = &slot;
+    if (task.choice.chip_select == 0) {
+        return done({"nothing was changed"});
+    }
+    print_answers(adapter);
+    QFU_CHIP_ENTRY unknown{};
+    unknown.op_read_status = 0x05; // the opcode of every chip
+    const void* known = slot.chip;
+    if (known != nullptr) {
+        print_record(*static_cast<const QFU_CHIP_ENTRY*>(known));
+    } else {
+        slot.chip = &unknown;
+    }
+    print_status(adapter);
+    slot.chip = known;
+    return done({"nothing was changed"});
+}
+
+} // namespace flash
