@@ -1,7 +1,7 @@
 #include "sums.h"
 
-#include "shell_variable.h"
 #include "qfu/sha256.h"
+#include "shell_variable.h"
 
 #include <array>
 #include <cstddef>

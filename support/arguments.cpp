@@ -7,8 +7,7 @@
 
 namespace support {
 
-std::optional<int> read_arguments(CLI::App& app, std::vector<std::string> words,
-                                  int cannot_run) {
+std::optional<int> read_arguments(CLI::App& app, std::vector<std::string> words, int cannot_run) {
     std::ranges::reverse(words); // the parser takes them from the end
     try {
         app.parse(std::move(words));

@@ -2,8 +2,8 @@
 #include "jobs/job.h"
 #include "jobs/results.h"
 #include "lab.h"
-#include "support/input_error.h"
 #include "qfu/sha256.h"
+#include "support/input_error.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
