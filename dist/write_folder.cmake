@@ -1,6 +1,6 @@
 # Writes the folder, whole or not at all: every file is first copied beside its place, and takes it only
 # when all are there. Files that a person has put into the folder stay. QFU_BUILD is the build tree,
-# QFU_PRESET the one that built the program.
+# QFU_PRESET the one that built the programs.
 include(${QFU_BUILD}/dist/parts.cmake)
 set(folder "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}")
 set(next "${folder}/qfu.new")

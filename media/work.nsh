@@ -9,7 +9,7 @@ if %JobBackup% == yes then
       endif
     endif
   endfor
-  "%JobHome%\backup.nsh" %JobSaved% %JobAdapter%%JobChipWords%
+  "%JobHome%\tool.nsh" backup %JobSaved% %JobAdapter%%JobChipWords%
   if not %QfuStatus% == 0 then
     set -v JobDone refused
     set -v QfuResult "no backup: %QfuResult%"
@@ -17,7 +17,7 @@ if %JobBackup% == yes then
   endif
   set -v JobOne "%JobOne% saved=%JobSaved%"
 endif
-"%JobHome%\flash.nsh" %JobImage% %JobAddress% %JobAdapter% -y%JobChipWords%
+"%JobHome%\tool.nsh" flash %JobImage% %JobAddress% %JobAdapter%%JobChipWords%
 if %QfuStatus% == 1 then
   exit /b
 endif
@@ -35,7 +35,7 @@ if not %JobAgain% == yes then
 endif
 set -v JobDone failed
 "%JobHome%\qfu.efi" -wbf %JobImage% -addr %JobAddress% -y -adid %JobAdapter%%JobChipWords%
-"%JobHome%\verify.nsh" %JobImage% %JobAddress% %JobAdapter%%JobChipWords%
+"%JobHome%\tool.nsh" verify %JobImage% %JobAddress% %JobAdapter%%JobChipWords%
 if %QfuStatus% == 0 then
   set -v JobDone done
 endif

@@ -8,6 +8,7 @@ from pathlib import Path
 
 os.chdir(Path(__file__).parents[2])
 PROGRAM = "ShellPkg/Application/qfu"
+SECOND_PROGRAM = "ShellPkg/Application/flash"
 # What the standard library has without an operating system.
 FREESTANDING = r"<(array|bit|concepts|cstddef|cstdint|initializer_list|new|span|string_view|type_traits|utility)>"
 UEFI = r"<(efi[a-z]*\.h|Uefi\.h|Protocol/\w+\.h)>"
@@ -18,12 +19,15 @@ ANY_LIBRARY = r"<[\w/+]+(\.h|\.hpp)?>"
 RULES = {
     PROGRAM: [r'"platform/\w+\.h"', FREESTANDING],
     f"{PROGRAM}/platform": [UEFI, FREESTANDING],
+    # The library alone, and nothing of the program around it.
+    SECOND_PROGRAM: [r'"qfu/(?!(main|cmdline|help|flash_cmd|phy_test|status_text|listing)\.h)(platform/)?\w+\.h"',
+                     FREESTANDING],
     "emulator/hardware": [STANDARD],
     "emulator/uefi": [r'"hardware/\w+\.h"', UEFI, STANDARD, r"<(sys/stat|fcntl|unistd)\.h>"],
     "emulator/machine": [r'"(hardware|support)/\w+\.h"', r'"uefi/call_faults\.h"', r'"qfu/discover\.h"', ANY_LIBRARY],
     "emulator/observe": [r'"(hardware|support)/\w+\.h"', ANY_LIBRARY],
     "emulator/guest": [r'"(hardware|support)/\w+\.h"', r'"uefi/efi\.h"', ANY_LIBRARY],
-    "emulator": [r'"(guest|hardware|machine|observe|support|uefi)/\w+\.h"', r'"qfu/main\.h"', ANY_LIBRARY],
+    "emulator": [r'"(guest|hardware|machine|observe|support|uefi)/\w+\.h"', r'"(qfu|flash)/main\.h"', ANY_LIBRARY],
     "spilist": [r'"support/\w+\.h"', r'"qfu/spi_list\.h"', ANY_LIBRARY],
     "jobs": [r'"(spilist|support)/\w+\.h"', r'"qfu/(discover|sha256)\.h"', ANY_LIBRARY],
     "media": [r'"qfu/sha256\.h"', r"<efi\.h>", r"<cstring>", FREESTANDING],

@@ -168,7 +168,7 @@ class Page:
         self.end.write_text(str(self.place))
         output_of("cp", "--parents", "-t", self.place, *files())
         output_of("git", "init", "-q", self.place)
-        for name in "efi", "fast", "host", "qfu.man", "spilist.bin":
+        for name in "efi", "fast", "flash.man", "host", "qfu.man", "spilist.bin":
             self.place.joinpath("build", name).symlink_to(Path("build", name).resolve())
         parent.joinpath("volume/spilist.bin").write_bytes(Path("build/spilist.bin").read_bytes())
         parent.joinpath("volume/image.bin").write_bytes(os.urandom(3000))
@@ -220,9 +220,10 @@ class Page:
             return self.last_error, 0
         if name == "type":
             return as_shown((self.uefi / "volume" / arguments[0]).read_bytes()), 0
-        assert name == "qfu", f"{self.page}: {command}"
+        assert name in ("qfu", "flash"), f"{self.page}: {command}"
         output, status = run("timeout", "60", Path("build/host/qfu-emu").resolve(), "--machine", machine, "--dir",
-                             "volume", "--keys", "", "--", *arguments, cwd=self.uefi, stderr=subprocess.DEVNULL)
+                             "volume", "--keys", "", "--program", name, "--", *arguments, cwd=self.uefi,
+                             stderr=subprocess.DEVNULL)
         self.last_error = f"0x{status}"
         return output, status
 

@@ -184,7 +184,7 @@ TEST_F(BootMedium, WithoutAJobEndsAtThePromptAndSaysWhatCanBeTyped) {
                                         ? "qfu -l\rreset -s\r"
                                         : "";
                          });
-    EXPECT_NE(serial.find("backup all.bin 0"), serial.npos) << serial;
+    EXPECT_NE(serial.find("flash backup all.bin"), serial.npos) << serial;
     EXPECT_NE(serial.find("cs1:SPI FLASH Chip Whole Size=80000, ID[EF 30 13]."), serial.npos)
         << serial;
 }

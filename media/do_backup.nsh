@@ -7,7 +7,7 @@ if exist %1 then
   exit /b
 endif
 # The shell ends a script that loops over a name which it cannot make a file of.
-copy -q "%QfuHome%\spilist.bin" %1 >v QfuJunk
+copy -q "%JobHome%\spilist.bin" %1 >v QfuJunk
 if not %lasterror% == 0x0 then
   set -v QfuResult "the file %1 cannot be made. Nothing was read."
   exit /b
@@ -19,7 +19,7 @@ set -v QfuAdapter none
 if not x%2 == x then
   set -v QfuAdapter x%2
 endif
-"%QfuHome%\lib\prepare.nsh" %3 %4 %5 %6 %7 %8 %9
+"%JobHome%\prepare.nsh" %3 %4 %5 %6 %7 %8 %9
 if not %QfuReady% == yes then
   exit /b
 endif
@@ -29,8 +29,8 @@ if exist "%1.new" then
 endif
 set -v QfuStatus 1
 set -v QfuResult "FAILED. It was stopped."
-"%QfuHome%\qfu.efi" -rfb "%1" -addr 0 -sz %QfuFlash% %QfuSelect%
-"%QfuHome%\qfu.efi" -rfb "%1.new" -addr 0 -sz %QfuFlash% %QfuSelect%
+"%JobHome%\qfu.efi" -rfb "%1" -addr 0 -sz %QfuFlash% %QfuSelect%
+"%JobHome%\qfu.efi" -rfb "%1.new" -addr 0 -sz %QfuFlash% %QfuSelect%
 set -v QfuSize 0
 ls -sfo "%1" >a qfu.tmp
 if %lasterror% == 0x0 then

@@ -13,12 +13,12 @@ set -v QfuAdapter none
 if not x%3 == x then
   set -v QfuAdapter x%3
 endif
-"%QfuHome%\lib\prepare.nsh" %4 %5 %6 %7 %8 %9
+"%JobHome%\prepare.nsh" %4 %5 %6 %7 %8 %9
 if not %QfuReady% == yes then
   exit /b
 endif
 
-"%QfuHome%\qfu.efi" -rfb qfu2.tmp -addr %QfuAddress% -sz %QfuSize% %QfuSelect%
+"%JobHome%\qfu.efi" -rfb qfu2.tmp -addr %QfuAddress% -sz %QfuSize% %QfuSelect%
 set -v QfuRead 0
 ls -sfo qfu2.tmp >a qfu.tmp
 if %lasterror% == 0x0 then

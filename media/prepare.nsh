@@ -4,13 +4,12 @@
 #
 #   prepare OPTION...
 #
-# In:  QfuTool, QfuHome (the folder of the scripts), QfuNothing (what to say when it stops),
+# In:  QfuTool, JobHome (the folder of the scripts), QfuNothing (what to say when it stops),
 #      QfuFile, QfuAdapter (x and the number, or none), and QfuAddress when the file is an image.
 # Out: QfuSize (bytes of the image), QfuSelect (words that lead qfu to the adapter and its chip), QfuList
-#      (what qfu -l says with them), QfuFlash (bytes of the chip), QfuYes.
+#      (what qfu -l says with them), QfuFlash (bytes of the chip).
 #      QfuReady is yes when the work can begin. Otherwise QfuResult says why not.
 set -v QfuReady no
-set -v QfuYes no
 set -v QfuChip none
 
 # The shell takes a word with a minus before it for an option of its own.
@@ -73,11 +72,6 @@ if x%1 == x then
   endif
   goto options_end
 endif
-if %QfuTool%%1 == flash-y then
-  set -v QfuYes yes
-  shift
-  goto option
-endif
 set -v QfuKnown no
 if x%1 == x-csid or x%1 == x-cvid or x%1 == x-cdid then
   set -v QfuKnown yes
@@ -108,7 +102,7 @@ goto option
 
 # The shell leaves a script whose redirection fails with the status of the command before it, so
 # find out here whether files can be made.
-copy -q "%QfuHome%\spilist.bin" qfu.tmp >v QfuJunk
+copy -q "%JobHome%\spilist.bin" qfu.tmp >v QfuJunk
 if not %lasterror% == 0x0 then
   set -v QfuResult "the chip list beside this script cannot be copied to %cwd%; is there room?"
   goto refuse
@@ -147,14 +141,14 @@ set -d QfuList >v QfuJunk
 
 # With one adapter qfu takes it whatever number it is given, and for a number beyond the list it does
 # nothing and says nothing. So the number must be in the list.
-"%QfuHome%\qfu.efi" -l %QfuSelect% >v QfuList
+"%JobHome%\qfu.efi" -l %QfuSelect% >v QfuList
 if not %lasterror% == 0x0 then
   echo "%QfuList%"
   set -v QfuResult "qfu found no adapter to work on."
   goto refuse
 endif
 # This file stays empty when the adapter has no chip.
-"%QfuHome%\qfu.efi" -getparm qfu2.tmp %QfuSelect% >v QfuJunk
+"%JobHome%\qfu.efi" -getparm qfu2.tmp %QfuSelect% >v QfuJunk
 echo ShellCommand,^"qfu^" >a qfu.tmp
 type qfu2.tmp >>a qfu.tmp
 parse qfu.tmp "set FlashSize" 1 >v QfuText
@@ -245,7 +239,7 @@ if %QfuTool% == flash then
   # qfu says itself whether the image fits: it asks when it does. The key that answers comes from a file
   # that begins with another letter than Y, so nothing is written.
   echo ShellCommand,^"qfu^" >a qfu2.tmp
-  "%QfuHome%\qfu.efi" -wbf "%QfuFile%" -addr %QfuAddress% %QfuSelect% <a qfu.tmp >>a qfu2.tmp
+  "%JobHome%\qfu.efi" -wbf "%QfuFile%" -addr %QfuAddress% %QfuSelect% <a qfu.tmp >>a qfu2.tmp
   set -d QfuText >v QfuJunk
   parse qfu2.tmp "Press" 1 >v QfuText
   if "x%QfuText%" == x then

@@ -14,7 +14,7 @@ set -v QfuAdapter none
 if not x%3 == x then
   set -v QfuAdapter x%3
 endif
-"%QfuHome%\lib\prepare.nsh" %4 %5 %6 %7 %8 %9
+"%JobHome%\prepare.nsh" %4 %5 %6 %7 %8 %9
 if not %QfuReady% == yes then
   exit /b
 endif
@@ -56,7 +56,7 @@ endif
 set -v QfuOld "%1.old%QfuDigits%%QfuNumber%"
 set -v QfuNew "%1.new%QfuDigits%%QfuNumber%"
 
-"%QfuHome%\qfu.efi" -rfb "%QfuOld%" -addr %QfuAddress% -sz %QfuSize% %QfuSelect%
+"%JobHome%\qfu.efi" -rfb "%QfuOld%" -addr %QfuAddress% -sz %QfuSize% %QfuSelect%
 set -v QfuSaved 0
 ls -sfo "%QfuOld%" >a qfu.tmp
 if %lasterror% == 0x0 then
@@ -74,21 +74,6 @@ if %lasterror% == 0x0 then
   exit /b
 endif
 
-if not %QfuYes% == yes then
-  # An image without bytes writes nothing, but qfu asks all the same and says whether it was Y.
-  echo "Press ^"Y^" to start, other key will skip..."
-  setsize 0 qfu2.tmp >v QfuJunk
-  "%QfuHome%\qfu.efi" -wbf qfu2.tmp -addr 0 %QfuSelect% >v QfuJunk
-  for %w in %QfuJunk%
-    if "x%w" == "xsuccessful!!" then
-      set -v QfuYes yes
-    endif
-  endfor
-  if not %QfuYes% == yes then
-    set -v QfuResult "skipped. Nothing was written."
-    exit /b
-  endif
-endif
 # What is read back needs room, too. Afterwards no file must be there that could pass for it.
 setsize %QfuSize% "%QfuNew%" >v QfuJunk
 set -v QfuRoom %lasterror%
@@ -99,7 +84,7 @@ if not %QfuRoom% == 0x0 then
 endif
 # Ctrl-C during a discovery leaves a shorter list, and a break or a loose board may have made the first
 # one so. When it comes during the discovery of the call that writes, qfu remembers it and writes nothing.
-"%QfuHome%\qfu.efi" -l %QfuSelect% >v QfuJunk
+"%JobHome%\qfu.efi" -l %QfuSelect% >v QfuJunk
 if not "%QfuJunk%" == "%QfuList%" then
   set -v QfuResult "qfu -l no longer finds the same adapters and chips. Nothing was written."
   exit /b
@@ -107,8 +92,8 @@ endif
 
 set -v QfuStatus 1
 set -v QfuResult "FAILED. It was stopped while it wrote; the flash held %QfuOld% before."
-"%QfuHome%\qfu.efi" -wbf "%1" -addr %QfuAddress% -y %QfuSelect%
-"%QfuHome%\qfu.efi" -rfb "%QfuNew%" -addr %QfuAddress% -sz %QfuSize% %QfuSelect%
+"%JobHome%\qfu.efi" -wbf "%1" -addr %QfuAddress% -y %QfuSelect%
+"%JobHome%\qfu.efi" -rfb "%QfuNew%" -addr %QfuAddress% -sz %QfuSize% %QfuSelect%
 comp "%1" "%QfuNew%"
 if %lasterror% == 0x0 then
   rm -q "%QfuNew%"
