@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <iomanip>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -17,10 +18,14 @@ constexpr std::string_view kResult = "QFU-RESULT ";
 constexpr std::string_view kEnd = " ;";
 constexpr std::string_view kText = " -- ";
 
-/// Longer than any line of the scripts; what goes on for longer was cut.
+/// Longer than any line of a job; what goes on for longer was cut.
 constexpr std::size_t kLongestLine = 1024;
 
-/// The log without escape sequences and line ends.
+constexpr std::string_view kColumns[] = {
+    "machine", "serial", "job",     "adapter", "place",  "device", "step",    "line",
+    "command", "image",  "address", "size",    "sha256", "flash",  "seconds", "status"};
+
+/// The log without escape sequences and line ends, all else that is no printable ASCII replaced.
 std::string plain(std::string_view log) {
     std::string text;
     for (std::size_t i = 0; i < log.size(); ++i) {
@@ -30,14 +35,14 @@ std::string plain(std::string_view log) {
                 break;
             }
         } else if (log[i] != '\r' && log[i] != '\n' && log[i] != '\0') {
-            text.push_back(log[i]);
+            text.push_back(log[i] >= ' ' && log[i] <= '~' ? log[i] : '?');
         }
     }
     return text;
 }
 
-AdapterResult parse(std::string_view line, const std::string& file) {
-    AdapterResult result;
+Line parse(std::string_view line, const std::string& file) {
+    Line result;
     result.file = file;
     const std::size_t text = line.find(kText);
     if (text != std::string_view::npos) {
@@ -55,11 +60,10 @@ AdapterResult parse(std::string_view line, const std::string& file) {
     return result;
 }
 
-/// Boards that left the factory without a UUID of their own can share one, so the serial number
-/// counts too. Of machines without any name nobody knows which is which; then each file is one.
-bool same_machine(const AdapterResult& a, const AdapterResult& b) {
-    return a.word("machine") == b.word("machine") && a.word("serial") == b.word("serial") &&
-           (a.word("machine") != "unknown" || a.file == b.file);
+unsigned long number(std::string_view text) {
+    unsigned long value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
 }
 
 /// UUIDs are written with capitals, too.
@@ -69,15 +73,15 @@ bool same_name(std::string_view a, std::string_view b) {
         [](unsigned char c) { return std::tolower(c); });
 }
 
-} // namespace
-
-std::string_view AdapterResult::word(std::string_view key) const {
-    const auto found = words.find(key);
-    return found == words.end() ? std::string_view("-") : std::string_view(found->second);
+std::string name_of(const Line& line) {
+    return std::string(line.word("machine")) + ", job " + std::string(line.word("job"));
 }
 
-bool AdapterResult::is_done() const {
-    return word("status") == "done" || word("status") == "held";
+} // namespace
+
+std::string_view Line::word(std::string_view key) const {
+    const auto found = words.find(key);
+    return found == words.end() ? std::string_view("-") : std::string_view(found->second);
 }
 
 Expected load_expected(const std::filesystem::path& file) {
@@ -91,6 +95,9 @@ Expected load_expected(const std::filesystem::path& file) {
         expected.machines.push_back(
             {name, static_cast<std::size_t>(machine.number("adapters", 1, 6, 1))});
         machine.finish();
+    }
+    if (expected.machines.empty()) {
+        reader.fail("machine", "is missing; at least one [[machine]] is needed");
     }
     reader.finish();
     return expected;
@@ -114,111 +121,203 @@ bool Results::add(std::string_view log, const std::string& file) {
 }
 
 bool Results::add_line(std::string_view line, const std::string& file) {
-    const bool begun = line.starts_with(kJob);
-    if (!begun && !line.starts_with(kFound) && !line.starts_with(kResult)) {
+    const bool begins = line.starts_with(kJob);
+    const bool found = line.starts_with(kFound);
+    if (!begins && !found && !line.starts_with(kResult)) {
         return false;
     }
-    AdapterResult result = parse(line, file);
-    if (!line.starts_with(kResult)) {
-        result.words.emplace("status", "unfinished");
-        result.text = "no result; was the power lost?";
+    Line result = parse(line, file);
+    // Boards can share a UUID, so the serial number counts too. Of machines without any name nobody
+    // knows which is which; then each file is one.
+    std::string key;
+    for (const char* word : {"machine", "serial", "job"}) {
+        key += std::string(result.word(word)) + ' ';
     }
-    if (begun) {
-        result.words.emplace("adapter", "none");
-    }
-    if (result.word("adapter") == "none") {
-        judge_machine(result);
+    Machine& machine = machines_[result.word("machine") == "unknown" ? key + file : key];
+    if (begins) {
+        for (auto& [place, adapter] : machine.now) {
+            if (adapter.is_complete()) {
+                machine.before[place] = std::move(adapter);
+            }
+        }
+        machine.now.clear();
+        machine.last = std::move(result);
+        machine.last.words["status"] = "unfinished";
+        machine.last.text = "no result; was the power lost?";
         return true;
     }
-    // What an earlier start said about the machine as a whole is over.
-    std::erase_if(adapters_, [&](const AdapterResult& other) {
-        return same_machine(other, result) && other.word("adapter") == "none";
-    });
-    const auto same = std::ranges::find_if(adapters_, [&](const AdapterResult& other) {
-        return same_machine(other, result) && other.word("place") == result.word("place");
-    });
-    if (same == adapters_.end()) {
-        adapters_.push_back(std::move(result));
+    if (result.word("adapter") == "none") {
+        machine.last = std::move(result);
+        return true;
+    }
+    if (result.words.contains("image") && result.words.contains("sha256")) {
+        const std::string image(result.word("image"));
+        const std::string sum(result.word("sha256"));
+        const auto& first = sums_[std::string(result.word("job"))].emplace(image, sum).first;
+        if (first->second != sum) {
+            two_sums_.push_back("job " + std::string(result.word("job")) + ": " + image +
+                                " has two checksums, " + first->second + " and " + sum);
+            first->second = sum;
+        }
+    }
+    if (machine.last.words.empty()) { // the log begins in the middle of a run
+        machine.last = result;
+        machine.last.words["status"] = "unfinished";
+    }
+    Adapter& adapter = machine.now[std::string(result.word("place"))];
+    if (found) {
+        adapter.found = std::move(result);
     } else {
-        *same = std::move(result);
+        adapter.results[number(result.word("step"))] = std::move(result);
     }
     return true;
 }
 
-/// A job that was refused says so once for its machine, and so does one that only began.
-void Results::judge_machine(const AdapterResult& verdict) {
-    bool stands = false;
-    for (AdapterResult& adapter : adapters_) {
-        if (same_machine(adapter, verdict) &&
-            (adapter.word("status") == "unfinished" || adapter.word("adapter") == "none")) {
-            adapter.words["status"] = verdict.word("status");
-            adapter.text = verdict.text;
-            stands = true;
-        }
-    }
-    if (!stands) {
-        adapters_.push_back(verdict);
-    }
+bool Results::Adapter::is_complete() const {
+    return !found.words.empty() && results.size() >= number(found.word("steps"));
 }
 
-std::vector<std::string> Results::missing(const Expected& expected) const {
-    std::vector<std::string> sentences;
-    for (const ExpectedMachine& machine : expected.machines) {
-        const auto done = std::ranges::count_if(adapters_, [&](const AdapterResult& adapter) {
-            return adapter.is_done() &&
-                   (expected.job.empty() || adapter.word("job") == expected.job) &&
-                   (same_name(adapter.word("machine"), machine.name) ||
-                    same_name(adapter.word("serial"), machine.name));
-        });
-        if (static_cast<std::size_t>(done) < machine.adapters) {
-            sentences.push_back(machine.name + ": " + std::to_string(done) + " of " +
-                                std::to_string(machine.adapters) + " adapters are done");
+bool Results::Adapter::is_done() const {
+    return is_complete() && !results.empty() &&
+           std::ranges::all_of(results, [](const auto& step) { return step.second.is_done(); });
+}
+
+bool Results::Machine::is_finished() const {
+    return !now.empty() && last.word("adapter") != "none" &&
+           std::ranges::all_of(now, [](const auto& at) { return at.second.is_complete(); });
+}
+
+Results::Adapters Results::Machine::counting() const {
+    Adapters adapters = now;
+    if (!is_finished()) {
+        for (const auto& [place, adapter] : before) {
+            if (!adapters.contains(place) || !adapters[place].is_complete()) {
+                adapters[place] = adapter;
+            }
+        }
+    }
+    return adapters;
+}
+
+std::vector<Line> Results::lines() const {
+    std::vector<Line> lines;
+    for (const auto& [key, machine] : machines_) {
+        const Adapters adapters = machine.counting();
+        for (const auto& [place, adapter] : adapters) {
+            for (const auto& [step, line] : adapter.results) {
+                lines.push_back(line);
+            }
+            if (!adapter.is_complete() || adapter.results.empty()) {
+                lines.push_back(adapter.found.words.empty() ? machine.last : adapter.found);
+                lines.back().words["status"] = machine.last.word("status");
+                lines.back().text = machine.last.text;
+            }
+        }
+        if (adapters.empty()) {
+            lines.push_back(machine.last);
+        }
+    }
+    return lines;
+}
+
+std::vector<std::string> Results::problems() const {
+    std::vector<std::string> sentences = two_sums_;
+    for (const auto& [key, machine] : machines_) {
+        if (!machine.is_finished()) {
+            sentences.push_back(name_of(machine.last) +
+                                ": the last run is unfinished: " + machine.last.text);
         }
     }
     return sentences;
 }
 
-void print_table(const Results& results, std::ostream& out) {
-    constexpr std::string_view kColumns[] = {"machine", "serial", "adapter", "place",
-                                             "device",  "image",  "status"};
-    std::vector<std::vector<std::string>> rows = {
-        {std::begin(kColumns), std::end(kColumns)}
-    };
-    for (const AdapterResult& adapter : results.adapters()) {
-        rows.emplace_back();
-        for (const std::string_view column : kColumns) {
-            rows.back().emplace_back(adapter.word(column));
+std::vector<std::string> Results::missing(const Expected& expected) const {
+    std::vector<std::string> sentences;
+    for (const ExpectedMachine& wanted : expected.machines) {
+        std::size_t done = 0;
+        for (const auto& [key, machine] : machines_) {
+            const Line& last = machine.last;
+            if ((expected.job.empty() || last.word("job") == expected.job) &&
+                (same_name(last.word("machine"), wanted.name) ||
+                 same_name(last.word("serial"), wanted.name))) {
+                done += static_cast<std::size_t>(std::ranges::count_if(
+                    machine.counting(), [](const auto& at) { return at.second.is_done(); }));
+            }
+        }
+        if (done < wanted.adapters) {
+            sentences.push_back(wanted.name + ": " + std::to_string(done) + " of " +
+                                std::to_string(wanted.adapters) + " adapters are done");
         }
     }
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        for (std::size_t c = 0; c < rows[r].size(); ++c) {
-            const auto widest = std::ranges::max_element(
-                rows, {}, [&](const std::vector<std::string>& row) { return row[c].size(); });
-            out << std::left << std::setw(static_cast<int>((*widest)[c].size()) + 2) << rows[r][c];
+    return sentences;
+}
+
+void print_table(const std::vector<Line>& lines, std::ostream& out) {
+    std::map<std::string_view, std::size_t> widths;
+    for (const std::string_view column : kColumns) {
+        widths[column] = column.size();
+        for (const Line& line : lines) {
+            widths[column] = std::max(widths[column], line.word(column).size());
         }
-        out << (r == 0 ? "says" : results.adapters()[r - 1].text) << '\n';
+    }
+    const auto cell = [&](std::string_view column, std::string_view text) {
+        out << std::left << std::setw(static_cast<int>(widths[column]) + 2) << text;
+    };
+    for (const std::string_view column : kColumns) {
+        cell(column, column);
+    }
+    out << "says\n";
+    for (const Line& line : lines) {
+        for (const std::string_view column : kColumns) {
+            cell(column, line.word(column));
+        }
+        out << line.text << '\n';
     }
 }
 
-std::string json(const Results& results, const std::vector<std::string>& missing, bool complete) {
+void print_csv(const std::vector<Line>& lines, std::ostream& out) {
+    const auto cell = [&](std::string_view text) {
+        out << '"'
+            << (!text.empty() && std::string_view("=+-@").find(text[0]) != std::string::npos ? "'"
+                                                                                             : "");
+        for (const char c : text) {
+            out << (c == '"' ? "\"\"" : std::string(1, c));
+        }
+        out << '"';
+    };
+    for (const std::string_view column : kColumns) {
+        out << column << ',';
+    }
+    out << "says\r\n";
+    for (const Line& line : lines) {
+        for (const std::string_view column : kColumns) {
+            cell(line.words.contains(column) ? line.word(column) : "");
+            out << ',';
+        }
+        cell(line.text);
+        out << "\r\n";
+    }
+}
+
+std::string json(const std::vector<Line>& lines, const std::vector<std::string>& problems,
+                 bool complete) {
     nlohmann::ordered_json json;
     json["complete"] = complete;
-    json["adapters"] = nlohmann::ordered_json::array();
-    for (const AdapterResult& adapter : results.adapters()) {
+    json["steps"] = nlohmann::ordered_json::array();
+    for (const Line& line : lines) {
         nlohmann::ordered_json entry;
-        for (const char* key : {"machine", "serial", "job", "adapter", "place", "device", "image",
-                                "address", "size", "sha256", "status", "saved"}) {
-            if (adapter.words.contains(key)) {
-                entry[key] = adapter.words.at(key);
+        for (const std::string_view key : kColumns) {
+            if (line.words.contains(key)) {
+                entry[std::string(key)] = line.word(key);
             }
         }
-        entry["done"] = adapter.is_done();
-        entry["says"] = adapter.text;
-        entry["file"] = adapter.file;
-        json["adapters"].push_back(entry);
+        entry["done"] = line.is_done();
+        entry["says"] = line.text;
+        entry["file"] = line.file;
+        json["steps"].push_back(entry);
     }
-    json["missing"] = missing;
-    return json.dump(2) + '\n';
+    json["problems"] = problems;
+    return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 
 } // namespace jobs

@@ -11,16 +11,15 @@
 
 namespace jobs {
 
-/// The last that is known of an adapter: the words of its line by key, and the sentence behind
-/// them.
-struct AdapterResult {
+/// One line of a job: its words by key, and the sentence at its end.
+struct Line {
     std::map<std::string, std::string, std::less<>> words;
     std::string text;
-    std::string file; ///< where the line stood
+    std::string file; ///< where it was read
 
     std::string_view word(std::string_view key) const;
-    /// True when the flash holds the image.
-    bool is_done() const;
+    /// True when the step is as the job wants it.
+    bool is_done() const { return word("status") == "done" || word("status") == "held"; }
 };
 
 /// How many adapters of a machine must be done.
@@ -38,8 +37,8 @@ struct Expected {
 /// Reads a list of machines. @throws support::InputError with file, line and key
 Expected load_expected(const std::filesystem::path& file);
 
-/// The adapters of all files read so far. What a later line says replaces what an earlier one said
-/// about the same machine and place.
+/// The runs of all logs read so far. Of each machine and job the last run counts; for an adapter
+/// that has not a result for every step in it, the run before.
 class Results {
   public:
     /// Takes the lines out of a log's text. Escape sequences and line ends in the middle of a line,
@@ -47,23 +46,51 @@ class Results {
     /// @returns false when it holds no line of a job
     bool add(std::string_view log, const std::string& file);
 
-    const std::vector<AdapterResult>& adapters() const { return adapters_; }
+    /// The lines that count, one for each adapter and step. What has no result is "unfinished".
+    std::vector<Line> lines() const;
+
+    /// Sentences about what is wrong: runs that did not end, and two images under one name.
+    std::vector<std::string> problems() const;
 
     /// Sentences about machines with fewer adapters done than expected.
     std::vector<std::string> missing(const Expected& expected) const;
 
   private:
-    bool add_line(std::string_view line, const std::string& file);
-    void judge_machine(const AdapterResult& verdict);
+    struct Adapter {
+        Line found;
+        std::map<unsigned long, Line> results; ///< by step
 
-    std::vector<AdapterResult> adapters_;
+        bool is_complete() const;
+        bool is_done() const;
+    };
+    using Adapters = std::map<std::string, Adapter>; ///< by place
+
+    /// What a machine said about a job.
+    struct Machine {
+        Line last;       ///< about the machine as a whole, in its last run
+        Adapters now;    ///< in the last run
+        Adapters before; ///< complete ones of the runs before it
+
+        bool is_finished() const;
+        Adapters counting() const;
+    };
+
+    bool add_line(std::string_view line, const std::string& file);
+
+    std::map<std::string, Machine> machines_;
+    std::map<std::string, std::map<std::string, std::string>> sums_; ///< by job, then by image
+    std::vector<std::string> two_sums_;
 };
 
-void print_table(const Results& results, std::ostream& out);
+void print_table(const std::vector<Line>& lines, std::ostream& out);
+
+/// The same for spreadsheets. A cell that would be taken for a formula begins with "'".
+void print_csv(const std::vector<Line>& lines, std::ostream& out);
 
 /// The same as JSON for scripts.
-/// @param missing   sentences about what is not there
+/// @param problems  sentences about what is wrong
 /// @param complete  true when all is done that was expected
-std::string json(const Results& results, const std::vector<std::string>& missing, bool complete);
+std::string json(const std::vector<Line>& lines, const std::vector<std::string>& problems,
+                 bool complete);
 
 } // namespace jobs

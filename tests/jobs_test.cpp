@@ -1,5 +1,5 @@
 // Jobs as people write them, and what machines say about them.
-#include "jobs/job.h"
+#include "jobs/folder.h"
 #include "jobs/results.h"
 #include "lab.h"
 #include "qfu/sha256.h"
@@ -7,16 +7,18 @@
 
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 
 namespace {
 
 TEST(Job, IsRefusedWithTheLineAndWhatIsAllowed) {
     lab::Lab lab;
     lab.write_file("a.bin", lab::pattern(3000));
+    lab.write_file("SN-1-1.bin", lab::pattern(10));
     const auto complaint = [&](const std::string& text) -> std::string {
-        lab.write_file("job.toml", text);
+        lab.write_file("job.txt", text);
         try {
-            jobs::load_job(lab.folder(), 0x800000);
+            jobs::check_folder(lab.folder());
         } catch (const support::InputError& error) {
             return error.what();
         }
@@ -28,68 +30,107 @@ TEST(Job, IsRefusedWithTheLineAndWhatIsAllowed) {
     int count = 0;
     while (std::getline(mistakes, line)) {
         if (line.starts_with("=> ")) {
-            EXPECT_EQ(complaint(text), (lab.folder() / "job.toml").string() + ":" + line.substr(3));
+            EXPECT_EQ(complaint(text), line.substr(3));
             ++count;
         }
-        text = line.empty() ? "" : text + line + "\n";
+        text = line.empty() || line.starts_with("=> ") ? "" : text + line + "\n";
     }
-    EXPECT_EQ(count, 7);
-    EXPECT_EQ(complaint("[[adapter]]\ndevice = 0xC709\nimage = \"a.bin\"\nchip = \"512K\"\n"
-                        "address = 0x7F448\nplaces = [\"00:02.0\"]\n[[adapter]]\nall = true\n"
-                        "image = \"a.bin\"\nplaces = [\"1:4.0\", \"3f:f.0\"]\n"),
-              "none");
-}
-
-TEST(Results, AreFoundInALogAndKeptByMachineAndPlace) {
-    const std::string bad =
-        "QFU-RESULT machine=A serial=S1 adapter=1 place=[Bus=1] status=failed -- FAILED. ;";
-    jobs::Results results;
-    results.add("\x1b[2J\x1b[01;01HQFU-JOB machine=A serial=S1 job=new ;\r\n", "first");
-    ASSERT_EQ(results.adapters().size(), 1U);
-    EXPECT_EQ(results.adapters()[0].word("status"), "unfinished");
-    results.add("QFU-FOUND machine=A serial=S1 job=new adapter=0 place=[Bus=0] ;\r\n"
-                "QFU-FOUND machine=A serial=S1 adapter=1 place=[Bus=1] ;\r\n"
-                "QFU-RESULT machine=A serial=S1 job=new adapter=0 place=[Bus=0] sta\r\n\x1b[37mtus="
-                "done -- done. ;\r\n",
-                "first");
-    ASSERT_EQ(results.adapters().size(), 2U);
-    EXPECT_TRUE(results.adapters()[0].is_done());
-    EXPECT_EQ(results.adapters()[0].text, "done.");
-    EXPECT_EQ(results.adapters()[1].word("status"), "unfinished");
-    results.add("QFU-RESULT machine=A serial=S1 adapter=none status=refused -- damaged. ;",
-                "second");
-    EXPECT_EQ(results.adapters()[1].text, "damaged.");
-    EXPECT_TRUE(results.adapters()[0].is_done()) << "what was done stays done";
-    // A line that was cut, with the next one behind it.
-    EXPECT_TRUE(results.add("QFU-RESULT machine=A adapter=1 place=[Bus=1] status=held" + bad, "3"));
-    EXPECT_FALSE(results.add("BdsDxe: no bootable device", "third"));
-    ASSERT_EQ(results.adapters().size(), 2U);
-    EXPECT_EQ(results.adapters()[1].word("status"), "failed");
+    EXPECT_EQ(count, 22);
+    EXPECT_EQ(complaint(std::string(1025, ' ')),
+              "job.txt:1: the line is too long; allowed: 1024 characters");
+    std::string lines;
+    for (int i = 0; i < 64; ++i) {
+        lines += "erase -model any\n";
+    }
+    EXPECT_EQ(complaint(lines), "none");
+    EXPECT_EQ(complaint(lines + "erase -model any"), "job.txt:65: too many commands; allowed: 64");
     EXPECT_EQ(
-        results.missing({
-            "", {{"s1", 1}, {"A", 2}, {"B", 1}}
-    }),
-        (std::vector<std::string>{"A: 1 of 2 adapters are done", "B: 0 of 1 adapters are done"}));
-    EXPECT_EQ(results.missing({"new", {{"a", 1}}}), std::vector<std::string>{});
-    EXPECT_EQ(results.missing({"old", {{"A", 1}}}).size(), 1U);
-    results.add("QFU-RESULT machine=B adapter=none status=refused -- none. ;", "fourth");
-    results.add("QFU-FOUND machine=B adapter=0 place=[Bus=0] ;", "fifth");
-    ASSERT_EQ(results.adapters().size(), 3U);
-    EXPECT_EQ(results.adapters()[2].word("adapter"), "0");
-    EXPECT_NE(jobs::json(results, {}, false).find(R"("says": "FAILED.")"), std::string::npos);
+        complaint("erase -model any\t\r\n# \xC3\xBC\r\nwrite {serial}-1.BIN -model 1E5D:c709"),
+        "none");
+    lab.write_file("job.txt",
+                   "write {serial}-1.bin -model any\nbackup b -addr 0 -sz 0x100 -model any");
+    const jobs::Folder folder = jobs::check_folder(lab.folder());
+    ASSERT_EQ(folder.images.size(), 1U);
+    EXPECT_EQ(folder.images[0].name, "SN-1-1.bin");
+    EXPECT_EQ(folder.room, 10U + 0x100 + 2 * 0x21000);
 }
 
-TEST(Results, OfTwoMachinesAreNotMixedWhereNamesAreEqual) {
+std::string statuses(const jobs::Results& results) {
+    std::string text;
+    for (const jobs::Line& line : results.lines()) {
+        text += std::string(line.word("place")) + "/" + std::string(line.word("step")) + "=" +
+                std::string(line.word("status")) + " ";
+    }
+    return text;
+}
+
+/// Lines of one machine's job; "J" begins a run, "F 0 2" finds place 0 with two steps, "R 0 1 done"
+/// is a result.
+std::string log(const std::string& name, const std::string& words) {
+    std::istringstream in(words);
+    std::string text;
+    for (std::string kind, place, step, status; in >> kind;) {
+        if (kind == "J") {
+            text += "QFU-JOB " + name + " ;\r\n";
+        } else if (kind == "F") {
+            in >> place >> step;
+            text += "QFU-FOUND " + name + " place=" + place + " steps=" + step + " ;\r\n";
+        } else {
+            in >> place >> step >> status;
+            text += "QFU-RESULT " + name + " place=" + place + " step=" + step +
+                    " status=" + status + " -- It is " + status + ". ;\r\n";
+        }
+    }
+    return text;
+}
+
+TEST(Results, OfTheLastRunCountUnlessItDidNotEnd) {
+    const std::string name = "machine=A serial=S1 job=new";
     jobs::Results results;
-    const auto add = [&](const std::string& name, const char* status, const char* file) {
-        results.add("QFU-RESULT " + name + " adapter=0 place=[Bus=0] status=" + status + " ;",
-                    file);
-    };
-    add("machine=A serial=S1", "failed", "first");
-    add("machine=A serial=S2", "done", "second");
-    add("machine=unknown serial=unknown", "failed", "first");
-    add("machine=unknown serial=unknown", "done", "second");
-    EXPECT_EQ(results.adapters().size(), 4U);
+    EXPECT_FALSE(results.add("BdsDxe: no bootable device", "0"));
+    results.add("\x1b[2J\x1b[01;01H" + log(name, "J F 0 2 F 1 1 R 0 1 done R 1 1 fai"), "1");
+    EXPECT_EQ(statuses(results), "0/1=done 0/-=unfinished 1/1=fai ");
+    EXPECT_EQ(results.problems().size(), 1U);
+    EXPECT_EQ(results.missing({"", {{"a", 1}}}).size(), 1U) << "one step of two is no adapter";
+    results.add(log(name, "J F 0 2 F 1 1 R 0 1 held R 0 2 done R 1 1 failed"), "2");
+    EXPECT_EQ(statuses(results), "0/1=held 0/2=done 1/1=failed ");
+    EXPECT_TRUE(results.problems().empty());
+    // The power is lost: what is complete counts, and the run before for the rest.
+    results.add(log(name, "J F 0 2 F 1 1 R 1 1 done R 0 1 done"), "3");
+    EXPECT_EQ(statuses(results), "0/1=held 0/2=done 1/1=done ");
+    EXPECT_EQ(results.problems(), std::vector<std::string>{"A, job new: the last run is "
+                                                           "unfinished: no result; was the power "
+                                                           "lost?"});
+    EXPECT_TRUE(results.missing({"new", {{"s1", 2}}}).empty());
+    EXPECT_EQ(results.missing({"old", {{"A", 1}}}),
+              std::vector<std::string>{"A: 0 of 1 adapters are done"});
+    // A run that is refused, and one with an adapter less.
+    results.add(
+        log(name, "J") + "QFU-RESULT " + name + " adapter=none status=refused -- damaged. ;", "4");
+    EXPECT_EQ(statuses(results), "0/1=held 0/2=done 1/1=done ");
+    EXPECT_EQ(results.problems().size(), 1U);
+    results.add(log(name, "J F 0 1 R 0 1 done"), "5");
+    EXPECT_EQ(statuses(results), "0/1=done ");
+}
+
+TEST(Results, KeepMachinesApartAndDistrustTheirTexts) {
+    jobs::Results results;
+    const std::string unknown = "machine=unknown serial=unknown job=j";
+    results.add(log("machine=A serial=S1 job=j", "J F 0 1 R 0 1 failed"), "1");
+    results.add(log("machine=A serial=S2 job=j", "J F 0 1 R 0 1 done"), "1");
+    results.add(log(unknown, "J F 0 1 R 0 1 failed"), "1");
+    results.add(log(unknown, "J F 0 1 R 0 1 done"), "2");
+    EXPECT_EQ(results.lines().size(), 4U);
+    results.add(
+        "QFU-RESULT machine=B job=j image=a sha256=1 place=0 step=1 status=do\r\n\x1b[37mne -- "
+        "=1+1 \"\x1b]0;\xFF ;QFU-RESULT machine=C job=j image=a sha256=2 place=0 ;",
+        "3");
+    EXPECT_EQ(results.problems()[0], "job j: a has two checksums, 1 and 2");
+    std::ostringstream out;
+    jobs::print_csv(results.lines(), out);
+    EXPECT_NE(out.str().find("\"done\",\"'=1+1 \"\"?]0;?\""), std::string::npos) << out.str();
+    EXPECT_NE(jobs::json(results.lines(), {}, false).find("\"says\": \"It is failed.\""),
+              std::string::npos);
 }
 
 TEST(Sha256, GivesThePublishedSums) {

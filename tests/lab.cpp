@@ -75,6 +75,7 @@ void Lab::attach(Shell shell) {
     firmware_->activate(shell, {command_name("qfu")});
     platform::attach(firmware_->image(), firmware_->table());
     qfu_page_mode = false;
+    qfu_printer = qfu_print_to_console;
     qfu_page_lines = 0;
 }
 

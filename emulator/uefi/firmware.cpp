@@ -239,6 +239,10 @@ struct Firmware::Services {
         return EFI_SUCCESS;
     }
 
+    static EFI_STATUS EFIAPI set_attribute(SIMPLE_TEXT_OUTPUT_INTERFACE* /*self*/,
+                                           UINTN /*attribute*/) {
+        return EFI_SUCCESS;
+    }
     static EFI_STATUS EFIAPI read_key(SIMPLE_INPUT_INTERFACE* /*self*/, EFI_INPUT_KEY* key) {
         if (active->faults_.read_key.next_call_fails()) {
             return EFI_DEVICE_ERROR;
@@ -264,8 +268,24 @@ struct Firmware::Services {
         return EFI_SUCCESS;
     }
 
+    /// What happens to the machine shows on its console.
+    static EFI_STATUS EFIAPI reset_system(EFI_RESET_TYPE type, EFI_STATUS /*status*/,
+                                          UINTN /*size*/, CHAR16* /*data*/) {
+        active->terminal_.print(
+            widen(type == EfiResetShutdown ? "[power off]\r\n" : "[reset]\r\n").data());
+        return EFI_SUCCESS;
+    }
+
     // Shell
 
+    static const CHAR16* EFIAPI get_env(const CHAR16* name) {
+        std::string key;
+        for (; *name != 0; ++name) {
+            key.push_back(static_cast<char>(*name));
+        }
+        const auto found = active->variables_.find(key);
+        return found == active->variables_.end() ? nullptr : found->second.data();
+    }
     static EFI_STATUS EFIAPI open_file_list(CHAR16* path, UINT64 mode, EFI_SHELL_FILE_INFO** list) {
         return active->files_.open_list(path, mode, list);
     }
@@ -383,8 +403,10 @@ Firmware::Firmware(Machine& machine, VirtualClock& clock, std::filesystem::path 
     fill_shell_protocol();
     fill_root_bridge();
     runtime_.GetTime = Services::get_time;
+    runtime_.ResetSystem = Services::reset_system;
     console_out_.OutputString = Services::output_string;
     console_in_.Reset = Services::reset_keys;
+    console_out_.SetAttribute = Services::set_attribute;
     console_in_.ReadKeyStroke = Services::read_key;
     console_in_.WaitForKey = &key_event_;
     table_.Hdr.Signature = EFI_SYSTEM_TABLE_SIGNATURE;
@@ -406,12 +428,7 @@ void Firmware::activate(Shell shell, const std::vector<std::string>& arguments) 
     argument_texts_.clear();
     arguments_.clear();
     for (const std::string& argument : arguments) {
-        std::vector<CHAR16> text;
-        for (const char c : argument) {
-            text.push_back(static_cast<unsigned char>(c));
-        }
-        text.push_back(0);
-        argument_texts_.push_back(std::move(text));
+        argument_texts_.push_back(widen(argument));
     }
     for (auto& text : argument_texts_) {
         arguments_.push_back(text.data());
@@ -450,6 +467,7 @@ void Firmware::fill_boot_services() {
 }
 
 void Firmware::fill_shell_protocol() {
+    shell_protocol_.GetEnv = Services::get_env;
     shell_protocol_.OpenFileList = Services::open_file_list;
     shell_protocol_.FreeFileList = Services::free_file_list;
     shell_protocol_.OpenFileByName = Services::open_file_by_name;

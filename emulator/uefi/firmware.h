@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,6 +66,11 @@ class Firmware {
     /// handler.
     void break_command() { break_pending_ = true; }
 
+    /// Sets a variable of the shell.
+    void set_variable(const std::string& name, const std::string& value) {
+        variables_[name] = widen(value);
+    }
+
     /// Takes the root bridge away, as on firmware that does not publish one.
     void hide_root_bridge() { root_bridge_hidden_ = true; }
 
@@ -90,6 +96,7 @@ class Firmware {
     std::atomic<bool> break_pending_ = false;
     static_assert(std::atomic<bool>::is_always_lock_free);
     bool root_bridge_hidden_ = false;
+    std::map<std::string, std::vector<CHAR16>> variables_;
 
     int image_ = 0;
     int key_event_ = 0;

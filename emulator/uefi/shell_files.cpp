@@ -36,16 +36,6 @@ namespace {
 
 constexpr std::string_view kVolume = "FS0:";
 
-/// The text in UCS-2 with its terminating zero.
-std::vector<CHAR16> widen(std::string_view text) {
-    std::vector<CHAR16> result;
-    for (const char c : text) {
-        result.push_back(static_cast<unsigned char>(c));
-    }
-    result.push_back(0);
-    return result;
-}
-
 char lower(char c) {
     return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
 }
@@ -186,6 +176,15 @@ std::string absolute(std::string path) {
 }
 
 } // namespace
+
+std::vector<CHAR16> widen(std::string_view text) {
+    std::vector<CHAR16> result;
+    for (const char c : text) {
+        result.push_back(static_cast<unsigned char>(c));
+    }
+    result.push_back(0);
+    return result;
+}
 
 ShellFiles::ShellFiles(std::filesystem::path folder, MemoryPool& pool, Journal& journal,
                        CallFault& fault, CallFault& short_read)

@@ -14,6 +14,9 @@
 
 namespace emulator {
 
+/// The text in UCS-2 with its terminating zero.
+std::vector<CHAR16> widen(std::string_view text);
+
 /// One open file or folder.
 struct OpenFile;
 

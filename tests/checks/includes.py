@@ -29,7 +29,7 @@ RULES = {
     "emulator/guest": [r'"(hardware|support)/\w+\.h"', r'"uefi/efi\.h"', ANY_LIBRARY],
     "emulator": [r'"(guest|hardware|machine|observe|support|uefi)/\w+\.h"', r'"(qfu|flash)/main\.h"', ANY_LIBRARY],
     "spilist": [r'"support/\w+\.h"', r'"qfu/spi_list\.h"', ANY_LIBRARY],
-    "jobs": [r'"(spilist|support)/\w+\.h"', r'"qfu/(discover|sha256)\.h"', ANY_LIBRARY],
+    "jobs": [r'"flash/job_file\.h"', r'"support/\w+\.h"', ANY_LIBRARY],
     "media": [r'"qfu/sha256\.h"', r"<efi\.h>", r"<cstring>", FREESTANDING],
     "support": [ANY_LIBRARY],
 }

@@ -94,8 +94,8 @@ def messages(shortest, *without):
 def outcomes():
     """What the last lines of flash say. The longest text of each stands for it."""
     source = "".join(source.read_text() for source in Path("ShellPkg/Application/flash").glob("*.cpp"))
-    calls = re.findall(r"\b(?:done|failed|held|refused)\(\s*\{(.*?)\}\)", re.sub(r'" *\n *"', "", source), re.DOTALL)
-    return {max(re.findall(r'"((?:[^"\\]|\\.)*)"', call), key=len).replace('\\"', '"') for call in calls if '"' in call}
+    calls = re.findall(r'\b(?:done|failed|held|refused)\(\s*"((?:[^"\\]|\\.)*)"', re.sub(r'" *\n *"', "", source))
+    return {max(call.replace('\\"', '"').split("@"), key=len) for call in calls} - {""}
 
 
 def tables():
@@ -107,7 +107,7 @@ def tables():
                       if piece not in page and not piece.startswith(("  ", "echo", "set ")))
     # A unit test has the status texts.
     unreachable = re.findall(r"^(.*?) => ", Path("tests/sessions/unreachable").read_text(), re.MULTILINE)
-    sessions = "".join(path.read_text() for path in Path("tests/sessions").glob("*.txt"))
+    sessions = "".join(path.read_text() for path in [*Path("tests/sessions").glob("*.txt"), *Path("tests").glob("job*")])
     reachable = {*messages(3, "status_text"), *outcomes()}
     for piece in {*reachable, *unreachable}:
         if (piece in unreachable) == (piece in sessions) or piece not in reachable:

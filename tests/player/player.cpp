@@ -139,6 +139,8 @@ class Player {
         }
         if (words[0] == "shell") {
             stage().shell = kShells.at(words.at(1));
+        } else if (words[0] == "variable") {
+            stage().variables[words.at(1)] = words.at(3);
         } else if (line() == "no root bridge") {
             stage().root_bridge = false;
         } else {
@@ -147,8 +149,19 @@ class Player {
     }
 
     /// put NAME = pattern SIZE [SEED], put NAME = "TEXT" or put NAME @OFFSET = BYTE...
+    /// "put NAME" puts the lines up to "end".
     void put(const Lines& words) {
         const std::string& name = words.at(1);
+        if (words.size() == 2) {
+            std::string text;
+            for (; lines().at(at_) != "end"; ++at_) {
+                text += lines()[at_] + '\n';
+                result_.shown.push_back(lines()[at_]);
+            }
+            volume_.write(name, text);
+            result_.shown.push_back(lines()[at_++]);
+            return;
+        }
         if (words.at(2) != "=") {
             lab::Bytes bytes = volume_.read(name);
             std::size_t at = std::stoul(words[2].substr(1), nullptr, 16);
@@ -282,6 +295,7 @@ const std::map<std::string, Player::Handler> Player::kLines = {
     {"time",     &Player::set_up        },
     {"shell",    &Player::set_up        },
     {"no",       &Player::set_up        },
+    {"variable", &Player::set_up        },
     {"put",      &Player::put           },
     {"fill",     &Player::fill          },
     {"keys:",    &Player::press         },

@@ -60,8 +60,9 @@ struct Stage {
     std::shared_ptr<emulator::Machine> machine; ///< none before the first command
     emulator::Shell shell = emulator::Shell::kCurrent;
     bool root_bridge = true;
-    lab::Files files; ///< before the first command
-    Flash flash;      ///< before the first command
+    std::map<std::string, std::string> variables; ///< of the shell
+    lab::Files files;                             ///< before the first command
+    Flash flash;                                  ///< before the first command
     std::vector<Command> commands;
     std::vector<Observation> observations;
     lab::Files files_after;

@@ -93,6 +93,9 @@ Observation run(const Stage& stage, const Command& command, emulator::VirtualClo
         (firmware.faults().*emulator::call_named(fault.call)).fail(fault.nth, fault.times);
     }
     firmware.terminal().press_early(command.early_keys);
+    for (const auto& [name, value] : stage.variables) {
+        firmware.set_variable(name, value);
+    }
     press(firmware.terminal(), command.keys);
     if (prepare) {
         prepare(firmware);

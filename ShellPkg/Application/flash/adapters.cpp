@@ -75,21 +75,21 @@ Sights discover(Adapters& adapters) {
 Text chip_text(const Adapters& adapters, const Choice& choice) {
     const QFU_FLASH_SLOT& slot = choice.adapter->slot[choice.chip_select];
     const std::uint32_t id = adapters.id[choice.adapter->index][choice.chip_select];
-    Text text({"chip select ", choice.chip_select, choice.chip_select == 0 ? ": NOR" : ": SPI",
-               " chip ", id_text(id, Adapters::id_mask(choice))});
+    Text text("chip select @@ chip @",
+              {choice.chip_select, choice.chip_select == 0 ? ": NOR" : ": SPI",
+               id_text(id, Adapters::id_mask(choice))});
     if (slot.chip == nullptr) {
-        text.add({", unknown"});
+        text.add(", unknown");
     } else {
-        text.add({" of ",
-                  Hex(Chip(*choice.adapter, choice.adapter->slot[choice.chip_select], id).size()),
-                  " bytes"});
+        text.add(" of @ bytes",
+                 {Hex(Chip(*choice.adapter, choice.adapter->slot[choice.chip_select], id).size())});
     }
     return text;
 }
 
 Text adapter_text(const QFU_ADAPTER& adapter) {
-    return Text(
-        {"adapter ", adapter.index, " at ", place_text(place_of(adapter), model_of(adapter))});
+    return Text("adapter @ at @",
+                {adapter.index, place_text(place_of(adapter), model_of(adapter))});
 }
 
 bool matches(const Request& request, const QFU_ADAPTER& adapter) {
@@ -106,10 +106,10 @@ Outcome choose_adapter(const Request& request, Adapters& adapters, QFU_ADAPTER*&
         }
     }
     if (matching == 0) {
-        return refused({"no adapter that was found is the one that is asked for"});
+        return refused("no adapter is the one that is asked for");
     }
     if (matching > 1) {
-        return refused({"several adapters were found; choose one with -adid or -at"});
+        return refused("several adapters were found; choose one with -adid or -at");
     }
     return {};
 }
@@ -120,19 +120,19 @@ Outcome choose_chip(const Request& request, const Adapters& adapters, Choice& ch
         choice.chip_select = request.chip_select;
         return adapters.has_chip(*choice.adapter, choice.chip_select)
                    ? Outcome{}
-                   : refused({"no chip answers at chip select ", request.chip_select});
+                   : refused("no chip answers at chip select @", {request.chip_select});
     }
     if (choice.adapter->flash_if == QFU_FLASH_IF_BAR2 && writes_unasked) {
         // A chip that does not answer, or is not listed, must not turn the other one into the only.
-        return refused({"-y on this kind of adapter needs -csid 0 or 1"});
+        return refused("-y on this kind of adapter needs -csid 0 or 1");
     }
     const bool first = adapters.has_chip(*choice.adapter, 0);
     const bool second = adapters.has_chip(*choice.adapter, 1);
     if (first && second) {
-        return refused({"the adapter has two chips; choose one with -csid 0 or 1"});
+        return refused("the adapter has two chips; choose one with -csid 0 or 1");
     }
     choice.chip_select = first ? 0 : 1;
-    return first || second ? Outcome{} : refused({"no chip answers on the adapter"});
+    return first || second ? Outcome{} : refused("no chip answers on the adapter");
 }
 
 } // namespace
@@ -157,16 +157,16 @@ Outcome find_adapters(const Request& request, Adapters& adapters) {
     const std::uint16_t count = adapters.adapter_count;
     const bool same = discover(adapters) == first && adapters.adapter_count == count;
     if (platform::break_requested()) {
-        return refused({"stopped by Ctrl-C"});
+        return refused("stopped by Ctrl-C");
     }
     if (platform::refused_accesses() != platform::RefusedAccesses{}) {
-        return refused({"the firmware refused accesses while adapters were searched"});
+        return refused("the firmware refused accesses in the search");
     }
     if (!same) {
-        return refused({"two searches for adapters found different ones"});
+        return refused("two searches found different adapters");
     }
     if (count == 0) {
-        return refused({"no supported adapter was found"});
+        return refused("no supported adapter was found");
     }
     return {};
 }
@@ -175,7 +175,7 @@ Outcome choose(const Request& request, Adapters& adapters, Choice& choice) {
     const bool maybe_more = adapters.adapter_count == QFU_MAX_ADAPTERS;
     Outcome outcome =
         maybe_more && !request.has(ADAPTER | PLACE)
-            ? refused({"the search stops at six adapters; choose one with -adid or -at"})
+            ? refused("the search stops at six adapters; choose one with -adid or -at")
             : choose_adapter(request, adapters, choice.adapter);
     if (!outcome) {
         outcome = choose_chip(request, adapters, choice);
@@ -188,17 +188,17 @@ Outcome choose(const Request& request, Adapters& adapters, Choice& choice) {
 
 void print_adapters(Adapters& adapters) {
     for (QFU_ADAPTER& adapter : adapters.found()) {
-        say({adapter_text(adapter), "\n"});
+        say("@\n", {adapter_text(adapter)});
         for (std::size_t chip_select = 0; chip_select < adapter.slot.size(); ++chip_select) {
             if (adapters.has_chip(adapter, chip_select)) {
-                say({"  ", chip_text(adapters, {&adapter, chip_select}), "\n"});
+                say("  @\n", {chip_text(adapters, {&adapter, chip_select})});
             }
         }
     }
 }
 
 Text describe(const Adapters& adapters, const Choice& choice) {
-    return Text({adapter_text(*choice.adapter), ", ", chip_text(adapters, choice)});
+    return Text("@, @", {adapter_text(*choice.adapter), chip_text(adapters, choice)});
 }
 
 void finish(Adapters& adapters) {

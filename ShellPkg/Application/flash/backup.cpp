@@ -75,7 +75,7 @@ Outcome Backup::take_name() {
         text_name_ = name_;
         fits = fits && append(text_name_, ".txt");
         if (!fits) {
-            return refused({base, ": the name is too long"});
+            return refused("@: the name is too long", {base});
         }
         const Existence file = look_for(name_);
         const Existence text = look_for(text_name_);
@@ -83,13 +83,16 @@ Outcome Backup::take_name() {
             return {};
         }
         if (file == Existence::UNKNOWN || text == Existence::UNKNOWN) {
-            return refused({name_, ": cannot be looked for"});
+            return refused("@: cannot be looked for", {name_});
         }
-        if (!numbered_) {
-            return refused({file == Existence::EXISTS ? name_ : text_name_, ": exists"});
+        if (!numbered_ && in_job_) {
+            numbered_ = true;
+            --number; // begins with 0
+        } else if (!numbered_) {
+            return refused("@: exists", {file == Existence::EXISTS ? name_ : text_name_});
         }
     }
-    return refused({base, ".old000 to ", base, ".old999 exist; move some away"});
+    return refused("@.old000 to @.old999 exist; move some away", {base, base});
 }
 
 Outcome Backup::save(const Chip& chip, const Adapters& adapters, const Choice& choice,
@@ -104,7 +107,7 @@ Outcome Backup::save(const Chip& chip, const Adapters& adapters, const Choice& c
 }
 
 Outcome Backup::not_written(const FileName& name) const {
-    return refused({name, ": cannot be written", hint_});
+    return refused("@: cannot be written@", {name, hint_});
 }
 
 Outcome Backup::save_bytes(const Chip& chip, Addresses tolerated, Pieces& pieces) {
@@ -116,7 +119,7 @@ Outcome Backup::save_bytes(const Chip& chip, Addresses tolerated, Pieces& pieces
     Progress progress("saving", size_);
     for (std::uint64_t offset = 0; offset < size_; offset += PIECE) {
         if (platform::break_requested()) {
-            return refused({"stopped by Ctrl-C"});
+            return refused("stopped by Ctrl-C");
         }
         const auto count = qfu_smaller<std::uint64_t>(PIECE, size_ - offset);
         const auto bytes = std::span(pieces.old).first(count);
@@ -125,12 +128,12 @@ Outcome Backup::save_bytes(const Chip& chip, Addresses tolerated, Pieces& pieces
         const Readings readings =
             read_alike(chip, static_cast<std::uint32_t>(address), count, pieces);
         if (readings == Readings::UNANSWERED) {
-            return refused({"the chip does not answer at ", Addresses(address, address + count)});
+            return refused("the chip does not answer at @", {Addresses(address, address + count)});
         }
         for (std::size_t i = 0; readings == Readings::DIFFERENT && i < count; ++i) {
             const bool alike = bytes[i] == pieces.again[i] && bytes[i] == pieces.flash[i];
             if (!alike && (address + i < tolerated.first || address + i >= tolerated.end)) {
-                return refused({"the flash does not read the same twice at ", Hex(address + i)});
+                return refused("the flash does not read the same twice at @", {Hex(address + i)});
             }
             unstable_ += alike ? 0 : 1;
         }
@@ -146,7 +149,7 @@ Outcome Backup::save_bytes(const Chip& chip, Addresses tolerated, Pieces& pieces
     return !saved_.open(name_, pieces.again) && saved_.size() == size_ &&
                    saved_.sum() == hash.finish()
                ? Outcome{}
-               : refused({name_, ": reads back differently", hint_});
+               : refused("@: reads back differently@", {name_, hint_});
 }
 
 Outcome Backup::save_text(const Adapters& adapters, const Choice& choice) {
@@ -176,7 +179,7 @@ Outcome Backup::save_text(const Adapters& adapters, const Choice& choice) {
     if (file.open(text_name_, platform::ACCESS_READ) != EFI_SUCCESS ||
         platform::read(file.get(), read_back.data(), read) != EFI_SUCCESS || read != count ||
         !qfu_same_bytes(bytes, read_back)) {
-        return refused({text_name_, ": reads back differently", hint_});
+        return refused("@: reads back differently@", {text_name_, hint_});
     }
     return {};
 }
@@ -185,7 +188,7 @@ Outcome Backup::give_up(Outcome outcome) {
     saved_.close();
     for (const FileName* name : {&name_, &text_name_}) {
         if (!remove(*name)) {
-            reason().add({"; ", *name, " may remain, incomplete"});
+            reason().add("; @ may remain, incomplete", {*name});
         }
     }
     return outcome;

@@ -23,9 +23,10 @@ class Backup {
   public:
     /// @param name      of the file, or what its name begins with
     /// @param numbered  NAME.old000 or the next number that is free
+    /// @param in_job    the same as `numbered` when the file exists: a job can be repeated
     /// @param hint      added to the reason when the file cannot be written
-    Backup(const platform::FileName& name, bool numbered, std::string_view hint)
-        : name_(name), numbered_(numbered), hint_(hint) {}
+    Backup(const platform::FileName& name, bool numbered, bool in_job, std::string_view hint)
+        : name_(name), numbered_(numbered), in_job_(in_job), hint_(hint) {}
 
     /// Finds a name. The file and its text file, NAME.txt, must both be free.
     Outcome take_name();
@@ -55,6 +56,7 @@ class Backup {
     platform::FileName name_;
     platform::FileName text_name_{};
     bool numbered_;
+    bool in_job_;
     std::string_view hint_;
     Image saved_;
     std::uint32_t first_ = 0;

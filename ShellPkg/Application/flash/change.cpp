@@ -13,17 +13,16 @@ namespace {
 constexpr std::size_t MOST_UNITS = 16'384;
 
 Outcome stopped() {
-    return refused({"stopped by Ctrl-C"});
+    return refused("stopped by Ctrl-C");
 }
 
 /// Asks the user.
 Outcome ask() {
     QFU_KEY key{};
     platform::discard_keys();
-    say({"Press Y to start, any other key to stop.\n"});
+    say("Press Y to start, any other key to stop.\n");
     qfu_read_key(true, key);
-    return key.character == 'y' || key.character == 'Y' ? Outcome{}
-                                                        : refused({"Y was not pressed"});
+    return key.character == 'y' || key.character == 'Y' ? Outcome{} : refused("Y was not pressed");
 }
 
 /// True when the byte can be programmed without an erase: it, or its whole word, reads FF.
@@ -61,7 +60,7 @@ Outcome Change::run(How how, const Adapters& adapters, const Choice& choice) {
     const Addresses tolerated = how.tolerate_unstable ? range_ : Addresses();
     outcome = backup_->save(*chip_, adapters, choice, span_, tolerated, *pieces_);
     if (!outcome) {
-        say({"saved ", span_, " as ", backup_->name(), "\n"});
+        say("saved @ as @\n", {span_, backup_->name()});
         outcome = check_plan();
     }
     outcome = outcome ? outcome : apply();
@@ -148,14 +147,14 @@ Outcome Change::read_wanted(std::uint64_t address, std::size_t count) {
     if (is_in(span_, address)) {
         const auto old = std::span(pieces_->old).first(count);
         if (!backup_->read(static_cast<std::uint32_t>(address), old)) {
-            return refused({backup_->name(), " cannot be read any more"});
+            return refused("@ cannot be read any more", {backup_->name()});
         }
         for (std::size_t i = 0; i < count; ++i) {
             wanted[i] = old[i];
         }
     }
     return read_image(address, wanted) ? Outcome{}
-                                       : refused({image_->name(), " cannot be read any more"});
+                                       : refused("@ cannot be read any more", {image_->name()});
 }
 
 /// What turns the piece `old` into the piece `wanted`.
@@ -181,10 +180,10 @@ Outcome Change::count_units() {
         ++units;
     }
     if (units > MOST_UNITS) {
-        return refused({"the range has more than ", MOST_UNITS, " erase units"});
+        return refused("the range has more than @ erase units", {MOST_UNITS});
     }
     actions_ = platform::Pool<Action>(units);
-    return actions_ ? Outcome{} : refused({"there is not enough memory"});
+    return actions_ ? Outcome{} : refused("there is not enough memory");
 }
 
 /// Finds out what one piece needs.
@@ -194,14 +193,14 @@ Outcome Change::compare_piece(std::uint64_t address, std::size_t count, Action& 
         return stopped();
     }
     if (!read_image(address, wanted)) {
-        return refused({image_->name(), " cannot be read any more"});
+        return refused("@ cannot be read any more", {image_->name()});
     }
     if (rewrite_) {
         action = Action::ERASE;
         return {};
     }
     if (!read_flash(address, count, pieces_->old)) {
-        return refused({"the chip does not answer at ", Hex(address)});
+        return refused("the chip does not answer at @", {Hex(address)});
     }
     // The other byte of a word that the image has half of stays as it is.
     for (std::size_t i = 0; i < count; ++i) {
@@ -235,7 +234,7 @@ Outcome Change::compare_units(std::span<std::uint64_t, 3> units) {
         }
     }
     return image.finish() == image_->sum() ? Outcome{}
-                                           : refused({image_->name(), " reads differently now"});
+                                           : refused("@ reads differently now", {image_->name()});
 }
 
 Outcome Change::compare() {
@@ -244,10 +243,9 @@ Outcome Change::compare() {
         return outcome;
     }
     if (span_.end == 0) {
-        return held({range_, " holds ", image_->name(), " already"});
+        return held("@ holds @ already", {range_, image_->name()});
     }
-    say({"plan: ", units[2], " units erased, ", units[1], " only programmed, ", units[0],
-         " left alone\n"});
+    say("plan: @ units erased, @ only programmed, @ left alone\n", {units[2], units[1], units[0]});
     return {};
 }
 
@@ -267,11 +265,11 @@ Outcome Change::check_plan() {
             return outcome;
         }
         if (action != actions_[unit.number]) {
-            return refused({"the flash reads differently now at ", part_of(unit)});
+            return refused("the flash reads differently now at @", {part_of(unit)});
         }
     }
     if (image.finish() != image_->sum()) {
-        return refused({image_->name(), " reads differently now"});
+        return refused("@ reads differently now", {image_->name()});
     }
     return platform::break_requested() ? stopped() : Outcome{};
 }
@@ -292,7 +290,7 @@ Outcome Change::apply() {
         }
         changing_ = {step.first, step.end};
         if (changed && platform::break_requested()) {
-            failed({"stopped by Ctrl-C"});
+            failed("stopped by Ctrl-C");
             return explain_failure();
         }
         if (change_unit(step)) {
@@ -314,10 +312,10 @@ Outcome Change::change_unit(const Unit& unit) {
         }
         chip_->settle();
     }
-    const Outcome outcome = failed({part_of(unit), " does not accept the write"});
+    const Outcome outcome = failed("@ does not accept the write", {part_of(unit)});
     std::uint32_t status = 0;
     if (!chip_->has_words() && chip_->read_status(status)) {
-        reason().add({", status register ", Hex(status & 0xFF), "; the WP pin may be low"});
+        reason().add(", status register @; the WP pin may be low", {Hex(status & 0xFF)});
     }
     return outcome;
 }
@@ -372,14 +370,14 @@ Outcome Change::check_piece(std::uint64_t address, std::size_t count, bool twice
     if (!read_flash(address, count, flash) ||
         (twice &&
          (!read_flash(address, count, pieces_->again) || !qfu_same_bytes(flash, pieces_->again)))) {
-        return failed({"the chip does not answer, or not the same twice, at ", Hex(address)});
+        return failed("the chip does not answer, or not the same twice, at @", {Hex(address)});
     }
     for (std::size_t i = 0; i < count; ++i) {
         // Half of a word that was not saved is nobody's.
         const bool known = is_in(span_, address + i) || is_in(range_, address + i);
         if (known && flash[i] != pieces_->wanted[i]) {
-            return failed(
-                {Hex(address + i), " reads ", Hex(flash[i]), ", not ", Hex(pieces_->wanted[i])});
+            return failed("@ reads @, not @",
+                          {Hex(address + i), Hex(flash[i]), Hex(pieces_->wanted[i])});
         }
     }
     return {};
@@ -402,20 +400,20 @@ Outcome Change::check_units() {
         }
     }
     if (read.finish() != image_->sum()) {
-        return failed({"the range has another SHA-256 than the image"});
+        return failed("the range has another SHA-256 than the image");
     }
     if (!chip_->answers()) {
-        return failed({"the chip no longer answers its identification"});
+        return failed("the chip no longer answers its identification");
     }
-    return lost_writes() == 0 ? Outcome{} : failed({"not every register write arrived"});
+    return lost_writes() == 0 ? Outcome{} : failed("not every register write arrived");
 }
 
 Outcome Change::check() {
     if (check_units()) {
         return explain_failure();
     }
-    return done(
-        {range_, " holds ", image_->name(), "; ", backup_->name(), " has what was there before"});
+    return done("@ holds @; @ has what was there before",
+                {range_, image_->name(), backup_->name()});
 }
 
 /// What a saved unit holds. When chip or files do not say it, what was done last does.
@@ -442,7 +440,7 @@ std::uint32_t Change::state_of(const Unit& unit, bool answers) {
 /// Adds to the reason what each part of the span holds, by reading it again.
 Outcome Change::explain_failure() {
     constexpr std::size_t MOST_PARTS = 10;
-    Text explained({reason(), "; "});
+    Text explained("@; ", {reason()});
     std::size_t parts = 0;
     bool all_old = true;
     Text list;
@@ -459,21 +457,20 @@ Outcome Change::explain_failure() {
             continue;
         }
         if (parts++ < MOST_PARTS) {
-            list.add({Addresses(part.first, unit.first), contents_name(state), "; "});
+            list.add("@@; ", {Addresses(part.first, unit.first), contents_name(state)});
         }
         part = unit;
         state = here;
     }
     if (parts > MOST_PARTS) {
-        list.add({"the rest is mixed; "});
+        list.add("the rest is mixed; ");
     }
-    explained.add({all_old ? Text({"the flash reads as before; "}) : list});
+    explained.add("@", {all_old ? Text("the flash reads as before; ") : list});
     if (lost_writes() != 0) {
-        explained.add({"the firmware refused ", lost_writes(),
-                       lost_writes() == 1 ? " register write" : " register writes",
-                       ", so other parts of the chip may have changed; "});
+        explained.add("the firmware refused @@, so other parts of the chip may have changed; ",
+                      {lost_writes(), lost_writes() == 1 ? " register write" : " register writes"});
     }
-    return failed({explained, backup_->name(), " has what was there before"});
+    return failed("@@ has what was there before", {explained, backup_->name()});
 }
 
 } // namespace flash

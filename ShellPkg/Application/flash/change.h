@@ -13,7 +13,7 @@ namespace flash {
 class Change {
   public:
     struct How {
-        bool rewrite = false;           ///< erase and program all of it, also what is right already
+        bool rewrite = false;           ///< erase and program all of it
         bool tolerate_unstable = false; ///< the range may read differently before it is changed
         bool ask = false;               ///< the user must agree
     };

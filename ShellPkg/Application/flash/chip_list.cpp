@@ -36,16 +36,16 @@ Outcome load_chip_list(const CHAR16* program, QFU_CONTEXT& context) {
         status = file.open(name, platform::ACCESS_READ);
     }
     if (status != EFI_SUCCESS) {
-        return refused({name, ": cannot be opened"});
+        return refused("@: cannot be opened", {name});
     }
     platform::Pool<std::uint8_t> bytes(sizeof(QFU_CHIP_LIST));
     if (!bytes) {
-        return refused({"no memory for the chip list"});
+        return refused("no memory for the chip list");
     }
     std::size_t count = sizeof(QFU_CHIP_LIST);
     if (platform::read(file.get(), bytes.get(), count) != EFI_SUCCESS ||
         !qfu_chiplist_valid({bytes.get(), count})) {
-        return refused({name, ": is no valid chip list"});
+        return refused("@: is no valid chip list", {name});
     }
     context.chip_list = reinterpret_cast<const QFU_CHIP_LIST*>(bytes.get());
     context.chip_list_file = std::move(bytes);

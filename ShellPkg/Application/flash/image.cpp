@@ -9,18 +9,19 @@ Outcome Image::open(const platform::FileName& name, std::span<std::uint8_t> buff
     name_ = name;
     const EFI_STATUS status = file_.open(name, platform::ACCESS_READ);
     if (status != EFI_SUCCESS) {
-        return refused({name, status == EFI_NOT_FOUND ? ": not found" : ": cannot be opened"});
+        return refused("@@",
+                       {name, status == EFI_NOT_FOUND ? ": not found" : ": cannot be opened"});
     }
     if (platform::is_directory(file_.get())) {
-        return refused({name, ": is a folder"});
+        return refused("@: is a folder", {name});
     }
     std::uint64_t size = 0;
     const bool sized = platform::size(file_.get(), size) == EFI_SUCCESS;
     if (sized && (size == 0 || size > UINT32_MAX)) {
-        return refused({name, ": has ", size, " bytes; allowed: 1 to 4294967295"});
+        return refused("@: has @ bytes; allowed: 1 to 4294967295", {name, size});
     }
     size_ = static_cast<std::uint32_t>(size);
-    return sized && take_sum(buffer) ? Outcome{} : refused({name, ": cannot be read"});
+    return sized && take_sum(buffer) ? Outcome{} : refused("@: cannot be read", {name});
 }
 
 void Image::be_blank(std::uint32_t size, std::span<std::uint8_t> buffer) {

@@ -18,20 +18,20 @@ void print_answers(QFU_ADAPTER& adapter) {
         }
         std::uint32_t id = 0;
         platform::limit_pauses(IDENTIFICATION_US);
-        say({"identification ", Hex(opcode), ": "});
+        say("identification @: ", {Hex(opcode)});
         if (qfu_spiflash_read_id(adapter, static_cast<std::uint8_t>(opcode), id) != 0) {
-            say({"no answer\n"});
+            say("no answer\n");
             continue;
         }
         for (std::uint32_t shift = 0; shift < 32; shift += 8) {
-            say({Digits((id >> shift) & 0xFF, 2), shift == 24 ? "\n" : " "});
+            say("@@", {Digits((id >> shift) & 0xFF, 2), shift == 24 ? "\n" : " "});
         }
     }
 }
 
 void print_record(const QFU_CHIP_ENTRY& record) {
-    say({"record: ", Hex(record.whole_size), " bytes, sectors of ", Hex(record.sector_size),
-         ", blocks of ", Hex(record.block_size), "\n", "opcodes:"});
+    say("record: @ bytes, sectors of @, blocks of @\nopcodes:",
+        {Hex(record.whole_size), Hex(record.sector_size), Hex(record.block_size)});
     const std::uint8_t opcodes[] = {record.op_write_enable, record.op_read_status,
                                     record.op_write_status, record.op_read,
                                     record.op_program,      record.op_sector_erase,
@@ -39,20 +39,20 @@ void print_record(const QFU_CHIP_ENTRY& record) {
     const char* uses[] = {"write enable", "read status",  "write status", "read",
                           "program",      "sector erase", "block erase",  "chip erase"};
     for (std::size_t i = 0; i < std::size(opcodes); ++i) {
-        say({i == 0 ? " " : ", ", uses[i], " ", Hex(opcodes[i])});
+        say("@@ @", {i == 0 ? " " : ", ", uses[i], Hex(opcodes[i])});
     }
-    say({"\n"});
+    say("\n");
 }
 
 void print_status(QFU_ADAPTER& adapter) {
     std::uint32_t status = 0;
     platform::limit_pauses(IDENTIFICATION_US);
     if (qfu_spiflash_read_status(adapter, status) != 0) {
-        say({"status register: no answer\n"});
+        say("status register: no answer\n");
         return;
     }
-    say({"status register ", Hex(status & 0xFF), ": busy ", status & 1, ", write-enable latch ",
-         status >> 1 & 1, ", bits 2 to 5 ", Hex(status >> 2 & 0xF), "\n"});
+    say("status register @: busy @, write-enable latch @, bits 2 to 5 @\n",
+        {Hex(status & 0xFF), status & 1, status >> 1 & 1, Hex(status >> 2 & 0xF)});
 }
 
 } // namespace
@@ -62,7 +62,7 @@ Outcome info(const Task& task) {
     QFU_FLASH_SLOT& slot = adapter.slot[task.choice.chip_select];
     adapter.current_slot = &slot;
     if (task.choice.chip_select == 0) {
-        return done({"nothing was changed"});
+        return done("nothing was changed");
     }
     print_answers(adapter);
     QFU_CHIP_ENTRY unknown{};
@@ -75,7 +75,7 @@ Outcome info(const Task& task) {
     }
     print_status(adapter);
     slot.chip = known;
-    return done({"nothing was changed"});
+    return done("nothing was changed");
 }
 
 } // namespace flash

@@ -4,6 +4,7 @@
 #include "backup.h"
 #include "chip_list.h"
 #include "commands.h"
+#include "job.h"
 #include "qfu/console.h"
 #include "qfu/platform/pool.h"
 #include "qfu/platform/shell.h"
@@ -18,10 +19,6 @@ constexpr EFI_STATUS NOTHING_CHANGED = 2;
 
 bool reads_image(Command command) {
     return command == Command::WRITE || command == Command::VERIFY || command == Command::RESTORE;
-}
-
-bool erases(Command command) {
-    return command == Command::WRITE || command == Command::RESTORE || command == Command::ERASE;
 }
 
 Outcome run_command(const Task& task, const Record& record) {
@@ -41,13 +38,23 @@ Outcome run_command(const Task& task, const Record& record) {
     }
 }
 
-/// Opens the request's file and, for a restore, reads its text file.
-Outcome open_image(Request& request, Image& image, Record& record, Pieces& pieces) {
-    if (Outcome outcome = image.open(request.file, pieces.wanted)) {
+} // namespace
+
+bool erases(Command command) {
+    return command == Command::WRITE || command == Command::RESTORE || command == Command::ERASE ||
+           command == Command::JOB;
+}
+
+Outcome open_image(Request& request, Image& image, Record& record, Task& task) {
+    if (!reads_image(request.command)) {
+        return {};
+    }
+    task.image = &image;
+    if (Outcome outcome = image.open(request.file, task.pieces->wanted)) {
         return outcome;
     }
     if (request.has(SUM) && request.sum != image.sum()) {
-        return refused({request.file, " has the SHA-256 ", image.sum()});
+        return refused("@ has the SHA-256 @", {request.file, image.sum()});
     }
     if (request.command != Command::RESTORE) {
         return {};
@@ -58,8 +65,10 @@ Outcome open_image(Request& request, Image& image, Record& record, Pieces& piece
     request.address = record.address;
     return record.size == image.size() && record.sum == image.sum()
                ? Outcome{}
-               : refused({request.file, " is not what its text file describes"});
+               : refused("@ is not what its text file describes", {request.file});
 }
+
+namespace {
 
 /// The range that the request names: from its address on as many bytes as the image has, or as
 /// -sz says, or the whole chip.
@@ -72,13 +81,44 @@ Outcome set_range(Task& task) {
     task.range = {request.address, request.address + size};
     return task.range.end <= chip_size
                ? Outcome{}
-               : refused({task.range, " ends past the end of the chip, ", Hex(chip_size - 1)});
+               : refused("@ ends past the end of the chip, @", {task.range, Hex(chip_size - 1)});
 }
+
+} // namespace
+
+Outcome run_task(Task& task, Adapters& adapters, const Record& record, bool only_check) {
+    const Request& request = *task.request;
+    if (Outcome outcome = choose(request, adapters, task.choice)) {
+        return outcome;
+    }
+    if (!only_check) {
+        say("@\n", {describe(adapters, task.choice)});
+    }
+    if (request.command == Command::INFO) {
+        return info(task);
+    }
+    QFU_FLASH_SLOT& slot = task.choice.adapter->slot[task.choice.chip_select];
+    if (slot.chip == nullptr) {
+        return refused("the chip is not in the chip list");
+    }
+    const Chip chip(*task.choice.adapter, slot,
+                    adapters.id[task.choice.adapter->index][task.choice.chip_select]);
+    if (!chip.has_usable_units()) {
+        return refused("the chip list has impossible erase units for the chip");
+    }
+    Task on_chip = task; // the chip does not outlive this routine
+    on_chip.chip = &chip;
+    const Outcome outcome = set_range(on_chip);
+    task.range = on_chip.range;
+    return outcome || only_check ? outcome : run_command(on_chip, record);
+}
+
+namespace {
 
 Outcome run_on_chip(Request& request, Adapters& adapters) {
     const platform::Pool<Pieces> pieces(1);
     if (!pieces) {
-        return refused({"there is not enough memory"});
+        return refused("there is not enough memory");
     }
     Image image;
     Record record{};
@@ -86,33 +126,9 @@ Outcome run_on_chip(Request& request, Adapters& adapters) {
     task.request = &request;
     task.adapters = &adapters;
     task.pieces = pieces.get();
-    if (reads_image(request.command)) {
-        task.image = &image;
-        if (Outcome outcome = open_image(request, image, record, *pieces)) {
-            return outcome;
-        }
-    }
-    Outcome outcome = find_adapters(request, adapters);
-    outcome = outcome ? outcome : choose(request, adapters, task.choice);
-    if (outcome) {
-        return outcome;
-    }
-    say({describe(adapters, task.choice), "\n"});
-    if (request.command == Command::INFO) {
-        return info(task);
-    }
-    QFU_FLASH_SLOT& slot = task.choice.adapter->slot[task.choice.chip_select];
-    if (slot.chip == nullptr) {
-        return refused({"the chip is not in the chip list"});
-    }
-    const Chip chip(*task.choice.adapter, slot,
-                    adapters.id[task.choice.adapter->index][task.choice.chip_select]);
-    task.chip = &chip;
-    if (!chip.has_usable_units()) {
-        return refused({"the chip list has impossible erase units for the chip"});
-    }
-    outcome = set_range(task);
-    return outcome ? outcome : run_command(task, record);
+    Outcome outcome = open_image(request, image, record, task);
+    outcome = outcome ? outcome : find_adapters(request, adapters);
+    return outcome ? outcome : run_task(task, adapters, record, false);
 }
 
 /// Everything that looks at an adapter.
@@ -122,7 +138,7 @@ Outcome run_request(Request& request, const CHAR16* program, Adapters& adapters)
         return list;
     }
     if (list) {
-        say({reason(), "\n"});
+        say("@\n", {reason()});
     }
     if (request.command != Command::LIST) {
         return run_on_chip(request, adapters);
@@ -131,24 +147,25 @@ Outcome run_request(Request& request, const CHAR16* program, Adapters& adapters)
         return outcome;
     }
     print_adapters(adapters);
-    return done(
-        {"found ", adapters.adapter_count, adapters.adapter_count == 1 ? " adapter" : " adapters"});
+    return done("found @@",
+                {adapters.adapter_count, adapters.adapter_count == 1 ? " adapter" : " adapters"});
 }
 
 /// Prints the last line. @returns the exit status
 EFI_STATUS end(Outcome outcome, const Request& request) {
     switch (outcome.verdict) {
     case Verdict::DONE:
-        say({"done: ", reason(), ".\n"});
+        say("done: @.\n", {reason()});
         return 0;
     case Verdict::HELD:
-        say({"held: ", reason(), ". Nothing was changed.\n"});
+        say("held: @. Nothing was changed.\n", {reason()});
         return 0;
     case Verdict::FAILED:
-        say({"FAILED: ", reason(), ".\n"});
+        say("FAILED: @.\n", {reason()});
         return 1;
     default:
-        say({"refused: ", reason(), erases(request.command) ? ". Nothing was changed.\n" : ".\n"});
+        say("refused: @@",
+            {reason(), erases(request.command) ? ". Nothing was changed.\n" : ".\n"});
         return NOTHING_CHANGED;
     }
 }
@@ -159,7 +176,7 @@ EFI_STATUS run(std::span<CHAR16* const> words) {
     const platform::Pool<Request> request(1);
     const platform::Pool<Adapters> adapters(1);
     if (!request || !adapters) {
-        say({"refused: there is not enough memory.\n"});
+        say("refused: there is not enough memory.\n");
         return NOTHING_CHANGED;
     }
     switch (parse(words.empty() ? words : words.subspan(1), *request)) {
@@ -170,16 +187,21 @@ EFI_STATUS run(std::span<CHAR16* const> words) {
         print_help(request->command);
         return 0;
     case Parsed::VERSION:
-        say({"flash ", VERSION, "\n"});
+        say("flash @\n", {VERSION});
         return 0;
     case Parsed::REFUSED:
         return end({Verdict::REFUSED}, {});
     default:
         break;
     }
-    const Outcome outcome = run_request(*request, words[0], *adapters);
+    AtEnd at_end = AtEnd::PROMPT;
+    const Outcome outcome = request->command == Command::JOB
+                                ? run_job(request->file, words[0], *adapters, at_end)
+                                : run_request(*request, words[0], *adapters);
     finish(*adapters);
-    return end(outcome, *request);
+    const EFI_STATUS status = end(outcome, *request);
+    leave(at_end);
+    return status;
 }
 
 } // namespace
@@ -188,7 +210,7 @@ EFI_STATUS run(std::span<CHAR16* const> words) {
 EFI_STATUS EFIAPI flash_entry(EFI_HANDLE image, EFI_SYSTEM_TABLE* table) {
     platform::attach(image, table);
     // The drivers say what goes wrong in numbers; this program has words.
-    qfu_quiet = true;
+    qfu_printer = nullptr;
     platform::Arguments arguments{};
     if (!platform::arguments(arguments)) {
         return flash::NOTHING_CHANGED;

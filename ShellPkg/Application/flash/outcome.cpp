@@ -5,9 +5,9 @@ namespace {
 
 constinit Text* last_reason = nullptr;
 
-Outcome because(Verdict verdict, std::initializer_list<Part> parts) {
+Outcome because(Verdict verdict, const char* format, std::initializer_list<Part> parts) {
     last_reason->clear();
-    last_reason->add(parts);
+    last_reason->add(format, parts);
     return {verdict};
 }
 
@@ -21,20 +21,20 @@ void keep_reason_in(Text& text) {
     last_reason = &text;
 }
 
-Outcome done(std::initializer_list<Part> parts) {
-    return because(Verdict::DONE, parts);
+Outcome done(const char* format, std::initializer_list<Part> parts) {
+    return because(Verdict::DONE, format, parts);
 }
 
-Outcome held(std::initializer_list<Part> parts) {
-    return because(Verdict::HELD, parts);
+Outcome held(const char* format, std::initializer_list<Part> parts) {
+    return because(Verdict::HELD, format, parts);
 }
 
-Outcome failed(std::initializer_list<Part> parts) {
-    return because(Verdict::FAILED, parts);
+Outcome failed(const char* format, std::initializer_list<Part> parts) {
+    return because(Verdict::FAILED, format, parts);
 }
 
-Outcome refused(std::initializer_list<Part> parts) {
-    return because(Verdict::REFUSED, parts);
+Outcome refused(const char* format, std::initializer_list<Part> parts) {
+    return because(Verdict::REFUSED, format, parts);
 }
 
 } // namespace flash

@@ -27,10 +27,10 @@ Text& reason();
 /// Names the memory of `reason`, before the first outcome is made.
 void keep_reason_in(Text& text);
 
-/// Outcomes with their reason.
-Outcome done(std::initializer_list<Part> parts);
-Outcome held(std::initializer_list<Part> parts);
-Outcome failed(std::initializer_list<Part> parts);
-Outcome refused(std::initializer_list<Part> parts);
+/// Outcomes with their reason, as Text puts it together.
+Outcome done(const char* format, std::initializer_list<Part> parts = {});
+Outcome held(const char* format, std::initializer_list<Part> parts = {});
+Outcome failed(const char* format, std::initializer_list<Part> parts = {});
+Outcome refused(const char* format, std::initializer_list<Part> parts = {});
 
 } // namespace flash

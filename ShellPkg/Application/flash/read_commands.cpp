@@ -25,7 +25,7 @@ struct Differences {
     void add(std::uint64_t address, std::uint8_t wanted, std::uint8_t read) {
         constexpr std::uint64_t SHOWN = 16;
         if (bytes < SHOWN) {
-            say({Hex(address), " reads ", Hex(read), ", not ", Hex(wanted), "\n"});
+            say("@ reads @, not @\n", {Hex(address), Hex(read), Hex(wanted)});
         }
         first = bytes == 0 ? address : first;
         last = address;
@@ -47,10 +47,10 @@ Outcome compare_piece(const Chip& chip, std::uint64_t at, std::size_t count, std
     }
     for (std::uint32_t time = 0; time < times; ++time) {
         if (platform::break_requested()) {
-            return refused({"stopped by Ctrl-C"});
+            return refused("stopped by Ctrl-C");
         }
         if (!chip.read_over(at, wanted, time == 0 ? first : again)) {
-            return refused({"the chip does not answer at ", Hex(at)});
+            return refused("the chip does not answer at @", {Hex(at)});
         }
         for (std::size_t i = 0; time > 0 && i < count; ++i) {
             varies[i] = static_cast<std::uint8_t>(varies[i] | (first[i] != again[i] ? 1 : 0));
@@ -71,7 +71,7 @@ Outcome verify(const Task& task) {
     const std::uint32_t times = task.request->has(TIMES) ? task.request->times : 1;
     const Image& image = *task.image;
     const Addresses& range = task.range;
-    say({"range ", range, ", SHA-256 ", image.sum(), "\n"});
+    say("range @, SHA-256 @\n", {range, image.sum()});
     Differences differences{};
     Progress progress("comparing", range.end - range.first);
     for (std::uint64_t at = range.first; at < range.end; at += PIECE) {
@@ -79,7 +79,7 @@ Outcome verify(const Task& task) {
         progress.step(at, count);
         if (!image.read(static_cast<std::uint32_t>(at - range.first),
                         std::span(task.pieces->wanted).first(count))) {
-            return refused({image.name(), " cannot be read any more"});
+            return refused("@ cannot be read any more", {image.name()});
         }
         if (Outcome outcome =
                 compare_piece(*task.chip, at, count, times, *task.pieces, differences)) {
@@ -87,20 +87,20 @@ Outcome verify(const Task& task) {
         }
     }
     if (times > 1) {
-        say({times, " readings, ", differences.unstable, " unstable bytes\n"});
+        say("@ readings, @ unstable bytes\n", {times, differences.unstable});
     }
     if (differences.bytes != 0) {
-        say({differences.bytes, " bytes differ, from ",
-             Addresses(differences.first, differences.last + 1), "; ", differences.cleared_bits,
-             " bits read 0 instead of 1, ", differences.set_bits, " bits 1 instead of 0\n"});
-        return failed({range, " differs from ", image.name()});
+        say("@ bytes differ, from @; @ bits read 0 instead of 1, @ bits 1 instead of 0\n",
+            {differences.bytes, Addresses(differences.first, differences.last + 1),
+             differences.cleared_bits, differences.set_bits});
+        return failed("@ differs from @", {range, image.name()});
     }
-    return differences.unstable != 0 ? failed({range, " does not read the same each time"})
-                                     : done({range, " holds ", image.name()});
+    return differences.unstable != 0 ? failed("@ does not read the same each time", {range})
+                                     : done("@ holds @", {range, image.name()});
 }
 
 Outcome backup(const Task& task) {
-    Backup file(task.request->file, false, "");
+    Backup file(task.request->file, false, task.request->has(IN_JOB), "");
     Outcome outcome = file.take_name();
     if (!outcome) {
         outcome = file.save(*task.chip, *task.adapters, task.choice, task.range, {}, *task.pieces);
@@ -108,8 +108,8 @@ Outcome backup(const Task& task) {
     if (outcome) {
         return outcome;
     }
-    say({"SHA-256 ", file.sum(), "\n"});
-    return done({file.name(), " has ", task.range});
+    say("SHA-256 @\n", {file.sum()});
+    return done("@ has @", {file.name(), task.range});
 }
 
 Outcome blank(const Task& task) {
@@ -120,22 +120,22 @@ Outcome blank(const Task& task) {
     Progress progress("reading", range.end - range.first);
     for (std::uint64_t at = range.first; at < range.end; at += PIECE) {
         if (platform::break_requested()) {
-            return refused({"stopped by Ctrl-C"});
+            return refused("stopped by Ctrl-C");
         }
         const auto count = qfu_smaller<std::uint64_t>(PIECE, range.end - at);
         const auto flash = std::span(task.pieces->flash).first(count);
         progress.step(at, count);
         if (!task.chip->read_over(at, std::span(task.pieces->wanted).first(count), flash)) {
-            return refused({"the chip does not answer at ", Hex(at)});
+            return refused("the chip does not answer at @", {Hex(at)});
         }
         for (std::size_t i = 0; i < count; ++i) {
             if (flash[i] != 0xFF) {
-                return failed(
-                    {Hex(at + i), " is the first byte that is not FF; it reads ", Hex(flash[i])});
+                return failed("@ is the first byte that is not FF; it reads @",
+                              {Hex(at + i), Hex(flash[i])});
             }
         }
     }
-    return done({range, " is blank"});
+    return done("@ is blank", {range});
 }
 
 } // namespace flash

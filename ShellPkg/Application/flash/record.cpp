@@ -102,14 +102,14 @@ bool parse_record(const char* text, Record& record) {
 void add_time(Text& text) {
     platform::WallTime time{};
     if (!platform::wall_time(time)) {
-        text.add({"unknown"});
+        text.add("unknown");
         return;
     }
     const std::uint32_t parts[] = {time.year, time.month,  time.day,
                                    time.hour, time.minute, time.second};
     const char* separator = "";
     for (std::size_t i = 0; i < std::size(parts); ++i) {
-        text.add({separator, parts[i] < 10 ? "0" : "", parts[i]});
+        text.add("@@@", {separator, parts[i] < 10 ? "0" : "", parts[i]});
         separator = i < 2 ? "-" : i == 2 ? " " : ":";
     }
 }
@@ -125,27 +125,27 @@ std::uint32_t model_of(const QFU_ADAPTER& adapter) {
 }
 
 Text place_text(std::uint32_t place, std::uint32_t model) {
-    return Text({Digits(place >> 8, 2), ":", Digits(place & 0xFF, 2), ".0, ",
-                 Digits(model >> 16, 4), ":", Digits(model & 0xFFFF, 4)});
+    return Text("@:@.0, @:@", {Digits(place >> 8, 2), Digits(place & 0xFF, 2),
+                               Digits(model >> 16, 4), Digits(model & 0xFFFF, 4)});
 }
 
 Text id_text(std::uint32_t id, std::uint32_t mask) {
     Text text;
     for (std::uint32_t shift = 0; shift < 32 && (mask >> shift) != 0; shift += 8) {
-        text.add({shift == 0 ? "" : " ", Digits((id >> shift) & 0xFF, 2)});
+        text.add("@@", {shift == 0 ? "" : " ", Digits((id >> shift) & 0xFF, 2)});
     }
     return text;
 }
 
 Text record_text(const Record& record, std::uint32_t adapter, std::uint32_t unstable) {
-    Text text({"qfu-backup 1\nadapter ", adapter});
-    text.add({"\nplace ", Digits(record.place >> 8, 2), ":", Digits(record.place & 0xFF, 2), ".0"});
-    text.add({"\nmodel ", Digits(record.model >> 16, 4), ":", Digits(record.model & 0xFFFF, 4)});
-    text.add({"\nchip ", id_text(record.id, record.id_mask)});
-    text.add({"\nchip-select ", record.chip_select, "\naddress ", Hex(record.address)});
-    text.add({"\nsize ", Hex(record.size), "\nsha256 ", record.sum, "\ndate "});
+    Text text("qfu-backup 1\nadapter @", {adapter});
+    text.add("\nplace @:@.0", {Digits(record.place >> 8, 2), Digits(record.place & 0xFF, 2)});
+    text.add("\nmodel @:@", {Digits(record.model >> 16, 4), Digits(record.model & 0xFFFF, 4)});
+    text.add("\nchip @", {id_text(record.id, record.id_mask)});
+    text.add("\nchip-select @\naddress @", {record.chip_select, Hex(record.address)});
+    text.add("\nsize @\nsha256 @\ndate ", {Hex(record.size), record.sum});
     add_time(text);
-    text.add({"\nunstable ", unstable, "\n"});
+    text.add("\nunstable @\n", {unstable});
     return text;
 }
 
@@ -154,13 +154,13 @@ Outcome read_record(const platform::FileName& file, Record& record) {
     platform::FileHandle text;
     constexpr char WITHOUT[] = "; without it: flash write ";
     if (!append(name, ".txt") || text.open(name, platform::ACCESS_READ) != EFI_SUCCESS) {
-        return refused({file, ".txt: cannot be opened", WITHOUT, file, " -addr A"});
+        return refused("@.txt: cannot be opened@@ -addr A", {file, WITHOUT, file});
     }
     std::array<char, RECORD_SIZE + 2> bytes{}; // a file that is too long, and a zero
     std::size_t count = bytes.size() - 1;
     if (platform::read(text.get(), bytes.data(), count) != EFI_SUCCESS || count > RECORD_SIZE ||
         !parse_record(bytes.data(), record)) {
-        return refused({name, ": is no text file of a backup", WITHOUT, file, " -addr A"});
+        return refused("@: is no text file of a backup@@ -addr A", {name, WITHOUT, file});
     }
     return {};
 }

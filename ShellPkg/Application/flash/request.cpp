@@ -1,5 +1,7 @@
 #include "request.h"
 
+#include "qfu/adapter.h"
+
 namespace flash {
 namespace {
 
@@ -14,22 +16,23 @@ struct CommandRow {
 
 /// In the order of Command.
 constexpr CommandRow COMMANDS[] = {
-    {"list",    "",      0,                                        "shows the adapters and their chips.\n"            },
+    {"list",    "",      0,                                        "shows the adapters and their chips.\n"                                  },
     {"write",   "IMAGE", ADDRESS | CHOICE | SUM | OLD | ALL | YES,
      "programs a file and proves that the flash holds it. Changes only what differs, and keeps "
      "the\n"
-     "bytes around the image. Saves what it changes as IMAGE.old000, or the next free number.\n"                      },
-    {"verify",  "IMAGE", ADDRESS | CHOICE | TIMES,                 "compares the flash with a file.\n"                },
+     "bytes around the image. Saves what it changes as IMAGE.old000, or the next free number.\n"                                            },
+    {"verify",  "IMAGE", ADDRESS | CHOICE | TIMES,                 "compares the flash with a file.\n"                                      },
     {"backup",  "FILE",  ADDRESS | SIZE | CHOICE,
-     "saves the chip or a range in a new file, and describes it in FILE.txt.\n"                                       },
+     "saves the chip or a range in a new file, and describes it in FILE.txt.\n"                                                             },
     {"restore", "FILE",  CHOICE | YES,
      "puts a saved file back to where it came from. Needs FILE.txt. Erases and programs\n"
-     "every erase unit again. Saves what it changes as FILE.old000.\n"                                                },
+     "every erase unit again. Saves what it changes as FILE.old000.\n"                                                                      },
     {"erase",   "",      ADDRESS | SIZE | CHOICE | OLD | YES,
      "erases the chip or a range and keeps the bytes around it. Saves what it changes as\n"
-     "erase.old000.\n"                                                                                                },
-    {"blank",   "",      ADDRESS | SIZE | CHOICE,                  "checks that the chip or a range reads FF.\n"      },
-    {"info",    "",      CHOICE,                                   "shows what a chip answers, and changes nothing.\n"},
+     "erase.old000.\n"                                                                                                                      },
+    {"blank",   "",      ADDRESS | SIZE | CHOICE,                  "checks that the chip or a range reads FF.\n"                            },
+    {"info",    "",      CHOICE,                                   "shows what a chip answers.\n"                                           },
+    {"job",     "FILE",  0,                                        "runs the command lines of a file when all of them can be carried out.\n"},
 };
 
 struct OptionRow {
@@ -40,28 +43,19 @@ struct OptionRow {
 };
 
 constexpr OptionRow OPTIONS[] = {
-    {"-addr",  "A",      ADDRESS,     "first address of the range, 0x1000 or 4096; without it 0"    },
+    {"-addr",  "A",      ADDRESS,     "first address of the range; without it 0"                    },
     {"-sz",    "N",      SIZE,        "bytes of the range; with -addr. Without both: the whole chip"},
     {"-adid",  "N",      ADAPTER,     "the adapter with this number in \"flash list\""              },
     {"-csid",  "N",      CHIP_SELECT, "the chip at chip select 0 or 1"                              },
     {"-model", "V:D",    MODEL,       "the adapter with these IDs, such as 1e5d:c709"               },
     {"-at",    "B:D.F",  PLACE,       "the adapter at this place, such as 01:04.0"                  },
-    {"-sum",   "SHA256", SUM,         "refuse an image with another SHA-256, 64 hexadecimal digits" },
+    {"-sum",   "SHA256", SUM,         "refuse an image with another SHA-256"                        },
     {"-old",   "NEW",    OLD,         "save what is changed under this name, such as fs1:old.bin"   },
     {"-n",     "TIMES",  TIMES,       "read this many times, 1 to 1000"                             },
-    {"-all",   "",       ALL,         "erase and program all of it, also what is right already"     },
+    {"-all",   "",       ALL,         "erase and program all of it"                                 },
     {"-y",     "",       YES,         "do not ask"                                                  },
+    {"-count", "N",      COUNT,       ""                                                            },
 };
-
-/// True when an argument is this word.
-bool is(const CHAR16* argument, std::string_view word) {
-    for (const char c : word) {
-        if (*argument++ != static_cast<CHAR16>(c)) {
-            return false;
-        }
-    }
-    return *argument == 0;
-}
 
 /// The value of a digit; 16 for everything else.
 std::uint32_t digit(CHAR16 c) {
@@ -147,19 +141,23 @@ bool parse_within(const CHAR16* text, std::uint32_t least, std::uint32_t most,
 
 /// Reads the value of an option. @returns what is allowed when it is anything else, or ""
 std::string_view parse_value(std::uint32_t option, const CHAR16* value, Request& request) {
-    constexpr std::string_view NUMBER = "a number such as 4096 or 0x1000, at most 0xffffffff";
+    constexpr std::string_view NUMBER = "a number such as 4096 or 0x1000";
     switch (option) {
     case ADDRESS:
         return parse_number(value, request.address) ? "" : NUMBER;
     case SIZE:
         return parse_within(value, 1, UINT32_MAX, request.size)
                    ? ""
-                   : "a number such as 4096 or 0x1000, from 1 to 0xffffffff";
+                   : "1 or more, such as 4096 or 0x1000";
     case ADAPTER:
         return parse_number(value, request.adapter) ? "" : "a number that \"flash list\" shows";
     case CHIP_SELECT:
         return parse_within(value, 0, 1, request.chip_select) ? "" : "0 and 1";
     case MODEL:
+        if (request.has(IN_JOB) && is(value, "any")) {
+            request.given |= ANY_MODEL;
+            return "";
+        }
         return parse_model(value, request) ? "" : "vendor and device ID such as 1e5d:c709";
     case PLACE:
         return parse_place(value, request) ? "" : "bus, device and function 0 such as 01:04.0";
@@ -169,6 +167,9 @@ std::string_view parse_value(std::uint32_t option, const CHAR16* value, Request&
         return parse_name(value, request.old) ? "" : "a file name of 1 to 512 characters";
     case TIMES:
         return parse_within(value, 1, 1000, request.times) ? "" : "a number from 1 to 1000";
+    case COUNT:
+        return parse_within(value, 1, QFU_MAX_ADAPTERS, request.count) ? ""
+                                                                       : "a number from 1 to 6";
     default:
         return "";
     }
@@ -183,18 +184,24 @@ const OptionRow* find_option(const CHAR16* argument) {
     return nullptr;
 }
 
+/// What a command takes. A job asks nothing, and adapters have no fixed numbers in it.
+std::uint32_t options_of(const CommandRow& row, const Request& request) {
+    return request.has(IN_JOB) ? (row.options | COUNT) & ~(ADAPTER | YES) : row.options;
+}
+
 /// The options of a command in one line, as "-addr A".
-Text synopsis(const CommandRow& row) {
-    Text text({"flash ", row.name});
+Text synopsis(const CommandRow& row, const Request& request = {}) {
+    Text text("flash @", {row.name});
     if (!row.file.empty()) {
-        text.add({" "});
-        text.add({row.file});
+        text.add(" ");
+        text.add("@", {row.file});
     }
     for (const OptionRow& option : OPTIONS) {
-        if ((row.options & option.option & CHOICE) != 0) {
-            text.add({option.option == ADAPTER ? " [choice]" : ""});
-        } else if ((row.options & option.option) != 0) {
-            text.add({" [", option.name, option.value.empty() ? "" : " ", option.value, "]"});
+        const std::uint32_t given = options_of(row, request) & option.option;
+        if ((given & CHOICE) != 0 && !request.has(IN_JOB)) {
+            text.add("@", {given == ADAPTER ? " [choice]" : ""});
+        } else if (given != 0) {
+            text.add(" [@@@]", {option.name, option.value.empty() ? "" : " ", option.value});
         }
     }
     return text;
@@ -202,34 +209,35 @@ Text synopsis(const CommandRow& row) {
 
 Outcome take_file(const CHAR16* argument, const CommandRow& row, Request& request) {
     if (row.file.empty() || request.has(FILE)) {
-        return refused({"surplus argument ", argument, "; allowed: ", synopsis(row)});
+        return refused("surplus argument @; allowed: @", {argument, synopsis(row, request)});
     }
     request.given |= FILE;
     return parse_name(argument, request.file) ? Outcome{}
-                                              : refused({"a file name has 1 to 512 characters"});
+                                              : refused("a file name has 1 to 512 characters");
 }
 
 /// Takes an option and its value from the front of `rest`.
 Outcome take_option(std::span<CHAR16* const>& rest, const CommandRow& row, Request& request) {
     const CHAR16* word = rest[0];
     const OptionRow* option = find_option(word);
-    if (option == nullptr || (row.options & option->option) == 0) {
-        return refused({"flash ", row.name, " has no option ", word, "; allowed: ", synopsis(row)});
+    if (option == nullptr || (options_of(row, request) & option->option) == 0) {
+        return refused("flash @ has no option @; allowed: @",
+                       {row.name, word, synopsis(row, request)});
     }
     if (request.has(option->option)) {
-        return refused({word, " is given twice"});
+        return refused("@ is given twice", {word});
     }
     request.given |= option->option;
     if (option->value.empty()) {
         return {};
     }
     if (rest.size() == 1) {
-        return refused({word, " needs a value: ", option->value});
+        return refused("@ needs a value: @", {word, option->value});
     }
     rest = rest.subspan(1);
     const std::string_view allowed = parse_value(option->option, rest[0], request);
     return allowed.empty() ? Outcome{}
-                           : refused({word, " ", rest[0], ": not allowed; allowed: ", allowed});
+                           : refused("@ @: not allowed; allowed: @", {word, rest[0], allowed});
 }
 
 Outcome parse_rest(std::span<CHAR16* const> rest, const CommandRow& row, Request& request) {
@@ -240,18 +248,31 @@ Outcome parse_rest(std::span<CHAR16* const> rest, const CommandRow& row, Request
         }
     }
     if (!row.file.empty() && !request.has(FILE)) {
-        return refused({row.file, " is missing; allowed: ", synopsis(row)});
+        return refused("@ is missing; allowed: @", {row.file, synopsis(row, request)});
     }
     if ((row.options & SIZE) != 0 && request.has(ADDRESS) != request.has(SIZE)) {
-        return refused({"-addr and -sz go together: both or neither"});
+        return refused("-addr and -sz go together: both or neither");
     }
     if (request.has(MODEL) && request.has(ADAPTER)) {
-        return refused({"-model and -adid do not go together: -adid counts all adapters"});
+        return refused("-model and -adid do not go together");
     }
     return {};
 }
 
 } // namespace
+
+std::string_view command_name(Command command) {
+    return COMMANDS[static_cast<std::size_t>(command)].name;
+}
+
+bool is(const CHAR16* argument, std::string_view word) {
+    for (const char c : word) {
+        if (*argument++ != static_cast<CHAR16>(c)) {
+            return false;
+        }
+    }
+    return *argument == 0;
+}
 
 bool parse_number(const CHAR16* text, std::uint32_t& number) {
     std::uint32_t base = 10;
@@ -285,9 +306,9 @@ Parsed parse(std::span<CHAR16* const> arguments, Request& request) {
         }
     }
     if (row == nullptr) {
-        refused({"unknown command ", arguments[0], "; allowed:"});
+        refused("unknown command @; allowed:", {arguments[0]});
         for (const CommandRow& candidate : COMMANDS) {
-            reason().add({" ", candidate.name});
+            reason().add(" @", {candidate.name});
         }
         return Parsed::REFUSED;
     }
@@ -299,22 +320,22 @@ Parsed parse(std::span<CHAR16* const> arguments, Request& request) {
 }
 
 void print_help() {
-    say({"flash writes the flash chips of storage adapters and proves the result.\n\n"});
+    say("flash writes the flash chips of storage adapters and proves the result.\n\n");
     for (const CommandRow& row : COMMANDS) {
-        say({"  ", synopsis(row), "\n"});
+        say("  @\n", {synopsis(row)});
     }
-    say({"\nchoice: [-adid N] [-csid N] [-model V:D] [-at B:D.F]\n"
-         "flash COMMAND -h shows what a command does. flash --version shows the version.\n"
-         "Exit status: 0 done or held, 1 failed, 2 nothing was changed and nothing was proved.\n"});
+    say("\nchoice: [-adid N] [-csid N] [-model V:D] [-at B:D.F]\nflash COMMAND -h shows what a "
+        "command does.\nExit status: 0 done or held, 1 failed, "
+        "2 nothing was changed and nothing was proved.\n");
 }
 
 void print_help(Command command) {
     const CommandRow& row = COMMANDS[static_cast<std::size_t>(command)];
-    say({synopsis(row), "\n", row.does});
+    say("@\n@", {synopsis(row), row.does});
     for (const OptionRow& option : OPTIONS) {
         if ((row.options & option.option) != 0) {
-            say({"  ", option.name, option.value.empty() ? "" : " ", option.value, ": ",
-                 option.does, "\n"});
+            say("  @@@: @\n",
+                {option.name, option.value.empty() ? "" : " ", option.value, option.does});
         }
     }
 }

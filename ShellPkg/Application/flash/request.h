@@ -9,7 +9,7 @@
 
 namespace flash {
 
-enum class Command : std::uint8_t { LIST, WRITE, VERIFY, BACKUP, RESTORE, ERASE, BLANK, INFO };
+enum class Command : std::uint8_t { LIST, WRITE, VERIFY, BACKUP, RESTORE, ERASE, BLANK, INFO, JOB };
 
 /// What one command line asks for. A field whose option was not given is 0 or null.
 struct Request {
@@ -20,6 +20,7 @@ struct Request {
     std::uint32_t address;
     std::uint32_t size;
     std::uint32_t times;
+    std::uint32_t count;
     std::uint32_t adapter;
     std::uint32_t chip_select;
     std::uint16_t vendor;
@@ -44,11 +45,21 @@ inline constexpr std::uint32_t ALL = 0x100;
 inline constexpr std::uint32_t YES = 0x200;
 inline constexpr std::uint32_t TIMES = 0x400;
 inline constexpr std::uint32_t FILE = 0x800;
+inline constexpr std::uint32_t COUNT = 0x1000;
+inline constexpr std::uint32_t ANY_MODEL = 0x2000;
+inline constexpr std::uint32_t IN_JOB = 0x4000; ///< the request is a line of a job
 
 /// What became of a command line.
 enum class Parsed : std::uint8_t { REQUEST, HELP, COMMAND_HELP, VERSION, REFUSED };
 
-/// Reads the arguments that follow the program's name.
+/// As it is typed.
+std::string_view command_name(Command command);
+
+/// True when an argument is this word.
+bool is(const CHAR16* argument, std::string_view word);
+
+/// Reads the arguments that follow the program's name. With IN_JOB given before, they are a line of
+/// a job.
 /// When it is refused, `reason` says what is wrong and what is allowed.
 Parsed parse(std::span<CHAR16* const> arguments, Request& request);
 

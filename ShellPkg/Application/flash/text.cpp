@@ -4,8 +4,8 @@
 
 namespace flash {
 
-Text::Text(std::initializer_list<Part> parts) {
-    add(parts);
+Text::Text(const char* format, std::initializer_list<Part> parts) {
+    add(format, parts);
 }
 
 void Text::put(CHAR16 c) {
@@ -87,14 +87,19 @@ void Text::put_part(const Part& part) {
     }
 }
 
-void Text::add(std::initializer_list<Part> parts) {
-    for (const Part& part : parts) {
-        put_part(part);
+void Text::add(const char* format, std::initializer_list<Part> parts) {
+    const Part* next = parts.begin();
+    for (; *format != 0; ++format) {
+        if (*format == '@' && next != parts.end()) {
+            put_part(*next++);
+        } else {
+            put_ascii(*format);
+        }
     }
 }
 
-void say(std::initializer_list<Part> parts) {
-    print(Text(parts));
+void say(const char* format, std::initializer_list<Part> parts) {
+    print(Text(format, parts));
 }
 
 void print(const Text& text) {
@@ -106,14 +111,14 @@ void print(const Text& text) {
             piece[count] = rest[count];
             ++count;
         }
-        platform::print("%s", {piece.data()});
+        platform::print(piece.data());
         rest = rest.subspan(count);
     }
 }
 
 Progress::~Progress() {
     if (shown_ != 0) {
-        say({"\n"});
+        say("\n");
     }
 }
 
@@ -122,7 +127,7 @@ void Progress::step(std::uint64_t address, std::uint64_t bytes) {
     constexpr std::uint64_t LEAST_STEP = 10;
     constexpr std::uint64_t LEAST_TOTAL = 0x4000; // less is done before anybody has read it
     if (total_ > LEAST_TOTAL && percent >= shown_ + LEAST_STEP) {
-        say({"\r", what_, " ", percent, " % at ", Hex(address), "      "});
+        say("\r@ @ % at @      ", {what_, percent, Hex(address)});
         shown_ = percent;
     }
     done_ += bytes;

@@ -86,10 +86,10 @@ class Text {
 
     constexpr Text() = default;
 
-    /// Puts parts together. "\n" becomes CR LF; plain numbers are decimal.
-    explicit Text(std::initializer_list<Part> parts);
+    /// Puts parts in the places of the format's "@". "\n" becomes CR LF; plain numbers are decimal.
+    explicit Text(const char* format, std::initializer_list<Part> parts = {});
 
-    void add(std::initializer_list<Part> parts);
+    void add(const char* format, std::initializer_list<Part> parts = {});
 
     void clear() { length_ = 0; }
 
@@ -109,8 +109,8 @@ class Text {
 /// Prints a text.
 void print(const Text& text);
 
-/// Prints parts as Text puts them together.
-void say(std::initializer_list<Part> parts);
+/// Prints a format with its parts.
+void say(const char* format, std::initializer_list<Part> parts = {});
 
 /// One line that shows how far a long step is. It appears in steps of more than 16 KiB.
 class Progress {

@@ -11,9 +11,9 @@ constexpr std::string_view HINT = "; -old fs1:NAME saves on another medium";
 Outcome change(const Task& task, const Image& image, Change::How how,
                const platform::FileName& base, std::string_view hint) {
     const Request& request = *task.request;
-    say({"range ", task.range, ", SHA-256 ", image.sum(), "\n"});
+    say("range @, SHA-256 @\n", {task.range, image.sum()});
     how.ask = !request.has(YES);
-    Backup backup(request.has(OLD) ? request.old : base, !request.has(OLD),
+    Backup backup(request.has(OLD) ? request.old : base, !request.has(OLD), request.has(IN_JOB),
                   request.has(OLD) ? "" : hint);
     Change change(*task.chip, task.range, image, backup, *task.pieces);
     return change.run(how, *task.adapters, task.choice);
@@ -37,17 +37,17 @@ Outcome erase(const Task& task) {
 Outcome restore(const Task& task, const Record& record) {
     const QFU_ADAPTER& adapter = *task.choice.adapter;
     const Request& request = *task.request;
-    say({"saved from ", place_text(record.place, record.model), ", chip select ",
-         record.chip_select, "\n"});
+    say("saved from @, chip select @\n",
+        {place_text(record.place, record.model), record.chip_select});
     const std::uint32_t id = task.adapters->id[adapter.index][task.choice.chip_select];
     if (record.model != model_of(adapter)) {
-        return refused({request.file, " is from another model"});
+        return refused("@ is from another model", {request.file});
     }
     if (record.chip_select != task.choice.chip_select || (id & record.id_mask) != record.id) {
-        return refused({request.file, " is from another chip"});
+        return refused("@ is from another chip", {request.file});
     }
     if (record.place != place_of(adapter) && request.has(YES) && !request.has(ADAPTER | PLACE)) {
-        return refused({request.file, " is from another board; -y then needs -adid or -at"});
+        return refused("@ is from another board; -y then needs -adid or -at", {request.file});
     }
     return change(task, *task.image, {.rewrite = true, .tolerate_unstable = true}, request.file,
                   "");

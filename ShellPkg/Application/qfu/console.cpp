@@ -4,7 +4,7 @@
 #include "platform/pool.h"
 
 constinit bool qfu_page_mode = false;
-constinit bool qfu_quiet = false;
+constinit QFU_PRINTER qfu_printer = nullptr;
 constinit std::uint32_t qfu_page_lines = 0;
 
 namespace {
@@ -396,10 +396,7 @@ std::size_t qfu_format(std::span<char> buffer, const char* format,
     return out.length();
 }
 
-int qfu_print_list(const char* format, std::span<const QFU_FORMAT_ARGUMENT> arguments) {
-    if (qfu_quiet) {
-        return 0;
-    }
+int qfu_print_to_console(const char* format, std::span<const QFU_FORMAT_ARGUMENT> arguments) {
     PrintBuffers buffers;
     if (!buffers.take()) {
         return -1;

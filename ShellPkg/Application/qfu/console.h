@@ -19,9 +19,6 @@ inline constexpr std::size_t QFU_TEXT_SIZE = 1024;
 /// Stops after every page of output until a key comes. Off until the command line turns it on.
 extern bool qfu_page_mode;
 
-/// Drops what `qfu_print` is given, for callers of the drivers that report in their own words.
-extern bool qfu_quiet;
-
 /// Pieces printed since the last pause, over all calls of `qfu_print`.
 extern std::uint32_t qfu_page_lines;
 
@@ -84,8 +81,13 @@ std::size_t qfu_format_number(std::span<char> buffer, std::uint64_t value, std::
 std::size_t qfu_format(std::span<char> buffer, const char* format,
                        std::span<const QFU_FORMAT_ARGUMENT> arguments);
 
-/// `qfu_print` with its arguments as a list.
-int qfu_print_list(const char* format, std::span<const QFU_FORMAT_ARGUMENT> arguments);
+/// Prints a formatted message on the console, for `qfu_print`.
+int qfu_print_to_console(const char* format, std::span<const QFU_FORMAT_ARGUMENT> arguments);
+
+/// Where `qfu_print` prints. While it is null, messages are dropped: that is for callers of the
+/// drivers who report in their own words.
+using QFU_PRINTER = int (*)(const char* format, std::span<const QFU_FORMAT_ARGUMENT> arguments);
+extern QFU_PRINTER qfu_printer;
 
 /// Prints a formatted message: adds a carriage return before every line feed and pauses between
 /// pages when `qfu_page_mode` is on. A text longer than QFU_TEXT_SIZE - 1 characters is cut.
@@ -94,7 +96,7 @@ template <class... Arguments>
 int qfu_print(const char* format, const Arguments&... arguments) {
     const std::array<QFU_FORMAT_ARGUMENT, sizeof...(Arguments)> list{
         QFU_FORMAT_ARGUMENT(arguments)...};
-    return qfu_print_list(format, list);
+    return qfu_printer == nullptr ? 0 : qfu_printer(format, list);
 }
 
 using QFU_KEY = platform::Key;

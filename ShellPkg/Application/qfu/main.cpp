@@ -136,7 +136,7 @@ EFI_STATUS run_request(QFU_CONTEXT* context, std::uint32_t count, const Argument
 EFI_STATUS EFIAPI qfu_entry(EFI_HANDLE image, EFI_SYSTEM_TABLE* table) {
     platform::attach(image, table);
     qfu_page_mode = false;
-    qfu_quiet = false;
+    qfu_printer = qfu_print_to_console;
     qfu_page_lines = 0;
     platform::Arguments arguments{};
     if (!platform::arguments(arguments)) {

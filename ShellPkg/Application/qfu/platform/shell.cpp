@@ -52,6 +52,15 @@ bool break_seen() {
     return system().break_seen;
 }
 
+const CHAR16* shell_variable(const char* name) {
+    constexpr std::size_t LONGEST = 15;
+    CHAR16 wide[LONGEST + 1] = {};
+    for (std::size_t i = 0; name[i] != 0 && i < LONGEST; ++i) {
+        wide[i] = static_cast<unsigned char>(name[i]);
+    }
+    return system().shell == nullptr ? nullptr : system().shell->GetEnv(wide);
+}
+
 BreakShield::BreakShield() {
     ++system().break_shields;
 }

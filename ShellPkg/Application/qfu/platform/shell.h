@@ -36,4 +36,8 @@ class BreakShield {
 /// reason is not excused by a break that came later.
 bool break_seen();
 
+/// The text of a shell variable, the shell's own; null when there is none.
+/// @param name  of at most 15 characters
+const CHAR16* shell_variable(const char* name);
+
 } // namespace platform

@@ -51,6 +51,11 @@ void attach(EFI_HANDLE image, EFI_SYSTEM_TABLE* table) {
     }
 }
 
+void restart(bool power_off) {
+    attached.runtime->ResetSystem(power_off ? EfiResetShutdown : EfiResetCold, EFI_SUCCESS, 0,
+                                  nullptr);
+}
+
 System& system() {
     return attached;
 }

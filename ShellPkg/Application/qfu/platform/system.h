@@ -52,6 +52,9 @@ struct System {
 /// Takes over the tables that the image's entry point was given and finds the running shell.
 void attach(EFI_HANDLE image, EFI_SYSTEM_TABLE* table);
 
+/// Starts the machine again, or turns it off. Returns when the firmware cannot.
+void restart(bool power_off);
+
 /// The attached tables.
 System& system();
 

@@ -95,12 +95,8 @@ class Line {
         }
     }
     void hand_over() {
-        if (length_ == 0) {
-            return; // a redirected console writes whatever is in its buffer for an empty text
-        }
         text_[length_] = 0;
-        SIMPLE_TEXT_OUTPUT_INTERFACE* console = system().table->ConOut;
-        console->OutputString(console, text_.data());
+        print(text_.data());
     }
 
   private:
@@ -165,6 +161,18 @@ void print(const char* message, std::initializer_list<PrintArgument> arguments) 
         line.put(static_cast<CHAR16>(static_cast<unsigned char>(*p)));
     }
     line.hand_over();
+}
+
+void set_color(Color color) {
+    SIMPLE_TEXT_OUTPUT_INTERFACE* console = system().table->ConOut;
+    console->SetAttribute(console, static_cast<UINTN>(color));
+}
+
+void print(const CHAR16* text) {
+    if (*text != 0) {
+        SIMPLE_TEXT_OUTPUT_INTERFACE* console = system().table->ConOut;
+        console->OutputString(console, const_cast<CHAR16*>(text));
+    }
 }
 
 KeyWait wait_for_key_1ms() {

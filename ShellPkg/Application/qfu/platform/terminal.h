@@ -34,6 +34,16 @@ inline constexpr std::size_t PRINT_LIMIT = 320;
 /// the text of a %s is handed over as it is.
 void print(const char* message, std::initializer_list<PrintArgument> arguments = {});
 
+/// Colours of text on black, by the firmware's numbers.
+enum class Color : std::uint8_t { PLAIN = 7, GREEN = 10, RED = 12 };
+
+/// Prints in a colour from now on.
+void set_color(Color color);
+
+/// Hands a text over to the console as it is. An empty one is not handed over: a redirected console
+/// would write whatever is in its buffer.
+void print(const CHAR16* text);
+
 /// A key stroke: a scan code for keys without a character, and the character (0 for such keys).
 struct Key {
     std::uint16_t scan_code;
