@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const std::string command(words[0].begin(), words[0].end());
     const bool has_range = std::regex_match(command, std::regex("backup|erase|blank"));
-    const bool has_file = std::regex_match(command, std::regex("write|verify|backup|restore"));
+    const bool has_file = std::regex_match(command, std::regex("write|verify|backup|restore|job"));
     EXPECT_EQ(request.has(flash::FILE) && request.file.text[0] != 0, has_file);
     EXPECT_EQ(given.contains("-sz"), has_range && given.contains("-addr"));
     EXPECT_FALSE(given.contains("-model") && given.contains("-adid"));
