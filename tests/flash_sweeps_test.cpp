@@ -196,4 +196,32 @@ TEST(FlashSweep, OverPowerLossesIsRepairedByRestore) {
     for_each_write([](const Write& write) { write.cut_power(); });
 }
 
+TEST(FlashSweep, OverFailingCallsOfAJobNeverClaimsMoreThanTheFlashHolds) {
+    const auto sweep_job = [](const Stage& stage, const Command& command, auto& clock,
+                              const auto& folder) {
+        const session::Sweep sweep(stage, command, clock, folder);
+        const lab::Bytes before = session::flash_of(stage);
+        const auto good = std::span(session::Sweep::good().flash).first(before.size());
+        const auto judge = [&](const Observation& seen) {
+            const lab::Bytes now = session::flash_of(stage);
+            bool explained = seen.misuses.empty();
+            for (std::size_t i = 0; i < now.size(); ++i) {
+                explained = explained && (now[i] == before[i] || now[i] == good[i]);
+            }
+            const bool holds = seen.status == kProved ? lab::equal(now, good)
+                               : seen.status == kNothingChanged
+                                   ? now == before && !changed_chips(seen)
+                                   : seen.status == kFailed;
+            return explained && holds
+                       ? ""
+                       : std::to_string(seen.status) + ": " + last_line(seen.console);
+        };
+        sweep.fail_calls("pool", 1, 1, judge);
+        sweep.fail_calls("file", 1, 1, judge);
+        sweep.fail_calls("break", 1, 499, judge);
+        sweep.fail_calls("memory read", 1, 1999, judge);
+    };
+    session::play(QFU_SOURCE_DIR "/tests/sessions/flash-job.txt", sweep_job);
+}
+
 } // namespace
