@@ -30,11 +30,11 @@ RULES = {
     "emulator": [r'"(guest|hardware|machine|observe|support|uefi)/\w+\.h"', r'"(qfu|flash)/main\.h"', ANY_LIBRARY],
     "spilist": [r'"support/\w+\.h"', r'"qfu/spi_list\.h"', ANY_LIBRARY],
     "jobs": [r'"flash/job_file\.h"', r'"support/\w+\.h"', ANY_LIBRARY],
-    "media": [r'"qfu/sha256\.h"', r"<efi\.h>", r"<cstring>", FREESTANDING],
+    "ShellPkg/Application/starter": [r'"qfu/sha256\.h"', r"<efi\.h>", r"<cstring>", FREESTANDING],
     "support": [ANY_LIBRARY],
 }
 # The only files that include UEFI headers.
-DOORS = {f"{PROGRAM}/platform/efi.h", "emulator/uefi/efi.h", "media/efi.h"}
+DOORS = {f"{PROGRAM}/platform/efi.h", "emulator/uefi/efi.h", "ShellPkg/Application/starter/efi.h"}
 
 complaints = []
 units = {}
