@@ -4,10 +4,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
 #include <stdexcept>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -23,23 +23,29 @@ std::string build_folder(const Platform& platform) {
     return QFU_BUILD_DIR "/" + std::string(platform.build);
 }
 
-/// QEMU with its serial console on a socket, and a thread that serves its adapters.
+/// QEMU with its serial console on pipes, and a thread that serves its adapters. Firmware writes
+/// byte by byte; a socket is full after 300 of them, and firmware then drops what it cannot write
+/// in time.
 class Qemu {
   public:
     Qemu(const emulator::GuestSetup& setup, emulator::GuestBridge& bridge) : bridge_(bridge) {
-        std::array<int, 2> ends{};
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-            throw std::runtime_error("no socket for QEMU");
+        std::array<int, 2> keys{};
+        std::array<int, 2> console{};
+        if (pipe2(keys.data(), O_CLOEXEC) != 0 || pipe2(console.data(), O_CLOEXEC) != 0) {
+            throw std::runtime_error("no pipes for QEMU");
         }
-        process_ = emulator::start_guest(setup, bridge, ends[1], ends[1]);
-        close(ends[1]);
-        console_ = ends[0];
+        process_ = emulator::start_guest(setup, bridge, keys[0], console[1]);
+        close(keys[0]);
+        close(console[1]);
+        keys_ = keys[1];
+        console_ = console[0];
         hardware_ = std::thread([&bridge] { bridge.serve(); });
     }
     ~Qemu() {
         kill(process_, SIGKILL);
         waitpid(process_, nullptr, 0);
         close(console_);
+        close(keys_);
         bridge_.stop();
         hardware_.join();
     }
@@ -80,14 +86,15 @@ class Qemu {
 
   private:
     void press(const std::string& keys) const {
-        if (!keys.empty() && write(console_, keys.data(), keys.size()) < 0) {
+        if (!keys.empty() && write(keys_, keys.data(), keys.size()) < 0) {
             throw std::runtime_error("the guest takes no keys");
         }
     }
 
     emulator::GuestBridge& bridge_;
     pid_t process_ = -1;
-    int console_ = -1;
+    int console_ = -1; ///< the end to read from
+    int keys_ = -1;    ///< the end to write to
     bool started_ = false;
     std::thread hardware_;
 };
