@@ -187,6 +187,19 @@ bool Chip::read_status(std::uint32_t& status) const {
     return qfu_spiflash_read_status(*adapter_, status) == 0 && step.undisturbed();
 }
 
+std::span<const std::uint32_t> id_opcodes(const QFU_ADAPTER& adapter) {
+    static constexpr std::array<std::uint32_t, 1> WITHOUT_LIST = {0x9F};
+    const QFU_CHIP_LIST* list = adapter.context->chip_list;
+    if (list == nullptr) {
+        return WITHOUT_LIST;
+    }
+    std::size_t count = 0;
+    while (count < list->id_opcodes.size() && list->id_opcodes[count] != 0) {
+        ++count;
+    }
+    return std::span(list->id_opcodes).first(count);
+}
+
 std::uint32_t read_identification(QFU_ADAPTER& adapter, const QFU_FLASH_SLOT& slot) {
     constexpr std::uint32_t NOTHING = 0xFFFFFFFF; // what a bus reads that nobody drives
     const Step step(IDENTIFICATION_US);
@@ -202,14 +215,7 @@ std::uint32_t read_identification(QFU_ADAPTER& adapter, const QFU_FLASH_SLOT& sl
         return id == NOTHING ? 0 : id;
     }
     const auto* record = static_cast<const QFU_CHIP_ENTRY*>(slot.chip);
-    const QFU_CHIP_LIST* list = adapter.context->chip_list;
-    constexpr std::array<std::uint32_t, 1> WITHOUT_LIST = {0x9F};
-    const std::span<const std::uint32_t> opcodes =
-        list != nullptr ? std::span<const std::uint32_t>(list->id_opcodes) : WITHOUT_LIST;
-    for (const std::uint32_t opcode : opcodes) {
-        if (opcode == 0) {
-            break;
-        }
+    for (const std::uint32_t opcode : id_opcodes(adapter)) {
         const bool answered =
             qfu_spiflash_read_id(adapter, static_cast<std::uint8_t>(opcode), id) == 0 && id != 0 &&
             id != NOTHING;

@@ -70,6 +70,10 @@ class Chip {
 /// @returns the answer, the first byte in bits 0 to 7; 0 without one
 std::uint32_t read_identification(QFU_ADAPTER& adapter, const QFU_FLASH_SLOT& slot);
 
+/// The opcodes to try for a chip's identification: those of the chip list, or the usual one without
+/// a list.
+std::span<const std::uint32_t> id_opcodes(const QFU_ADAPTER& adapter);
+
 /// How long the pauses of one step on a chip may last together, in microseconds. The slowest chips
 /// need a few seconds to erase a block.
 inline constexpr std::uint64_t IDENTIFICATION_US = 2'000'000;

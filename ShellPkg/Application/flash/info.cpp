@@ -6,16 +6,8 @@
 namespace flash {
 namespace {
 
-/// Answers to the identification opcodes of the list, or to the usual one without a list.
 void print_answers(QFU_ADAPTER& adapter) {
-    const QFU_CHIP_LIST* list = adapter.context->chip_list;
-    constexpr std::array<std::uint32_t, 1> USUAL = {0x9F};
-    const std::span<const std::uint32_t> opcodes =
-        list != nullptr ? std::span<const std::uint32_t>(list->id_opcodes) : USUAL;
-    for (const std::uint32_t opcode : opcodes) {
-        if (opcode == 0) {
-            break;
-        }
+    for (const std::uint32_t opcode : id_opcodes(adapter)) {
         std::uint32_t id = 0;
         platform::limit_pauses(IDENTIFICATION_US);
         say("identification @: ", {Hex(opcode)});

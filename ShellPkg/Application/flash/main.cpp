@@ -104,7 +104,7 @@ Outcome run_task(Task& task, Adapters& adapters, const Record& record, bool only
     const Chip chip(*task.choice.adapter, slot,
                     adapters.id[task.choice.adapter->index][task.choice.chip_select]);
     if (!chip.has_usable_units()) {
-        return refused("the chip list has impossible erase units for the chip");
+        return refused("the chip list has impossible erase units");
     }
     Task on_chip = task; // the chip does not outlive this routine
     on_chip.chip = &chip;
